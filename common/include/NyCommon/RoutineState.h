@@ -1,0 +1,17 @@
+// The state of a routine. The numbers are published in routine documents and never change.
+#pragma once
+
+#include <cstdint>
+
+namespace NyCommon {
+
+enum class RoutineState : std::int32_t {
+    Ready = 0,               // "Ready to start"
+    Running = 1,             // "Running"
+    WaitingForFeedback = 2,  // "Waiting for user feedback"
+    Completed = 3,           // "Stopped due to completion"
+    Aborted = 4,             // "Stopped due to abort"
+    Failed = 5,              // "Stopped due to failure"
+};
+
+}  // namespace NyCommon

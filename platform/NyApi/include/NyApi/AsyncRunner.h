@@ -1,0 +1,41 @@
+// `Ny::AsyncRunner`: runs queued jobs one at a time, in order, on a thread of its own.
+//
+// `Run` queues and returns at once. The runner owns its thread: the thread starts with the first job
+// and is joined by the destructor. Destruction waits for the job in progress to return and drops the
+// jobs still queued behind it (they are destroyed without running): an owner that is going away must
+// not have its code called back while it dies. A job that throws is logged (caught-failure level) and
+// the runner goes on with the next job. Thread-safe, except that a job must not destroy its runner.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace Ny {
+
+class AsyncRunner {
+public:
+    AsyncRunner() = default;
+    ~AsyncRunner();
+    AsyncRunner(const AsyncRunner&) = delete;
+    AsyncRunner& operator=(const AsyncRunner&) = delete;
+
+    // Queues `job`. After destruction has begun the job is dropped.
+    void Run(std::function<void()> job);
+
+    // True on the runner's own thread (for assertions and diagnostics).
+    bool IsRunnerThread() const;
+
+private:
+    void Loop();
+
+    mutable std::mutex mutex;                // guards queue, stopping and worker's start
+    std::condition_variable wake;            // a job was queued or stopping was set
+    std::deque<std::function<void()>> queue;  // guarded by mutex
+    bool stopping = false;                   // guarded by mutex
+    std::thread worker;                      // started under mutex by the first Run; joined by ~AsyncRunner
+};
+
+}  // namespace Ny

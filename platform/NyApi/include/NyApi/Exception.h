@@ -1,0 +1,70 @@
+// `Ny::Exception`: the failure type of the API library and of everything built on it.
+//
+// An exception carries the source line and file where it was made, a status (see the status table
+// in the README; 0 for a wrapped exception that had none), a context (the qualified name of the
+// throwing function) and an optional printf-style message, formatted at construction (positional
+// placeholders such as "%1$s" and "%2$u" work). Context is added by catching, releasing what is held
+// and throwing a new exception with the caught one nested (`std::throw_with_nested`).
+//
+// Use the NY_EXCEPTION macro to fill in line, file and function:
+//     throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <vector>
+
+namespace Ny {
+
+class Exception : public std::exception {
+public:
+    // `format` may be null (no message). Throws nothing itself.
+    // No printf format attribute: the compiler's checker flags positional placeholders under -Wpedantic.
+    Exception(int line, const char* file, int status, const char* context, const char* format = nullptr, ...);
+
+    int Status() const noexcept { return status; }
+    int Line() const noexcept { return line; }
+    const std::string& File() const noexcept { return file; }
+    const std::string& Context() const noexcept { return context; }
+    // The formatted message; empty when none was given.
+    const std::string& Message() const noexcept { return message; }
+    // The message, or "<context> failed with status <n>" when there is none.
+    const char* what() const noexcept override { return text.c_str(); }
+
+    // Writes the message of `e` and of every exception nested in it to the debug log, one line each,
+    // with the given level word (0 means the caught-failure level).
+    static void LogException(const std::exception& e, std::uint64_t levelWord);
+    // Writes where each exception of the chain of `e` was made (file, line, context).
+    static void LogBackTrace(const std::exception& e);
+
+    // The texts of the exceptions nested inside `e`, outermost first (not including `e` itself).
+    static std::vector<std::string> NestedMessages(const std::exception& e);
+
+private:
+    int line;
+    std::string file;
+    int status;
+    std::string context;
+    std::string message;
+    std::string text;
+};
+
+// The status of `e` if it is a `Ny::Exception`, else 0.
+int StatusOf(const std::exception& e) noexcept;
+
+}  // namespace Ny
+
+#include "NyApi/Logging.h"
+
+#define NY_EXCEPTION(status, ...) \
+    ::Ny::Exception(__LINE__, __FILE__, (status), ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str() __VA_OPT__(, ) __VA_ARGS__)
+
+// Throws `Ny::Exception` with the runtime status `s` (no message) unless it is `NyRt::Ok`.
+#define NY_CHECK_RT(expr)                                   \
+    do {                                                    \
+        const int nyStatus_ = (expr);                       \
+        if (nyStatus_ != 1) {                               \
+            throw NY_EXCEPTION(nyStatus_);                  \
+        }                                                   \
+    } while (false)

@@ -1,0 +1,49 @@
+// The process-wide debug log of the API library.
+//
+// Every line carries the source line and file, a 64-bit level word, a context (usually the qualified
+// function name) and a printf-style text; positional placeholders ("%1$s") are supported. Lines go to
+// one sink for the whole process. Without a sink lines are dropped before they are formatted, so
+// logging on hot paths costs one atomic load. Thread-safe: any thread may log while another replaces
+// the sink; a line already being delivered finishes with the sink it started with.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Ny::Logging {
+
+namespace Level {
+inline constexpr std::uint64_t Progress = 0x8000000000000000ULL;        // the engine's progress lines
+inline constexpr std::uint64_t Notice = 0x8000000000000001ULL;          // aborting all, read-only refusals
+inline constexpr std::uint64_t CaughtFailure = 0x8000000000000002ULL;   // caught failures
+inline constexpr std::uint64_t ManagerRefusal = 0x8000000100000001ULL;  // creation refused
+inline constexpr std::uint64_t Validation = 0x8000000100000002ULL;      // parameter validation failures
+}  // namespace Level
+
+struct LogRecord {
+    int line = 0;
+    std::string file;
+    std::uint64_t levelWord = 0;
+    std::string context;
+    std::string text;
+    std::uint32_t threadId = 0;
+};
+
+using LogSink = std::function<void(const LogRecord&)>;
+
+void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context, const char* format,
+                  ...);  // positional placeholders: no format attribute (see Exception.h)
+
+// Replaces the process-wide sink (an empty function drops every line); returns the previous sink.
+LogSink SetSink(LogSink sink);
+
+}  // namespace Ny::Logging
+
+#define NY_LOG(levelWord, ...) \
+    ::Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, (levelWord), ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str(), __VA_ARGS__)
+
+namespace Ny {
+// "void Ny::Foo<T>::Bar(int) [with T = int]" -> "Ny::Foo<T>::Bar": the qualified function name.
+std::string QualifiedName(const char* prettyFunction);
+}  // namespace Ny

@@ -1,0 +1,68 @@
+#include "NyApi/AsyncRunner.h"
+
+#include <exception>
+
+#include "NyApi/Exception.h"
+#include "NyApi/Logging.h"
+
+namespace Ny {
+
+AsyncRunner::~AsyncRunner() {
+    std::deque<std::function<void()>> dropped;
+    {
+        std::lock_guard guard(mutex);
+        stopping = true;
+        dropped.swap(queue);
+    }
+    wake.notify_all();
+    if (worker.joinable()) {
+        worker.join();
+    }
+    // `dropped` goes here, outside the lock: destroying a job may release objects with destructors
+    // of their own.
+}
+
+void AsyncRunner::Run(std::function<void()> job) {
+    {
+        std::lock_guard guard(mutex);
+        if (stopping) {
+            return;
+        }
+        queue.push_back(std::move(job));
+        if (!worker.joinable()) {
+            worker = std::thread([this] { Loop(); });
+        }
+    }
+    wake.notify_one();
+}
+
+bool AsyncRunner::IsRunnerThread() const {
+    std::lock_guard guard(mutex);
+    return worker.get_id() == std::this_thread::get_id();
+}
+
+void AsyncRunner::Loop() {
+    for (;;) {
+        std::function<void()> job;
+        {
+            std::unique_lock guard(mutex);
+            wake.wait(guard, [this] { return stopping || !queue.empty(); });
+            if (stopping) {
+                return;
+            }
+            job = std::move(queue.front());
+            queue.pop_front();
+        }
+        try {
+            job();
+        } catch (const std::exception& e) {
+            NY_LOG(Logging::Level::CaughtFailure, "AsyncRunner job exception: %s", e.what());
+            Exception::LogException(e, 0);
+            Exception::LogBackTrace(e);
+        } catch (...) {
+            NY_LOG(Logging::Level::CaughtFailure, "AsyncRunner job exception of unknown type");
+        }
+    }
+}
+
+}  // namespace Ny

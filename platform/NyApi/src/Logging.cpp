@@ -1,0 +1,106 @@
+#include "NyApi/Logging.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "NyRuntime/Runtime.h"
+
+namespace Ny::Logging {
+
+namespace {
+
+std::mutex sinkMutex;
+std::shared_ptr<const LogSink> sink;  // guarded by sinkMutex
+std::atomic<bool> hasSink{false};     // written under sinkMutex, read relaxed as a fast "anyone listening?"
+
+}  // namespace
+
+LogSink SetSink(LogSink next) {
+    auto shared = next ? std::make_shared<const LogSink>(std::move(next)) : nullptr;
+    std::lock_guard guard(sinkMutex);
+    hasSink.store(shared != nullptr, std::memory_order_relaxed);
+    auto previous = std::exchange(sink, std::move(shared));
+    return previous ? *previous : LogSink{};
+}
+
+void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context, const char* format,
+                  ...) {
+    if (!hasSink.load(std::memory_order_relaxed) || format == nullptr) {
+        return;
+    }
+    std::shared_ptr<const LogSink> current;
+    {
+        std::lock_guard guard(sinkMutex);
+        current = sink;
+    }
+    if (!current) {
+        return;
+    }
+    LogRecord record;
+    record.line = line;
+    record.file = file ? file : "";
+    record.levelWord = levelWord;
+    record.context = context ? context : "";
+    record.threadId = NyRt::CurrentThreadId();
+    va_list args;
+    va_start(args, format);
+    va_list copy;
+    va_copy(copy, args);
+    const int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    if (length > 0) {
+        record.text.assign(static_cast<size_t>(length), '\0');
+        std::vsnprintf(record.text.data(), record.text.size() + 1, format, args);
+    }
+    va_end(args);
+    (*current)(record);
+}
+
+}  // namespace Ny::Logging
+
+namespace Ny {
+
+std::string QualifiedName(const char* prettyFunction) {
+    std::string_view text(prettyFunction ? prettyFunction : "");
+    // Drop a trailing " [with T = ...]" and find the parameter list that closes the name: the last
+    // top-level "(...)" before the end (qualifiers such as "const" may follow it).
+    if (const auto with = text.find(" [with "); with != std::string_view::npos) {
+        text = text.substr(0, with);
+    }
+    size_t close = text.rfind(')');
+    if (close == std::string_view::npos) {
+        return std::string(text);
+    }
+    int depth = 0;
+    size_t open = close;
+    for (size_t i = close + 1; i-- > 0;) {
+        if (text[i] == ')') {
+            ++depth;
+        } else if (text[i] == '(' && --depth == 0) {
+            open = i;
+            break;
+        }
+    }
+    // Walk back over the name; spaces inside template arguments belong to it.
+    size_t begin = 0;
+    int angle = 0;
+    for (size_t i = open; i-- > 0;) {
+        const char c = text[i];
+        if (c == '>') {
+            ++angle;
+        } else if (c == '<') {
+            --angle;
+        } else if ((c == ' ' || c == '*' || c == '&') && angle == 0) {
+            begin = i + 1;
+            break;
+        }
+    }
+    return std::string(text.substr(begin, open - begin));
+}
+
+}  // namespace Ny

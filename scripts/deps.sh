@@ -1,0 +1,24 @@
+# Sourced by scripts/test, scripts/run and scripts/bench: installs the Debian packages the build needs,
+# quietly and only when one is missing.
+nyr_install_packages() {
+    local missing=()
+    local pkg
+    for pkg in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+            missing+=("$pkg")
+        fi
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        return 0
+    fi
+    echo "Installing: ${missing[*]}"
+    local sudo=""
+    if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+    export DEBIAN_FRONTEND=noninteractive
+    if ! $sudo apt-get install -y -qq "${missing[@]}" >/dev/null; then
+        $sudo apt-get update -qq >/dev/null
+        $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+    fi
+}
+
+NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev curl)

@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "NyApi/Locker.h"
+#include "NyApi/Object.h"
+#include "NyRuntime/Runtime.h"
+#include "LogCapture.h"
+
+namespace {
+
+TEST(RuntimeLock, HolderMayEnterAgainAndOthersWaitUntilFullyReleased) {
+    Ny::Object<NyRt::Lock> lock;
+    ASSERT_EQ(NyRt::LockCreate(lock.Out()), NyRt::Ok);
+    ASSERT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+    ASSERT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);  // re-entry
+
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+        EXPECT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+        entered = true;
+        EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    });
+    // Another thread cannot get in while we hold it: a timed enter from a third thread expires.
+    std::thread probe([&] { EXPECT_EQ(NyRt::LockEnter(lock.Get(), 1000), NyRt::TimedOut); });
+    probe.join();
+    ASSERT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    EXPECT_FALSE(entered.load());  // still held once
+    ASSERT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    other.join();
+    EXPECT_TRUE(entered.load());
+}
+
+TEST(RuntimeLock, ExitByNonOwnerIsRefused) {
+    Ny::Object<NyRt::Lock> lock;
+    ASSERT_EQ(NyRt::LockCreate(lock.Out()), NyRt::Ok);
+    EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::NotOwner);
+    ASSERT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+    std::thread([&] { EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::NotOwner); }).join();
+    EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+}
+
+TEST(RuntimeSemaphore, WaitReturnsAfterPostAndTimesOutWithout) {
+    Ny::Object<NyRt::Semaphore> semaphore;
+    ASSERT_EQ(NyRt::SemaphoreCreate(semaphore.Out(), 0), NyRt::Ok);
+    EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get(), 1000), NyRt::TimedOut);
+    std::thread poster([&] { EXPECT_EQ(NyRt::SemaphorePost(semaphore.Get()), NyRt::Ok); });
+    EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get()), NyRt::Ok);
+    poster.join();
+    EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get(), 0), NyRt::TimedOut);
+}
+
+NyRt::Status ReturnArgument(void* argument) { return *static_cast<int*>(argument); }
+
+TEST(RuntimeThread, JoinOfUnstartedThreadReturnsAtOnceAndRestartAfterReturnWorks) {
+    Ny::Object<NyRt::Thread> thread;
+    ASSERT_EQ(NyRt::ThreadCreate(thread.Out()), NyRt::Ok);
+    NyRt::Status exit = 42;
+    EXPECT_EQ(NyRt::ThreadJoin(thread.Get(), NyRt::NoTimeout, &exit), NyRt::Ok);
+    EXPECT_EQ(exit, 0);
+
+    int value = 7;
+    ASSERT_EQ(NyRt::ThreadSetName(thread.Get(), "NyTest.Worker"), NyRt::Ok);
+    ASSERT_EQ(NyRt::ThreadStart(thread.Get(), ReturnArgument, &value), NyRt::Ok);
+    EXPECT_EQ(NyRt::ThreadJoin(thread.Get(), NyRt::NoTimeout, &exit), NyRt::Ok);
+    EXPECT_EQ(exit, 7);
+
+    value = -988;
+    ASSERT_EQ(NyRt::ThreadStart(thread.Get(), ReturnArgument, &value), NyRt::Ok);
+    EXPECT_EQ(NyRt::ThreadJoin(thread.Get(), NyRt::NoTimeout, &exit), NyRt::Ok);
+    EXPECT_EQ(exit, -988);
+}
+
+TEST(RuntimeThread, StartWhileRunningIsBusy) {
+    Ny::Object<NyRt::Semaphore> release;
+    ASSERT_EQ(NyRt::SemaphoreCreate(release.Out(), 0), NyRt::Ok);
+    Ny::Object<NyRt::Thread> thread;
+    ASSERT_EQ(NyRt::ThreadCreate(thread.Out()), NyRt::Ok);
+    auto waitForRelease = [](void* semaphore) {
+        return NyRt::SemaphoreWait(static_cast<NyRt::Semaphore*>(semaphore));
+    };
+    ASSERT_EQ(NyRt::ThreadStart(thread.Get(), waitForRelease, release.Get()), NyRt::Ok);
+    EXPECT_EQ(NyRt::ThreadStart(thread.Get(), waitForRelease, release.Get()), NyRt::Busy);
+    EXPECT_EQ(NyRt::ThreadJoin(thread.Get(), 1000), NyRt::TimedOut);
+    ASSERT_EQ(NyRt::SemaphorePost(release.Get()), NyRt::Ok);
+    EXPECT_EQ(NyRt::ThreadJoin(thread.Get()), NyRt::Ok);
+}
+
+TEST(Locker, FailedEnterThrowsRuntimeStatusAndFailedExitIsLoggedNotThrown) {
+    NyTest::LogCapture log;
+    Ny::Object<NyRt::Lock> lock;
+    ASSERT_EQ(NyRt::LockCreate(lock.Out()), NyRt::Ok);
+    ASSERT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+    std::thread([&] {
+        try {
+            Ny::Locker locker(lock.Get(), 1000);
+            ADD_FAILURE() << "entered a lock held elsewhere";
+        } catch (const Ny::Exception& e) {
+            EXPECT_EQ(e.Status(), NyRt::TimedOut);
+        }
+    }).join();
+    {
+        Ny::Locker nested(lock.Get());  // re-entry, then a normal exit
+    }
+    ASSERT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    {
+        Ny::Locker locker(lock.Get());
+        ASSERT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);  // leaves the Locker's exit to fail
+    }
+    const auto lines = log.Texts(Ny::Logging::Level::CaughtFailure);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "Exception thrown in destructor");
+}
+
+TEST(RuntimeLog, LinesReachTheSinkFormatted) {
+    NyTest::LogCapture log;
+    NyRt::Log("RoutinesResource::SetRoutineParams: %s", "not updating parameters");
+    EXPECT_EQ(log.RuntimeLines(), std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
+}
+
+}  // namespace
