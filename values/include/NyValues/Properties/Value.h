@@ -1,0 +1,144 @@
+// Typed property values: `Internal::ValueWrapper<T>` (a polymorphic holder of one T),
+// `Value<T>` (a property node holding one T, with a notifying store and its JSON schema) and the
+// schema leaf `Internal::NodeType` (the JSON schema type name).
+//
+// Storing a value equal to the current one does nothing. Storing a different one first calls the
+// node's change handlers (which still see the old value), then stores it. Values take no locks; the
+// owner of the tree serializes access (see Ny::Properties::Node).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+
+#include "NyApi/Exception.h"
+#include "NyApi/Properties/Structure.h"
+#include "NyApi/Properties/ValueBase.h"
+#include "NyValues/Properties/ValueTraits.h"
+
+namespace Ny::Properties {
+
+namespace Internal {
+
+template <typename T>
+class ValueWrapper {
+public:
+    ValueWrapper() : value() {}
+    explicit ValueWrapper(const T& initial) : value(initial) {}
+    ValueWrapper(const ValueWrapper&) = delete;
+
+    virtual ValueWrapper& operator=(const T& incoming) {
+        if (&incoming != &value) {
+            value = incoming;
+        }
+        return *this;
+    }
+    virtual ValueWrapper& Set(const T& incoming) { return operator=(incoming); }
+    // The effective value: the stored one here; parameter values may give another.
+    virtual const T& Get() const { return value; }
+    virtual const T& Stored() const { return value; }
+    virtual T& Stored() { return value; }
+    virtual operator const T&() const { return Get(); }
+    virtual ~ValueWrapper() = default;
+    virtual bool operator==(const ValueWrapper& other) const { return Get() == static_cast<const T&>(other); }
+    virtual bool operator==(const T& other) const { return Get() == other; }
+
+protected:
+    T value;
+};
+
+// A schema leaf: writes its type name; never read (status -996) and always write-only.
+class NodeType : public ValueBase {
+public:
+    explicit NodeType(const char* nameIn = "") : name(nameIn) { Node::SetWriteOnly(true); }
+    ~NodeType() override = default;
+
+    void CopyValues(const Node& other) override {
+        const auto& source = dynamic_cast<const NodeType&>(other);
+        if (&source != this) {
+            name = source.name;
+        }
+        CopySchema(other);
+    }
+    // Accepts true silently; a schema leaf can never be made readable (status -982).
+    void SetWriteOnly(bool writeOnly) override {
+        if (!writeOnly) {
+            throw Ny::Exception(__LINE__, __FILE__, -982, "Ny::Properties::Internal::NodeType::SetWriteOnly");
+        }
+    }
+    void Read(ValueReader&) override {
+        throw Ny::Exception(__LINE__, __FILE__, -996, "Ny::Properties::Internal::NodeType::Read");
+    }
+    void Write(ValueWriter& writer) const override { writer.WriteString(name.c_str()); }
+    void Validate(ValueReader&) override {}
+
+    std::string name;
+};
+
+}  // namespace Internal
+
+template <typename T>
+class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
+    using Traits = Internal::ValueTraits<T>;
+    using Wrapper = Internal::ValueWrapper<T>;
+
+public:
+    Value() : Value(T()) {}
+    explicit Value(const T& initial) : Wrapper(initial), type(Traits::TypeName) {
+        RegisterSchema("type", type);
+        if constexpr (Internal::IsArrayValue<T>::value) {
+            itemSchema = std::make_unique<Structure>(false);
+            RegisterSchema("items", *itemSchema);
+            itemType.name = Traits::ItemTypeName;
+            static_cast<Structure&>(*itemSchema).Register("type", itemType);
+        }
+    }
+    ~Value() override = default;
+
+    Value& operator=(const T& incoming) override {
+        Store(incoming);
+        return *this;
+    }
+    Value& Set(const T& incoming) override { return operator=(incoming); }
+    using Wrapper::operator==;
+
+    // Takes `other`'s effective value (other must be a Value<T>, else std::bad_cast) and its schema.
+    void CopyValues(const Node& other) override {
+        const auto& source = dynamic_cast<const Value<T>&>(other);
+        Store(static_cast<const T&>(source));
+        CopySchema(other);
+    }
+
+    void Read(ValueReader& reader) override { Store(Traits::Read(reader)); }
+    void Write(ValueWriter& writer) const override { Traits::Write(writer, this->Stored()); }
+    void Validate(ValueReader& reader) override {
+        const T incoming = Traits::Read(reader);
+        if (incoming == this->Stored()) {
+            return;
+        }
+        CheckValidation(incoming);
+    }
+
+    // Refuses an incoming value by throwing; nothing to check for a plain value.
+    virtual void CheckValidation(const T& incoming) { static_cast<void>(incoming); }
+
+protected:
+    // The notifying store: no-op for an equal value, else handlers first (they see the old value).
+    void Store(const T& incoming) {
+        if (incoming == this->Stored()) {
+            return;
+        }
+        NotifyChange();
+        if (&incoming != &this->value) {
+            this->value = incoming;
+        }
+    }
+
+private:
+    std::unique_ptr<Node> itemSchema;  // array values only: {"type": <item type>}
+    Internal::NodeType type;
+    Internal::NodeType itemType;
+};
+
+}  // namespace Ny::Properties
