@@ -41,6 +41,9 @@ public:
     virtual void ClearAllRoutines() = 0;
     // A new creation parameter group of the type, or empty. Throws -999 for an unknown type.
     virtual std::unique_ptr<Ny::Params::Group> GetCreateParams(const std::string& typeName) = 0;
+    // Like GetInstance, but keeps the routine alive while the result is held, also when another
+    // request removes it meanwhile. Request handlers use this.
+    virtual std::shared_ptr<NyRoutine::Internal::RoutineInstance> AcquireInstance(const std::string& id) = 0;
 };
 
 }  // namespace NyCommon

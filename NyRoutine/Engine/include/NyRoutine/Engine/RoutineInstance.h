@@ -1,0 +1,206 @@
+// `RoutineInstance`: one live routine. Runs the plug-in's routine code on a thread of its own, waits
+// for the user's continue between steps, guards the routine's parameters and results, and ends the
+// routine exactly once, whichever way the end comes (completion, abort, failure, deletion).
+//
+// Ownership: the routine manager owns each instance (in its entry, beside the routine object); REST
+// requests may hold an instance for the duration of one request (RoutineManager::AcquireInstance), so
+// the destructor runs on whichever thread lets go last.
+//
+// Threads:
+//   - the creating thread runs the constructor and Start(), and waits in Start() for the first continue
+//     unless the type skips start parameters (also released by Abort, deletion and clearing);
+//   - the runner runs Run, each continue callback and the end job, one at a time, in order;
+//   - the completion-wait thread "NyRoutInst.Wt" polls every 100 ms until the routine is ready for
+//     completion or aborted;
+//   - client threads call Continue, Abort, the getters and the lock operations, from anywhere.
+// Locks, in the order they may be taken:
+//   1. `lock`, the runtime's re-entrant instance lock: guards the state transitions, the parameter and
+//      result publication and the client locks (held by clients across calls between LockParams and
+//      UnlockParams, LockResults and UnlockResults). The updated event is raised with it held when
+//      results are set and when written parameters are unlocked (clients read the new values there).
+//   2. `fieldsMutex` guards the four text fields; `callbackMutex` the continue and completion callbacks;
+//      `startMutex` the two semaphores; `waitThreadMutex` the completion-wait thread's holder. None of
+//      these is held while calling routine code or raising an event, and none is taken under another.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "NyApi/AsyncRunner.h"
+#include "NyApi/Event.h"
+#include "NyApi/Object.h"
+#include "NyCommon/IRoutineInstance.h"
+#include "NyCore/Core.h"
+#include "NyRoutine/IRoutine.h"
+#include "NyRoutine/IRoutineHost.h"
+#include "NyRoutine/RoutineInfo.h"
+#include "NyRuntime/Runtime.h"
+
+namespace Ny::Properties {
+class Structure;
+}
+
+namespace NyRoutine::Internal {
+
+class RoutineInstance;
+
+// The IRoutineHost handed to routine code: forwards every call to its instance.
+class RoutineInstanceHost : public IRoutineHost {
+public:
+    RoutineInstanceHost(RoutineInstance* instance, NyCore::Core* core) : instance(instance), core(core) {}
+
+    bool GetParams(Ny::Properties::Structure& params,
+                   std::function<void(Ny::Properties::Structure&)> onChanged) override;
+    void SetResults(const Ny::Properties::Structure* results) override;
+    void SetTotalSteps(unsigned int total) override;
+    void SetCurrentStep(unsigned int step, const std::string& info) override;
+    void SetCurrentProgress(unsigned int progress) override;
+    void SetHelpHtml(const std::string& html, int mode) override;
+    void SetHelpUrl(const std::string& url) override;
+    bool WaitForContinue(std::function<void(IRoutineHost&)> onContinue) override;
+    bool IsAborted() override;
+    bool IsFailed() override;
+    void SetFailedState(std::string details) override;
+    void SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) override;
+    void ReadyForCompletion() override;
+    NyCore::Core* Core() override { return core; }
+
+private:
+    RoutineInstance* instance;
+    NyCore::Core* core;
+};
+
+class RoutineInstance : public NyCommon::IRoutineInstance {
+public:
+    using RoutineState = NyCommon::RoutineState;
+
+    // Throws Ny::Exception with the runtime's status when the lock or the thread object cannot be made.
+    RoutineInstance(std::shared_ptr<IRoutine> routine, NyCore::Core* core, std::string id, const RoutineInfo* typeInfo);
+    // Ends the routine if it is still active, waits for its jobs, raises DeletedEvent once and frees the
+    // results. Never throws.
+    ~RoutineInstance() override;
+    RoutineInstance(const RoutineInstance&) = delete;
+    RoutineInstance& operator=(const RoutineInstance&) = delete;
+
+    // Queues Run and, unless the type skips start parameters, waits for the first Continue (or an
+    // abort, a deletion or a clear). Throws -1000 "Routine must be in READY state to start." outside
+    // Ready, and "Routine Instance start failed." (nesting the cause) when it cannot start.
+    void Start() override;
+    // Resumes a routine that waits for feedback (any state is accepted). Thread-safe.
+    void Continue() override;
+    // Ends the routine as aborted; running routine code learns it from IsAborted. Thread-safe. Passes
+    // on an exception of the routine's completion callback (the routine has ended nonetheless).
+    void Abort() override;
+
+    RoutineState State() const override { return state.load(); }
+    std::string StateDetails() const override;
+    std::string HelpHtml() const override;
+    std::string HelpUrl() const override;
+    unsigned int TotalSteps() const override { return totalSteps.load(); }
+    unsigned int CurrentStep() const override { return currentStep.load(); }
+    std::string CurrentStepInfo() const override;
+    unsigned int CurrentProgress() const override { return currentProgress.load(); }
+    Ny::Event<std::string>& UpdatedEvent() override { return updatedEvent; }
+    Ny::Event<std::string>& StepsUpdatedEvent() override { return stepsUpdatedEvent; }
+    Ny::Event<std::string>& DeletedEvent() override { return deletedEvent; }
+
+    const RoutineInfo* TypeInfo() const { return typeInfo; }
+    const std::string& Id() const { return id; }
+    void SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx);
+    void ReadyForCompletion() { readyForCompletion = true; }
+    void SetFailedState(const std::string& details);
+
+    // Reporting (routine code, through its host). Steps beyond the total and progress beyond 100 throw
+    // -997; a new step or progress value raises StepsUpdatedEvent.
+    void SetTotalSteps(unsigned int total) { totalSteps = total; }
+    void SetCurrentStep(unsigned int step, const std::string& info);
+    void SetCurrentProgress(unsigned int progress);
+    void SetHelpHtml(std::string html, int mode);
+    void SetHelpUrl(std::string url);
+
+    // Client access to parameters and results. Each Lock takes the instance lock (waiting without
+    // time-out) and must be followed by exactly one Unlock on the same thread, also on failure.
+    // LockParams(true) returns null (lock held for reading) unless the parameters are open for writing.
+    Ny::Properties::Structure* LockParams(bool forWriting);
+    // After a write: calls the routine's change callback and raises UpdatedEvent, then releases.
+    void UnlockParams();
+    const Ny::Properties::Structure* LockResults();
+    void UnlockResults();
+
+    // Lets a creating caller waiting in Start go (it then returns normally). Used by the manager when
+    // the routine is removed or cleared; Abort calls it too. Thread-safe, idempotent.
+    void ReleaseStartWaiter();
+
+private:
+    friend class RoutineInstanceHost;
+
+    bool GetParams(Ny::Properties::Structure& params, std::function<void(Ny::Properties::Structure&)> fx);
+    void SetResults(const Ny::Properties::Structure* results);
+    bool WaitForContinue(std::function<void(IRoutineHost&)> fx);
+    bool IsAborted() const { return aborted.load(); }
+    bool IsFailed() const { return state.load() == RoutineState::Failed; }
+
+    void RunCallbackWrapper(IRoutineHost& host);
+    void ContinueCallbackWrapper(IRoutineHost& host, std::function<void(IRoutineHost&)>& callback);
+    void WaitForCompletion();
+    void StartWaitThread();
+    static NyRt::Status WaitingForCompletionThreadFx(void* instance);
+    void EndRoutine();
+    void Completed();
+    void Fail(const std::string& details);
+    bool HasContinueFx() const;
+    bool HasCompletionFx() const;
+    void OnUpdated();
+    void OnStepsUpdated();
+    void OnDeleted();
+
+    const std::uint32_t maxProgress;
+    std::unique_ptr<RoutineInstanceHost> host;
+    std::shared_ptr<IRoutine> routine;
+    const RoutineInfo* typeInfo;
+    std::unique_ptr<Ny::AsyncRunner> runner;
+    std::function<void(Ny::Properties::Structure&)> paramsFx;      // guarded by lock
+    std::function<void(IRoutineHost&)> continueFx;                 // guarded by callbackMutex
+    std::function<void(IRoutineHost&, bool)> completionFx;         // guarded by callbackMutex
+    Ny::Object<NyRt::Thread> waitThread;                           // guarded by waitThreadMutex
+    const std::string id;
+    Ny::Properties::Structure* params = nullptr;                   // guarded by lock
+    std::atomic<bool> paramsLocked{false};     // written under lock; read before entering it (log hint)
+    bool paramsWriting = false;                // guarded by lock
+    bool paramsEditable = false;               // guarded by lock
+    std::atomic<bool> startParamsReceived{false};
+    std::atomic<bool> runFinished{false};
+    std::atomic<bool> readyForCompletion{false};
+    std::atomic<bool> completionDone{false};
+    const Ny::Properties::Structure* results = nullptr;            // guarded by lock
+    std::atomic<bool> resultsLocked{false};    // written under lock; read before entering it (log hint)
+    std::atomic<RoutineState> state{RoutineState::Ready};  // changed under lock, read anywhere
+    std::string stateDetails;                  // guarded by fieldsMutex
+    std::string helpHtml;                      // guarded by fieldsMutex
+    std::string helpUrl;                       // guarded by fieldsMutex
+    std::atomic<bool> aborted{false};          // set under lock, read anywhere
+    std::atomic<bool> deleting{false};
+    std::atomic<std::uint32_t> totalSteps{0};
+    std::atomic<std::uint32_t> currentStep{0};
+    std::string currentStepInfo;               // guarded by fieldsMutex
+    std::atomic<std::uint32_t> currentProgress{0};
+    Ny::Object<NyRt::Semaphore> startSemaphore;       // guarded by startMutex
+    Ny::Object<NyRt::Semaphore> completionSemaphore;  // guarded by startMutex
+    Ny::Object<NyRt::Lock> lock;
+    std::atomic<std::int32_t> ended{0};        // 0 -> 1 once, by EndRoutine
+    Ny::Event<std::string> updatedEvent;
+    Ny::Event<std::string> stepsUpdatedEvent;
+    Ny::Event<std::string> deletedEvent;
+
+    mutable std::mutex fieldsMutex;
+    mutable std::mutex callbackMutex;
+    std::mutex startMutex;
+    std::mutex waitThreadMutex;
+    bool startReleased = false;                // guarded by startMutex: no caller may wait in Start any more
+};
+
+}  // namespace NyRoutine::Internal

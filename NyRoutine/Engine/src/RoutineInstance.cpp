@@ -1,0 +1,568 @@
+#include "NyRoutine/Engine/RoutineInstance.h"
+
+#include <cstring>
+#include <exception>
+
+#include "NyApi/Exception.h"
+#include "NyApi/Locker.h"
+#include "NyApi/Logging.h"
+
+namespace NyRoutine::Internal {
+
+namespace {
+using Ny::Logging::Level::CaughtFailure;
+using Ny::Logging::Level::Progress;
+constexpr std::uint64_t CompletionPollUs = 100000;
+}  // namespace
+
+RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Core* core, std::string idIn,
+                                 const RoutineInfo* typeInfoIn)
+    : maxProgress(100),
+      routine(std::move(routineIn)),
+      typeInfo(typeInfoIn),
+      id(std::move(idIn)) {
+    runner = std::make_unique<Ny::AsyncRunner>();
+    host = std::make_unique<RoutineInstanceHost>(this, core);
+    NY_CHECK_RT(NyRt::LockCreate(lock.Out()));
+    NY_CHECK_RT(NyRt::ThreadCreate(waitThread.Out()));
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Start, continue, abort
+
+void RoutineInstance::Start() {
+    if (state.load() != RoutineState::Ready) {
+        throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
+    }
+    NY_LOG(Progress, "Routine [%s] started.", id.c_str());
+    try {
+        ended = 0;
+        bool waitForStartParams = false;
+        {
+            std::lock_guard guard(startMutex);
+            NY_CHECK_RT(NyRt::SemaphoreCreate(startSemaphore.Out(), 0));
+            NY_CHECK_RT(NyRt::SemaphoreCreate(completionSemaphore.Out(), 0));
+            // A routine removed between its creation and this start has nobody to continue it.
+            waitForStartParams = typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived &&
+                                 !startReleased;
+        }
+        state = RoutineState::Running;
+        runner->Run([this] { RunCallbackWrapper(*host); });
+        if (waitForStartParams) {
+            // Posted by the first Continue, by Abort, or when the manager removes or clears the routine;
+            // the semaphore lives as long as the instance, which outlives this call (its caller holds it).
+            NY_CHECK_RT(NyRt::SemaphoreWait(startSemaphore.Get()));
+            startParamsReceived = true;
+        }
+    } catch (const std::exception& e) {
+        {
+            std::lock_guard guard(startMutex);
+            completionSemaphore.Reset();
+            startSemaphore.Reset();
+        }
+        state = RoutineState::Ready;
+        std::throw_with_nested(NY_EXCEPTION(Ny::StatusOf(e), "Routine Instance start failed."));
+    }
+}
+
+void RoutineInstance::Continue() {
+    std::function<void(IRoutineHost&)> callback;
+    {
+        Ny::Locker locker(lock.Get());
+        state = RoutineState::Running;
+        paramsEditable = false;
+        // The callback moves into its job rather than into a shared slot: a second continue may arrive
+        // while the first callback still runs on the runner.
+        if (!aborted) {
+            std::lock_guard guard(callbackMutex);
+            callback = std::move(continueFx);
+            continueFx = nullptr;
+        }
+    }
+    if (callback) {
+        runner->Run([this, callback = std::move(callback)]() mutable { ContinueCallbackWrapper(*host, callback); });
+    } else if (runFinished) {
+        if (HasCompletionFx()) {
+            StartWaitThread();
+        } else {
+            Completed();
+        }
+    }
+    if (typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived) {
+        std::lock_guard guard(startMutex);
+        if (startSemaphore) {
+            NY_CHECK_RT(NyRt::SemaphorePost(startSemaphore.Get()));
+        }
+    }
+    OnUpdated();
+}
+
+void RoutineInstance::Abort() {
+    NY_LOG(Progress, "Routine [%s] aborted.", id.c_str());
+    {
+        Ny::Locker locker(lock.Get());
+        aborted = true;
+    }
+    // A creation still waiting for its first continue returns now, with the routine aborted.
+    ReleaseStartWaiter();
+    EndRoutine();
+}
+
+void RoutineInstance::ReleaseStartWaiter() {
+    std::lock_guard guard(startMutex);
+    if (startReleased) {
+        return;
+    }
+    startReleased = true;
+    if (startSemaphore && !startParamsReceived) {
+        NyRt::SemaphorePost(startSemaphore.Get());
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Jobs on the runner and the completion-wait thread
+
+void RoutineInstance::RunCallbackWrapper(IRoutineHost& routineHost) {
+    bool complete = false;
+    try {
+        routine->Run(routineHost);
+        {
+            Ny::Locker locker(lock.Get());
+            runFinished = true;
+        }
+        if (HasContinueFx()) {
+            return;
+        }
+        if (!HasCompletionFx()) {
+            complete = true;
+        } else {
+            StartWaitThread();
+        }
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "RoutineInstance::RunCallbackWrapper run exception: %s", e.what());
+        Fail(e.what());
+        Completed();
+        return;
+    }
+    if (complete) {
+        Completed();  // outside the guard: a failure here is the runner's to report
+    }
+}
+
+void RoutineInstance::ContinueCallbackWrapper(IRoutineHost& routineHost,
+                                              std::function<void(IRoutineHost&)>& callback) {
+    if (callback && !aborted) {
+        try {
+            callback(routineHost);
+            callback = nullptr;
+        } catch (const std::exception& e) {
+            NY_LOG(CaughtFailure, "RoutineInstance::ContinueCallbackWrapper callback exception: %s", e.what());
+            Fail(e.what());
+            Completed();
+            return;
+        }
+    }
+    if (!HasContinueFx()) {
+        WaitForCompletion();
+    }
+}
+
+void RoutineInstance::WaitForCompletion() {
+    if (!HasCompletionFx()) {
+        Completed();
+        return;
+    }
+    StartWaitThread();
+}
+
+void RoutineInstance::StartWaitThread() {
+    std::lock_guard guard(waitThreadMutex);
+    if (!waitThread) {
+        return;  // the destructor has taken the thread object: nothing more to wait for
+    }
+    // A second start while the thread still polls is refused by the runtime (Busy) and ignored: the
+    // running poll already covers it. After the thread returned, the object starts again.
+    if (NyRt::ThreadSetName(waitThread.Get(), "NyRoutInst.Wt") == NyRt::Ok) {
+        NyRt::ThreadStart(waitThread.Get(), &RoutineInstance::WaitingForCompletionThreadFx, this);
+    }
+}
+
+NyRt::Status RoutineInstance::WaitingForCompletionThreadFx(void* instancePointer) {
+    auto& self = *static_cast<RoutineInstance*>(instancePointer);
+    if (self.HasCompletionFx() && !self.readyForCompletion) {
+        for (;;) {
+            NyRt::Sleep(CompletionPollUs);
+            // Deletion counts as an abort here: the destructor joins this thread.
+            if (self.aborted || self.deleting) {
+                return -988;
+            }
+            if (self.readyForCompletion) {
+                break;
+            }
+        }
+    }
+    self.runner->Run([&self] {
+        NY_LOG(Progress, "Routine [%s] completed successfully -- ending routine.", self.id.c_str());
+        self.EndRoutine();
+    });
+    return NyRt::Ok;
+}
+
+void RoutineInstance::EndRoutine() {
+    std::int32_t expected = 0;
+    if (!ended.compare_exchange_strong(expected, 1)) {
+        NY_LOG(Progress, "Attempted to end routine [%s], but it already ended.", id.c_str());
+        return;
+    }
+    NY_LOG(Progress, "Ending routine [%s].", id.c_str());
+    if (completionDone) {
+        return;
+    }
+    std::function<void(IRoutineHost&, bool)> fx;
+    {
+        std::lock_guard guard(callbackMutex);
+        fx = completionFx;
+    }
+    if (fx) {
+        // A completion callback that throws must still let the routine end, or the destructor would
+        // wait for the end forever: the routine fails, completes, and the caller gets the exception.
+        try {
+            fx(*host, aborted);
+        } catch (const std::exception& e) {
+            Fail(std::string("Completion callback failed: ") + e.what());
+            Completed();
+            throw;
+        } catch (...) {
+            Fail("Completion callback failed.");
+            Completed();
+            throw;
+        }
+    }
+    Completed();
+}
+
+void RoutineInstance::Completed() {
+    {
+        Ny::Locker locker(lock.Get());
+        if (state.load() != RoutineState::Failed) {
+            state = aborted ? RoutineState::Aborted : RoutineState::Completed;
+        }
+    }
+    if (deleting) {
+        NY_LOG(Progress, "Routine [%s] is being deleted, so skip OnUpdated()", id.c_str());
+    } else {
+        OnUpdated();
+    }
+    {
+        std::lock_guard guard(startMutex);
+        if (completionSemaphore) {
+            NY_CHECK_RT(NyRt::SemaphorePost(completionSemaphore.Get()));
+        }
+    }
+    completionDone = true;
+    NY_LOG(Progress, "Routine [%s] completed.", id.c_str());
+}
+
+void RoutineInstance::Fail(const std::string& details) {
+    Ny::Locker locker(lock.Get());
+    {
+        std::lock_guard guard(fieldsMutex);
+        stateDetails = details;
+    }
+    state = RoutineState::Failed;
+}
+
+bool RoutineInstance::HasContinueFx() const {
+    std::lock_guard guard(callbackMutex);
+    return static_cast<bool>(continueFx);
+}
+
+bool RoutineInstance::HasCompletionFx() const {
+    std::lock_guard guard(callbackMutex);
+    return static_cast<bool>(completionFx);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Destruction
+
+RoutineInstance::~RoutineInstance() {
+    deleting = true;
+    bool groupAFailed = false;
+    try {
+        NY_LOG(Progress, "Routine [%s] deleted.", id.c_str());
+        const RoutineState current = state.load();
+        if (current == RoutineState::Running || current == RoutineState::WaitingForFeedback ||
+            current == RoutineState::Failed) {
+            aborted = true;
+        }
+        ReleaseStartWaiter();
+        EndRoutine();
+        NyRt::Semaphore* completion = nullptr;
+        {
+            std::lock_guard guard(startMutex);
+            completion = completionSemaphore.Get();
+        }
+        if (completion != nullptr) {
+            NY_CHECK_RT(NyRt::SemaphoreWait(completion));
+        }
+    } catch (const std::exception& e) {
+        groupAFailed = true;
+        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        Ny::Exception::LogException(e, 0);
+        Ny::Exception::LogBackTrace(e);
+    } catch (...) {
+        groupAFailed = true;
+        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+    }
+    // The completion-wait thread queues on the runner, so it goes first; once the holder is empty no job
+    // can start it again. Then the runner stops (waiting for the job in progress, dropping queued ones),
+    // before any lock, semaphore or event it may use goes.
+    Ny::Object<NyRt::Thread> thread;
+    {
+        std::lock_guard guard(waitThreadMutex);
+        thread = std::move(waitThread);
+    }
+    try {
+        if (thread) {
+            NY_CHECK_RT(NyRt::ThreadJoin(thread.Get()));
+            thread.Reset();
+        }
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        Ny::Exception::LogException(e, 0);
+    }
+    runner.reset();
+    try {
+        if (!groupAFailed) {
+            OnDeleted();
+        }
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        Ny::Exception::LogException(e, 0);
+        Ny::Exception::LogBackTrace(e);
+    } catch (...) {
+        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+    }
+    if (results != nullptr) {
+        NY_LOG(Progress, "Routine [%s] deleted -- freeing results.", id.c_str());
+        try {
+            routine->FreeResults(std::exchange(results, nullptr));
+        } catch (...) {
+            NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Host operations: parameters, results, waiting, failure
+
+bool RoutineInstance::GetParams(Ny::Properties::Structure& paramsIn,
+                                std::function<void(Ny::Properties::Structure&)> fx) {
+    Ny::Locker locker(lock.Get());
+    params = &paramsIn;
+    paramsFx = std::move(fx);
+    paramsEditable = true;
+    return !aborted;
+}
+
+void RoutineInstance::SetResults(const Ny::Properties::Structure* resultsIn) {
+    Ny::Locker locker(lock.Get());
+    // Handing over the structure the instance already holds would free it while still in use.
+    if (resultsIn != nullptr && resultsIn == results) {
+        throw NY_EXCEPTION(-997, "Routine [%s] results were handed over twice.", id.c_str());
+    }
+    if (results != nullptr) {
+        routine->FreeResults(results);
+    }
+    results = resultsIn;
+    // Raised with the lock held on purpose: handlers read the new results consistently (re-entrant lock).
+    OnUpdated();
+}
+
+bool RoutineInstance::WaitForContinue(std::function<void(IRoutineHost&)> fx) {
+    if (!aborted) {
+        Ny::Locker locker(lock.Get());
+        state = RoutineState::WaitingForFeedback;
+        std::lock_guard guard(callbackMutex);
+        continueFx = std::move(fx);
+    }
+    return !aborted;
+}
+
+void RoutineInstance::SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) {
+    std::lock_guard guard(callbackMutex);
+    completionFx = std::move(fx);
+}
+
+void RoutineInstance::SetFailedState(const std::string& details) { Fail(details); }
+
+// ---------------------------------------------------------------------------------------------------
+// Reporting
+
+void RoutineInstance::SetCurrentStep(unsigned int step, const std::string& info) {
+    const std::uint32_t total = totalSteps.load();
+    if (step > total) {
+        throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
+    }
+    {
+        std::lock_guard guard(fieldsMutex);
+        currentStepInfo = info;
+    }
+    if (step != currentStep.load()) {
+        currentStep = step;
+        currentProgress = 0;
+        OnStepsUpdated();
+    }
+}
+
+void RoutineInstance::SetCurrentProgress(unsigned int progress) {
+    if (progress > maxProgress) {
+        throw NY_EXCEPTION(-997, "Routine progress (%1$u) exceeds max (%2$u).", progress, maxProgress);
+    }
+    if (progress != currentProgress.exchange(progress)) {
+        OnStepsUpdated();
+    }
+}
+
+void RoutineInstance::SetHelpHtml(std::string html, int mode) {
+    std::lock_guard guard(fieldsMutex);
+    if (mode == 0) {
+        helpHtml = std::move(html);
+    } else if (mode < 0) {
+        helpHtml.insert(0, html.c_str());  // up to the first NUL
+    } else {
+        helpHtml.append(html.c_str());
+    }
+}
+
+void RoutineInstance::SetHelpUrl(std::string url) {
+    std::lock_guard guard(fieldsMutex);
+    helpUrl = std::move(url);
+}
+
+std::string RoutineInstance::StateDetails() const {
+    std::lock_guard guard(fieldsMutex);
+    return stateDetails;
+}
+
+std::string RoutineInstance::HelpHtml() const {
+    std::lock_guard guard(fieldsMutex);
+    return helpHtml;
+}
+
+std::string RoutineInstance::HelpUrl() const {
+    std::lock_guard guard(fieldsMutex);
+    return helpUrl;
+}
+
+std::string RoutineInstance::CurrentStepInfo() const {
+    std::lock_guard guard(fieldsMutex);
+    return currentStepInfo;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Client locks
+
+Ny::Properties::Structure* RoutineInstance::LockParams(bool forWriting) {
+    const std::uint32_t thread = NyRt::CurrentThreadId();
+    if (paramsLocked) {
+        NY_LOG(Progress, "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
+               thread, static_cast<unsigned>(paramsWriting), static_cast<unsigned>(forWriting));
+    }
+    NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
+    paramsLocked = true;
+    if (forWriting && !paramsEditable) {
+        paramsWriting = false;
+        NY_LOG(Progress, "<%u> Routine params locked, but not forWriting.", thread);
+        return nullptr;
+    }
+    paramsWriting = forWriting;
+    NY_LOG(Progress, "<%u> Routine params locked (forWriting = %u).", thread, static_cast<unsigned>(forWriting));
+    return params;
+}
+
+void RoutineInstance::UnlockParams() {
+    if (!paramsLocked) {
+        return;
+    }
+    if (paramsWriting) {
+        // Both with the lock held: the routine sees the written values before anyone else changes them.
+        if (paramsFx) {
+            paramsFx(*params);
+        }
+        OnUpdated();
+    }
+    paramsLocked = false;
+    NY_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).", NyRt::CurrentThreadId(),
+           static_cast<unsigned>(paramsWriting));
+    NY_CHECK_RT(NyRt::LockExit(lock.Get()));
+}
+
+const Ny::Properties::Structure* RoutineInstance::LockResults() {
+    const std::uint32_t thread = NyRt::CurrentThreadId();
+    if (resultsLocked) {
+        NY_LOG(Progress, "<%u> Routine results already locked. Waiting...", thread);
+    }
+    NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
+    resultsLocked = true;
+    NY_LOG(Progress, "<%u> Routine results locked.", thread);
+    return results;
+}
+
+void RoutineInstance::UnlockResults() {
+    if (!resultsLocked) {
+        return;
+    }
+    resultsLocked = false;
+    NY_LOG(Progress, "<%u> Routine results unlocked.", NyRt::CurrentThreadId());
+    NY_CHECK_RT(NyRt::LockExit(lock.Get()));
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Events
+
+void RoutineInstance::OnUpdated() { updatedEvent.Raise(id); }
+
+void RoutineInstance::OnStepsUpdated() { stepsUpdatedEvent.Raise(id); }
+
+void RoutineInstance::OnDeleted() { deletedEvent.Raise(id); }
+
+// ---------------------------------------------------------------------------------------------------
+// RoutineInstanceHost: forwards to the instance
+
+bool RoutineInstanceHost::GetParams(Ny::Properties::Structure& params,
+                                    std::function<void(Ny::Properties::Structure&)> onChanged) {
+    return instance->GetParams(params, std::move(onChanged));
+}
+
+void RoutineInstanceHost::SetResults(const Ny::Properties::Structure* results) { instance->SetResults(results); }
+
+void RoutineInstanceHost::SetTotalSteps(unsigned int total) { instance->SetTotalSteps(total); }
+
+void RoutineInstanceHost::SetCurrentStep(unsigned int step, const std::string& info) {
+    instance->SetCurrentStep(step, info);
+}
+
+void RoutineInstanceHost::SetCurrentProgress(unsigned int progress) { instance->SetCurrentProgress(progress); }
+
+void RoutineInstanceHost::SetHelpHtml(const std::string& html, int mode) { instance->SetHelpHtml(html, mode); }
+
+void RoutineInstanceHost::SetHelpUrl(const std::string& url) { instance->SetHelpUrl(url); }
+
+bool RoutineInstanceHost::WaitForContinue(std::function<void(IRoutineHost&)> onContinue) {
+    return instance->WaitForContinue(std::move(onContinue));
+}
+
+bool RoutineInstanceHost::IsAborted() { return instance->IsAborted(); }
+
+bool RoutineInstanceHost::IsFailed() { return instance->IsFailed(); }
+
+void RoutineInstanceHost::SetFailedState(std::string details) { instance->SetFailedState(details); }
+
+void RoutineInstanceHost::SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) {
+    instance->SetCompletionFx(std::move(fx));
+}
+
+void RoutineInstanceHost::ReadyForCompletion() { instance->ReadyForCompletion(); }
+
+}  // namespace NyRoutine::Internal

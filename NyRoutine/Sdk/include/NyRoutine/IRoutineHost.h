@@ -1,0 +1,64 @@
+// `NyRoutine::IRoutineHost`: everything routine code can do, given to IRoutine::Run, to every continue
+// callback and to the completion callback (always the same host object for one routine).
+//
+// A typical routine with one user step:
+//     void Run(IRoutineHost& host) override {
+//         host.SetTotalSteps(2);
+//         host.SetCurrentStep(1, "Set the parameters, then continue.");
+//         if (!host.GetParams(params, nullptr)) return;              // publish; false when aborted
+//         host.WaitForContinue([this](IRoutineHost& h) { Work(h); });  // returns at once
+//     }   // the routine now waits for the user's continue; Work runs on the routine's thread then.
+//
+// Threading: call these from the routine's own thread (Run, callbacks) or any thread the routine
+// starts; all of them are thread-safe. GetParams and SetResults wait while a client reads or writes
+// the routine's parameters or results.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace Ny::Properties {
+class Structure;
+}
+namespace NyCore {
+class Core;
+}
+
+namespace NyRoutine {
+
+class IRoutineHost {
+public:
+    virtual ~IRoutineHost() = default;
+
+    // Publishes `params` (owned by the routine; it must outlive its publication) and opens them for
+    // writing by clients until the next continue. `onChanged` runs on the client's thread after each
+    // write. Returns false when the routine has been aborted.
+    virtual bool GetParams(Ny::Properties::Structure& params,
+                           std::function<void(Ny::Properties::Structure&)> onChanged) = 0;
+    // Hands `results` over to the engine (allocate it; it is given back through IRoutine::FreeResults
+    // when replaced or when the routine is deleted). Null drops the current results. Raises an update.
+    virtual void SetResults(const Ny::Properties::Structure* results) = 0;
+    virtual void SetTotalSteps(unsigned int total) = 0;
+    // Step 0 to the total. A new step resets the progress to 0. Throws Ny::Exception -997 beyond the total.
+    virtual void SetCurrentStep(unsigned int step, const std::string& info) = 0;
+    // Percentage of the current step, 0 to 100. Throws Ny::Exception -997 beyond 100.
+    virtual void SetCurrentProgress(unsigned int progress) = 0;
+    // mode < 0 inserts before the current help, 0 replaces it, > 0 appends.
+    virtual void SetHelpHtml(const std::string& html, int mode) = 0;
+    virtual void SetHelpUrl(const std::string& url) = 0;
+    // Registers the callback for the user's next continue and returns at once; the routine then waits
+    // for feedback. Returns false (and drops the callback) when the routine has been aborted.
+    virtual bool WaitForContinue(std::function<void(IRoutineHost&)> onContinue) = 0;
+    virtual bool IsAborted() = 0;
+    virtual bool IsFailed() = 0;
+    // Ends the routine in state Failed with `details` (no exception needed).
+    virtual void SetFailedState(std::string details) = 0;
+    // Called once when the routine ends, with true when it was aborted. With a completion callback the
+    // routine completes only after ReadyForCompletion.
+    virtual void SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) = 0;
+    virtual void ReadyForCompletion() = 0;
+    // The host process's core; null when the host has none.
+    virtual NyCore::Core* Core() = 0;
+};
+
+}  // namespace NyRoutine
