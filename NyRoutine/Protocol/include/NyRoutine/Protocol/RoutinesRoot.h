@@ -1,0 +1,99 @@
+// `RoutinesRoot`: the REST resource at "/routines/:routine".
+//
+// Reads of "/routines" (the collection, as embedded "item" entries) and of one routine (its document
+// with "parameters", "results" and, when asked, "_schema"); creation of a routine of a named type;
+// updates of a routine's "parameters"; deletion of one routine or of all ("*"). It also turns the
+// manager's and the instances' events into resource notifications: created, updated and deleted at
+// once, step and progress reports coalesced per routine and flushed every 500 ms in ascending id order.
+//
+// Owned by `RoutinesDir`; must be destroyed before the manager it was given. Its operations run on
+// REST request threads in parallel; a creation may block until another request continues the new
+// routine. Notifications are raised on the thread of the triggering event (request threads, routine
+// threads, the flush timer's thread) with no lock of this class held.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "NyApi/AsyncTimer.h"
+#include "NyApi/Event.h"
+#include "NyCommon/IRoutineController.h"
+#include "NyRest/DocumentResourceBase.h"
+#include "NyRest/IParentResource.h"
+
+namespace NyRoutine::Internal {
+
+class RoutineInstance;
+
+class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParentResource {
+public:
+    static constexpr std::uint64_t FlushPeriodUs = 500000;
+
+    explicit RoutinesRoot(NyCommon::IRoutineController& manager);
+    ~RoutinesRoot();
+    RoutinesRoot(const RoutinesRoot&) = delete;
+    RoutinesRoot& operator=(const RoutinesRoot&) = delete;
+
+    NyRest::IParentResource* ParentProvider() override { return this; }
+
+    // "/routines": null with one embedded "item" per routine. "/routines/<id>": the routine's document.
+    // Throws -999 for an unknown routine, and the wrapped failures of reading parameters or results.
+    nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
+    // Writes the body's "parameters" into the routine's parameters when they are open for writing.
+    // Throws -997 without a routine, -999 for an unknown one, "Set routine params failed." (wrapping
+    // the refusal) for a refused value: no value of the request is stored then.
+    void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
+    // Creates a routine of the body's "type". Blocks until the routine's first continue unless the type
+    // skips its start parameters. Throws -997 for a body without "type", the JSON type error for a
+    // non-string "type", and the manager's refusals.
+    NyRest::CreateResult Create(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
+    // Removes one routine, or all of them for the id "*". Throws -997 without a routine, -999 for an
+    // unknown one.
+    void Delete(const NyRest::RequestInfo& request) override;
+
+private:
+    struct Document {
+        nlohmann::json document;
+        nlohmann::json schema;
+    };
+
+    // Instance subscriptions kept so that the destructor can remove them: no instance event may reach
+    // a destroyed resource.
+    struct Subscription {
+        std::weak_ptr<RoutineInstance> instance;
+        Ny::Event<std::string>::Handle updated = 0;
+        Ny::Event<std::string>::Handle stepsUpdated = 0;
+    };
+
+    Document BuildRoutineDocument(const std::string& id, RoutineInstance& instance, bool withSchema);
+    nlohmann::json BuildCollectionDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response);
+    void AppendParams(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
+    void AppendResults(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
+    void SetRoutineParams(const std::string& id, RoutineInstance& instance, const nlohmann::json& body);
+
+    void OnRoutineCreated(const std::string& id);
+    void OnRoutineDeleted(const std::string& id);
+    void OnRoutineUpdated(const std::string& id);
+    void OnRoutineStepsUpdated(const std::string& id);
+    void FlushStepUpdates();
+    void Notify(NyRest::EventType type, const std::string& path);
+
+    NyCommon::IRoutineController& manager;
+    std::unique_ptr<Ny::AsyncTimer> timer;
+
+    // Guards `pending` and `subscriptions`. Never held while notifying or while calling the manager
+    // or an instance; taken last (no other lock is taken while it is held).
+    std::mutex pendingMutex;
+    std::set<std::string> pending;                      // ids with an unsent step notification
+    std::map<std::string, Subscription> subscriptions;  // live routines we listen to
+
+    Ny::Event<std::string>::Handle createdHandle = 0;
+    Ny::Event<std::string>::Handle deletedHandle = 0;
+};
+
+}  // namespace NyRoutine::Internal

@@ -1,0 +1,20 @@
+# nyr_add_plugin(<name> SOURCES ... [LIBRARIES ...] [OUTPUT_DIRECTORY dir])
+# A plug-in library: a module loaded with dlopen, hidden visibility (only the entry points marked
+# NY_PLUGIN_EXPORT are exported), no "lib" prefix, written to the plug-in folder of the build.
+function(nyr_add_plugin name)
+  cmake_parse_arguments(ARG "" "OUTPUT_DIRECTORY" "SOURCES;LIBRARIES" ${ARGN})
+  if(NOT ARG_OUTPUT_DIRECTORY)
+    if(DEFINED NYR_PLUGIN_OUTPUT_DIRECTORY)
+      set(ARG_OUTPUT_DIRECTORY ${NYR_PLUGIN_OUTPUT_DIRECTORY})
+    else()
+      set(ARG_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
+    endif()
+  endif()
+  add_library(${name} MODULE ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  if(TARGET nyr_settings)
+    target_link_libraries(${name} PRIVATE nyr_settings)
+  endif()
+  set_target_properties(${name} PROPERTIES PREFIX "" CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+                        LIBRARY_OUTPUT_DIRECTORY ${ARG_OUTPUT_DIRECTORY})
+endfunction()

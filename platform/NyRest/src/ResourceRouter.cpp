@@ -1,0 +1,393 @@
+#include "NyRest/ResourceRouter.h"
+
+#include <algorithm>
+#include <exception>
+#include <map>
+
+#include "NyApi/Exception.h"
+#include "NyApi/Logging.h"
+#include "NyRest/Path.h"
+#include "NyRest/ResourceBase.h"
+
+namespace NyRest {
+
+namespace {
+
+using nlohmann::json;
+
+std::vector<std::string> SplitPath(std::string_view path) {
+    std::vector<std::string> segments;
+    size_t start = 0;
+    while (start <= path.size()) {
+        const size_t slash = path.find('/', start);
+        const size_t end = slash == std::string_view::npos ? path.size() : slash;
+        if (end > start) {
+            segments.emplace_back(path.substr(start, end - start));
+        }
+        if (slash == std::string_view::npos) {
+            break;
+        }
+        start = slash + 1;
+    }
+    return segments;
+}
+
+int HexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Percent-decoding; a malformed escape is kept as it stands. `plusIsSpace` for query strings.
+std::string Decode(std::string_view text, bool plusIsSpace) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size()) {
+            const int high = HexValue(text[i + 1]);
+            const int low = HexValue(text[i + 2]);
+            if (high >= 0 && low >= 0) {
+                out.push_back(static_cast<char>(high * 16 + low));
+                i += 2;
+                continue;
+            }
+        }
+        out.push_back(plusIsSpace && text[i] == '+' ? ' ' : text[i]);
+    }
+    return out;
+}
+
+std::map<std::string, std::string> ParseQuery(std::string_view query) {
+    std::map<std::string, std::string> values;
+    size_t start = 0;
+    while (start < query.size()) {
+        size_t end = query.find('&', start);
+        if (end == std::string_view::npos) {
+            end = query.size();
+        }
+        const std::string_view pair = query.substr(start, end - start);
+        const size_t equals = pair.find('=');
+        if (!pair.empty()) {
+            values[Decode(pair.substr(0, equals), true)] =
+                equals == std::string_view::npos ? std::string() : Decode(pair.substr(equals + 1), true);
+        }
+        start = end + 1;
+    }
+    return values;
+}
+
+Response ErrorResponse(int status, int nyStatus, const std::string& message) {
+    Response response;
+    response.status = status;
+    response.body = {{"status", nyStatus}, {"message", message}, {"causes", json::array()}};
+    return response;
+}
+
+// nlohmann's texts start with "[json.exception.type_error.302] "; clients want the sentence.
+std::string WithoutJsonPrefix(const char* text) {
+    const std::string_view view(text);
+    if (view.rfind("[json.exception.", 0) == 0) {
+        const size_t close = view.find("] ");
+        if (close != std::string_view::npos) {
+            return std::string(view.substr(close + 2));
+        }
+    }
+    return std::string(view);
+}
+
+}  // namespace
+
+int HttpStatusFor(const std::exception& error) {
+    if (dynamic_cast<const json::type_error*>(&error) != nullptr ||
+        dynamic_cast<const json::parse_error*>(&error) != nullptr ||
+        dynamic_cast<const json::out_of_range*>(&error) != nullptr) {
+        return 400;
+    }
+    switch (Ny::StatusOf(error)) {
+        case -999:
+            return 404;
+        case -997:
+            return 400;
+        case -1000:
+        case -987:
+            return 409;
+        case ReadOnlyDocumentStatus:
+            return 405;
+        default:
+            return 500;
+    }
+}
+
+json ErrorBody(const std::exception& error) {
+    json causes = json::array();
+    for (const std::string& cause : Ny::Exception::NestedMessages(error)) {
+        causes.push_back(WithoutJsonPrefix(cause.c_str()));
+    }
+    return {{"status", Ny::StatusOf(error)}, {"message", WithoutJsonPrefix(error.what())}, {"causes", std::move(causes)}};
+}
+
+void DocumentResourceBase::UpdateDocument(const RequestInfo&, const nlohmann::json&) {
+    throw Ny::Exception(__LINE__, __FILE__, ReadOnlyDocumentStatus, "NyRest::DocumentResourceBase::UpdateDocument",
+                        "The document is read-only.");
+}
+
+std::string Path::Format(const std::string& pattern, std::initializer_list<std::string> values) {
+    std::string out;
+    out.reserve(pattern.size() + 16);
+    auto value = values.begin();
+    size_t i = 0;
+    while (i < pattern.size()) {
+        if (pattern[i] == ':' && (i == 0 || pattern[i - 1] == '/') && value != values.end()) {
+            size_t end = pattern.find('/', i);
+            if (end == std::string::npos) {
+                end = pattern.size();
+            }
+            out += *value++;
+            i = end;
+            continue;
+        }
+        out.push_back(pattern[i++]);
+    }
+    return out;
+}
+
+struct ResourceRouter::Route {
+    std::string pattern;
+    std::vector<std::string> segments;
+    IResource* resource;
+    NotificationEventType::Handle notificationHandle;
+    unsigned inFlight = 0;  // guarded by the router's inFlightMutex
+};
+
+struct ResourceRouter::Match {
+    std::map<std::string, std::string> params;
+};
+
+ResourceRouter::ResourceRouter() = default;
+
+ResourceRouter::~ResourceRouter() {
+    std::vector<std::shared_ptr<Route>> remaining;
+    {
+        std::unique_lock guard(mutex);
+        remaining.swap(routes);
+    }
+    for (auto& route : remaining) {
+        route->resource->NotificationEvent().Unsubscribe(route->notificationHandle);
+    }
+}
+
+void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
+    auto route = std::make_shared<Route>();
+    route->pattern = pattern;
+    route->segments = SplitPath(pattern);
+    route->resource = &resource;
+    if (pattern.empty() || pattern.front() != '/' || pattern.find("//") != std::string::npos ||
+        (pattern.size() > 1 && pattern.back() == '/') ||
+        std::any_of(route->segments.begin(), route->segments.end(), [](const std::string& s) { return s == ":"; })) {
+        throw NY_EXCEPTION(-997, "Malformed path pattern \"%s\".", pattern.c_str());
+    }
+    {
+        std::unique_lock guard(mutex);
+        for (const auto& existing : routes) {
+            if (existing->pattern == pattern) {
+                throw NY_EXCEPTION(-987, "Path pattern \"%s\" is registered already.", pattern.c_str());
+            }
+        }
+        routes.push_back(route);
+    }
+    route->notificationHandle = resource.NotificationEvent().Subscribe(
+        [this](IResource&, EventType type, const std::string& path) { notificationEvent.Raise(type, path); });
+}
+
+void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
+    std::vector<std::shared_ptr<Route>> withdrawn;
+    {
+        std::unique_lock guard(mutex);
+        const std::string prefix = pattern == "/" ? "/" : pattern + "/";
+        for (auto it = routes.begin(); it != routes.end();) {
+            const bool beneath = recursive && (*it)->pattern.rfind(prefix, 0) == 0;
+            if ((*it)->pattern == pattern || beneath) {
+                withdrawn.push_back(*it);
+                it = routes.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto& route : withdrawn) {
+        route->resource->NotificationEvent().Unsubscribe(route->notificationHandle);
+    }
+    std::unique_lock guard(inFlightMutex);
+    inFlightDone.wait(guard, [&] {
+        return std::all_of(withdrawn.begin(), withdrawn.end(), [](const auto& route) { return route->inFlight == 0; });
+    });
+}
+
+std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<std::string>& segments,
+                                                            Match& match) const {
+    std::shared_lock guard(mutex);
+    std::shared_ptr<Route> best;
+    int bestScore = -1;
+    std::map<std::string, std::string> bestParams;
+    for (const auto& route : routes) {
+        const auto& pattern = route->segments;
+        // The full pattern, or the pattern without its trailing parameter segment (a collection).
+        const bool exact = pattern.size() == segments.size();
+        const bool collection = pattern.size() == segments.size() + 1 && !pattern.back().empty() &&
+                                pattern.back().front() == ':';
+        if (!exact && !collection) {
+            continue;
+        }
+        std::map<std::string, std::string> params;
+        int score = exact ? 1 : 0;  // a full match beats a collection match
+        bool matches = true;
+        for (size_t i = 0; i < segments.size(); ++i) {
+            if (pattern[i].front() == ':') {
+                params[pattern[i].substr(1)] = segments[i];
+            } else if (pattern[i] == segments[i]) {
+                score += 2;  // literal segments win over parameters
+            } else {
+                matches = false;
+                break;
+            }
+        }
+        if (matches && score > bestScore) {
+            best = route;
+            bestScore = score;
+            bestParams = std::move(params);
+        }
+    }
+    match.params = std::move(bestParams);
+    if (best) {
+        std::lock_guard inFlight(inFlightMutex);
+        ++best->inFlight;
+    }
+    return best;
+}
+
+Response ResourceRouter::DispatchRaw(const std::string& method, const std::string& target, std::string_view body) {
+    json parsed;
+    if (!body.empty()) {
+        try {
+            const auto limitDepth = [](int depth, json::parse_event_t, json&) {
+                if (depth > MaxBodyDepth) {
+                    throw Ny::Exception(__LINE__, __FILE__, -997, "NyRest::ResourceRouter::DispatchRaw",
+                                        "The request body is nested too deeply.");
+                }
+                return true;
+            };
+            parsed = json::parse(body.begin(), body.end(), limitDepth);
+        } catch (const std::exception& e) {
+            Response response = ErrorResponse(400, Ny::StatusOf(e) == 0 ? -997 : Ny::StatusOf(e),
+                                              "The request body is not valid JSON.");
+            response.body["causes"].push_back(WithoutJsonPrefix(e.what()));
+            return response;
+        }
+    }
+    return Dispatch(method, target, parsed);
+}
+
+Response ResourceRouter::Dispatch(const std::string& method, const std::string& target, const json& body) {
+    const size_t question = target.find('?');
+    const std::string_view rawPath = std::string_view(target).substr(0, question);
+    const std::string_view rawQuery =
+        question == std::string::npos ? std::string_view() : std::string_view(target).substr(question + 1);
+    std::vector<std::string> segments = SplitPath(rawPath);
+    for (auto& segment : segments) {
+        segment = Decode(segment, false);
+    }
+    Match match;
+    std::shared_ptr<Route> route = Find(segments, match);
+    if (!route) {
+        return ErrorResponse(404, -999, "No resource at " + std::string(rawPath) + ".");
+    }
+    Response response;
+    try {
+        RequestInfo request(method, std::string(rawPath), std::move(match.params), ParseQuery(rawQuery));
+        response = Invoke(*route, method, request, body);
+    } catch (const std::exception& e) {
+        response.status = HttpStatusFor(e);
+        response.headers.clear();
+        response.body = ErrorBody(e);
+        if (response.status >= 500) {
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "%s %s failed: %s", method.c_str(), target.c_str(), e.what());
+        }
+    } catch (...) {
+        response = ErrorResponse(500, 0, "The request failed with an unknown error.");
+    }
+    {
+        std::lock_guard guard(inFlightMutex);
+        --route->inFlight;
+    }
+    inFlightDone.notify_all();
+    return response;
+}
+
+Response ResourceRouter::Invoke(Route& route, const std::string& method, const RequestInfo& request,
+                                const json& body) {
+    IResource& resource = *route.resource;
+    IDocumentResource* document = resource.DocumentProvider();
+    IParentResource* parent = resource.ParentProvider();
+    ICallableResource* callable = resource.CallableProvider();
+    Response response;
+    if (method == "GET" && document != nullptr) {
+        ResponseInfo info;
+        json result = document->GetDocument(request, info);
+        if (!info.EmbeddedEntries().empty()) {
+            if (result.is_null()) {
+                result = json::object();
+            }
+            json& embedded = result["_embedded"];
+            for (const auto& entry : info.EmbeddedEntries()) {
+                json item = entry.value.is_object() ? entry.value : json::object();
+                if (entry.link) {
+                    item["_links"] = {{"self", {{"href", entry.path}}}};
+                }
+                embedded[entry.name].push_back(std::move(item));
+            }
+        }
+        response.body = std::move(result);
+        response.headers = info.Headers();
+        return response;
+    }
+    if ((method == "PUT" || method == "PATCH") && document != nullptr) {
+        document->UpdateDocument(request, body);
+        response.status = 204;
+        return response;
+    }
+    if (method == "POST" && callable != nullptr) {
+        response.body = callable->Call(request, body);
+        return response;
+    }
+    if (method == "POST" && parent != nullptr) {
+        const CreateResult created = parent->Create(request, body);
+        response.status = 201;
+        response.headers.emplace_back("Location", created.path);
+        response.body = {{"id", created.id}, {"path", created.path}};
+        return response;
+    }
+    if (method == "DELETE" && parent != nullptr) {
+        parent->Delete(request);
+        response.status = 204;
+        return response;
+    }
+    std::string allow;
+    const auto add = [&allow](const char* verb) { allow += allow.empty() ? verb : std::string(", ") + verb; };
+    if (document != nullptr) {
+        add("GET");
+        add("PUT");
+        add("PATCH");
+    }
+    if (callable != nullptr || parent != nullptr) {
+        add("POST");
+    }
+    if (parent != nullptr) {
+        add("DELETE");
+    }
+    response = ErrorResponse(405, 0, "Method " + method + " is not allowed here.");
+    response.headers.emplace_back("Allow", allow);
+    return response;
+}
+
+}  // namespace NyRest
