@@ -1,0 +1,53 @@
+#include "OperatorResources.h"
+
+#include "NyApi/Exception.h"
+#include "NyRoutine/RoutinePlugin.h"
+
+namespace NyHost {
+
+nlohmann::json SystemResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) {
+    return {{"runState", core.GetRunState()}};
+}
+
+void SystemResource::UpdateDocument(const NyRest::RequestInfo&, const nlohmann::json& body) {
+    if (!body.is_object() || !body.contains("runState") || !body["runState"].is_number_integer()) {
+        throw NY_EXCEPTION(-997, "The body must be an object with an integer \"runState\".");
+    }
+    core.SetRunState(body["runState"].get<int>());
+    NotificationEvent().Raise(*this, NyRest::EventType::Updated, "/system");
+}
+
+nlohmann::json FactoryRestoreCommand::Call(const NyRest::RequestInfo&, const nlohmann::json&) {
+    core.AnnounceFactoryRestore();
+    return nullptr;
+}
+
+nlohmann::json PluginsResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto& lib : plugins.Libraries()) {
+        nlohmann::json types = nlohmann::json::array();
+        for (const auto& plugin : lib->PluginsByType("NyRoutine.RoutinePlugin")) {
+            const auto& routines = *static_cast<const NyRoutine::RoutinePlugin*>(plugin->GetObject());
+            for (size_t i = 0; i < routines.RoutineInfoCount(); ++i) {
+                types.push_back(routines.RoutineInfoAt(i).TypeName());
+            }
+        }
+        list.push_back({{"file", lib->FileName()}, {"routineTypes", std::move(types)}});
+    }
+    return {{"plugins", std::move(list)}};
+}
+
+OperatorResources::OperatorResources(NyRest::ResourceRouter& routerIn, NyCore::Core& core,
+                                     NyPlugin::PluginManager& plugins)
+    : router(routerIn), system(core), factoryRestore(core), pluginList(plugins) {
+    router.Register("/system", system);
+    router.Register("/system/commands/factoryRestore", factoryRestore);
+    router.Register("/plugins", pluginList);
+}
+
+OperatorResources::~OperatorResources() {
+    router.Deregister("/plugins", true);
+    router.Deregister("/system", true);
+}
+
+}  // namespace NyHost

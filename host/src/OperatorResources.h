@@ -1,0 +1,62 @@
+// The host's own operator resources, served through the same router as the routine engine:
+//   "/system"                          GET {"runState": n}; PUT/PATCH {"runState": n} sets the core's run state
+//   "/system/commands/factoryRestore"  POST: the core announces a factory restore
+//   "/plugins"                         GET the loaded plug-in libraries and the routine types of each
+// Owned by the host service; registered for their lifetime. Request threads only.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "NyCore/Core.h"
+#include "NyPlugin/PluginManager.h"
+#include "NyRest/CommandResourceBase.h"
+#include "NyRest/DocumentResourceBase.h"
+#include "NyRest/ResourceRouter.h"
+
+namespace NyHost {
+
+class SystemResource : public NyRest::DocumentResourceBase {
+public:
+    explicit SystemResource(NyCore::Core& core) : core(core) {}
+    nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
+    // Throws -997 unless the body is an object with an integer "runState".
+    void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
+
+private:
+    NyCore::Core& core;
+};
+
+class FactoryRestoreCommand : public NyRest::CommandResourceBase {
+public:
+    explicit FactoryRestoreCommand(NyCore::Core& core) : core(core) {}
+    nlohmann::json Call(const NyRest::RequestInfo& request, const nlohmann::json& arguments) override;
+
+private:
+    NyCore::Core& core;
+};
+
+class PluginsResource : public NyRest::DocumentResourceBase {
+public:
+    explicit PluginsResource(NyPlugin::PluginManager& plugins) : plugins(plugins) {}
+    nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
+
+private:
+    NyPlugin::PluginManager& plugins;
+};
+
+// Registers the three resources on construction and withdraws them on destruction.
+class OperatorResources {
+public:
+    OperatorResources(NyRest::ResourceRouter& router, NyCore::Core& core, NyPlugin::PluginManager& plugins);
+    ~OperatorResources();
+    OperatorResources(const OperatorResources&) = delete;
+    OperatorResources& operator=(const OperatorResources&) = delete;
+
+private:
+    NyRest::ResourceRouter& router;
+    SystemResource system;
+    FactoryRestoreCommand factoryRestore;
+    PluginsResource pluginList;
+};
+
+}  // namespace NyHost

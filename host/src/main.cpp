@@ -1,0 +1,136 @@
+// routine-host: serves the routine engine's REST API over HTTP with live events and the web console.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <mutex>
+
+#include "HostOptions.h"
+#include "HostService.h"
+#include "NyApi/Logging.h"
+#include "NyRuntime/Runtime.h"
+
+namespace {
+
+std::filesystem::path ExecutableDir() {
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::filesystem::current_path() : self.parent_path();
+}
+
+std::filesystem::path DefaultWebDir() {
+    // Installed: <prefix>/bin/routine-host beside <prefix>/share/nyroutine/web; in the build tree the
+    // console is read from the source folder.
+    const auto installed = ExecutableDir() / ".." / "share" / "nyroutine" / "web";
+    if (std::filesystem::exists(installed / "index.html")) {
+        return installed;
+    }
+    return NYR_SOURCE_WEB_DIR;
+}
+
+// Which level words pass at each --log-level. The top bit marks the engine's words; the low bits
+// tell progress (0), notices (1) and failures (2).
+bool Passes(const std::string& level, std::uint64_t word) {
+    if (level == "none") {
+        return false;
+    }
+    if (level == "debug") {
+        return true;
+    }
+    const std::uint64_t kind = word & 0xFFFFFFFFULL;
+    if (level == "error") {
+        return kind == 2;
+    }
+    return kind != 0;  // info: everything but progress lines
+}
+
+void InstallLogSinks(const std::string& level) {
+    static std::mutex stderrMutex;  // one line at a time on stderr
+    auto timestamp = [] {
+        const auto now = std::chrono::system_clock::now();
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+        const auto millis =
+            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+        std::tm utc{};
+        gmtime_r(&seconds, &utc);
+        char text[32];
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+        char full[40];
+        std::snprintf(full, sizeof full, "%s.%03dZ", text, static_cast<int>(millis));
+        return std::string(full);
+    };
+    Ny::Logging::SetSink([level, timestamp](const Ny::Logging::LogRecord& record) {
+        if (!Passes(level, record.levelWord)) {
+            return;
+        }
+        std::lock_guard guard(stderrMutex);
+        std::fprintf(stderr, "%s 0x%016llx [%s] %s\n", timestamp().c_str(),
+                     static_cast<unsigned long long>(record.levelWord), record.context.c_str(), record.text.c_str());
+    });
+    if (level == "debug") {
+        NyRt::SetLogSink([timestamp](std::string_view line) {
+            std::lock_guard guard(stderrMutex);
+            std::fprintf(stderr, "%s runtime %.*s\n", timestamp().c_str(), static_cast<int>(line.size()), line.data());
+        });
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string error;
+    const auto options = NyHost::ParseOptions(argc, argv, error);
+    if (!options) {
+        std::cerr << "routine-host: " << error << "\n\n" << NyHost::Usage();
+        return 2;
+    }
+    if (options->help) {
+        std::cout << NyHost::Usage();
+        return 0;
+    }
+
+    // Every thread started from here on inherits the blocked signals; only the main thread takes them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    InstallLogSinks(options->logLevel);
+    const std::filesystem::path pluginDir =
+        options->pluginDir.empty() ? ExecutableDir() / ".." / "plugins" : std::filesystem::path(options->pluginDir);
+    const std::filesystem::path webDir = options->webDir.empty() ? DefaultWebDir() : std::filesystem::path(options->webDir);
+
+    NyHost::HostService service(*options, pluginDir, webDir);
+    try {
+        service.Start();
+    } catch (const std::exception& e) {
+        std::cerr << "routine-host: cannot start: " << e.what() << "\n";
+        return 1;
+    }
+    const std::string address = service.Address();
+    const bool ipv6 = address.find(':') != std::string::npos;
+    std::cout << "listening on http://" << (ipv6 ? "[" + address + "]" : address) << ":" << service.Port()
+              << std::endl;
+
+    for (;;) {
+        int signal = 0;
+        if (sigwait(&signals, &signal) != 0) {
+            continue;
+        }
+        if (signal == SIGHUP) {
+            service.Rescan();
+            continue;
+        }
+        break;
+    }
+    service.Shutdown();
+    return 0;
+}
