@@ -1,0 +1,136 @@
+// Routine types written for the tests: a routine whose Run is a lambda, a factory around it, and small
+// helpers to wait for conditions with a generous bound (never a bare sleep).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "NyRoutine/IRoutine.h"
+#include "NyRoutine/IRoutineFactory.h"
+#include "NyRoutine/IRoutineHost.h"
+#include "NyValues/Params/Group.h"
+#include "NyValues/Params/Value.h"
+
+namespace NyTest {
+
+// Polls `condition` until it holds or `timeout` passes; true when it holds.
+template <typename Condition>
+bool Eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A one-shot gate: Open() lets every Wait() through.
+class Gate {
+public:
+    void Open() {
+        {
+            std::lock_guard guard(mutex);
+            open = true;
+        }
+        opened.notify_all();
+    }
+    bool Wait(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock guard(mutex);
+        return opened.wait_for(guard, timeout, [this] { return open; });
+    }
+    bool IsOpen() {
+        std::lock_guard guard(mutex);
+        return open;
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable opened;
+    bool open = false;
+};
+
+struct TestResults : Ny::Params::Group {
+    TestResults() { AddParameter("value", value, ""); }
+    Ny::Params::Value<unsigned int> value;
+};
+
+struct TestParams : Ny::Params::Group {
+    TestParams() {
+        AddParameter("count", count, "");
+        AddParameter("name", name, "");
+        count.Minimum(1).Maximum(10);
+        count = 5;
+    }
+    Ny::Params::Value<unsigned int> count;
+    Ny::Params::Value<std::string> name;
+};
+
+// A routine whose Run is given by the test. Results handed over are TestResults and freed here.
+class ScriptedRoutine : public NyRoutine::IRoutine {
+public:
+    using RunFx = std::function<void(ScriptedRoutine&, NyRoutine::IRoutineHost&)>;
+
+    explicit ScriptedRoutine(RunFx runIn) : run(std::move(runIn)) {}
+    ~ScriptedRoutine() override { destroyed = true; }
+
+    void SetCreateParams(std::shared_ptr<Ny::Params::Group> createParams) override { params = std::move(createParams); }
+    void Run(NyRoutine::IRoutineHost& host) override {
+        ++runs;
+        if (run) {
+            run(*this, host);
+        }
+    }
+    void FreeResults(const Ny::Properties::Structure* results) override {
+        {
+            std::lock_guard guard(mutex);
+            freed.push_back(results);
+        }
+        delete static_cast<const TestResults*>(results);
+    }
+    std::vector<const Ny::Properties::Structure*> Freed() {
+        std::lock_guard guard(mutex);
+        return freed;
+    }
+
+    RunFx run;
+    TestParams parameters;
+    std::shared_ptr<Ny::Params::Group> params;
+    std::atomic<int> runs{0};
+    std::atomic<bool> destroyed{false};
+
+private:
+    std::mutex mutex;
+    std::vector<const Ny::Properties::Structure*> freed;
+};
+
+// Makes ScriptedRoutines; remembers the last one made.
+class ScriptedFactory : public NyRoutine::IRoutineFactory {
+public:
+    explicit ScriptedFactory(ScriptedRoutine::RunFx runIn = {}) : run(std::move(runIn)) {}
+    std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override {
+        auto routine = std::make_shared<ScriptedRoutine>(run);
+        std::lock_guard guard(mutex);
+        last = routine;
+        return routine;
+    }
+    std::shared_ptr<ScriptedRoutine> Last() {
+        std::lock_guard guard(mutex);
+        return last;
+    }
+
+    ScriptedRoutine::RunFx run;
+
+private:
+    std::mutex mutex;
+    std::shared_ptr<ScriptedRoutine> last;
+};
+
+}  // namespace NyTest
