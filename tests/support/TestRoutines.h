@@ -1,5 +1,4 @@
-// Routine types written for the tests: a routine whose Run is a lambda, a factory around it, and small
-// helpers to wait for conditions with a generous bound (never a bare sleep).
+// Routine types written for the tests: a routine whose Run is a lambda and a factory around it.
 #pragma once
 
 #include <atomic>
@@ -16,46 +15,9 @@
 #include "NyRoutine/IRoutineHost.h"
 #include "NyValues/Params/Group.h"
 #include "NyValues/Params/Value.h"
+#include "Sync.h"
 
 namespace NyTest {
-
-// Polls `condition` until it holds or `timeout` passes; true when it holds.
-template <typename Condition>
-bool Eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// A one-shot gate: Open() lets every Wait() through.
-class Gate {
-public:
-    void Open() {
-        {
-            std::lock_guard guard(mutex);
-            open = true;
-        }
-        opened.notify_all();
-    }
-    bool Wait(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        std::unique_lock guard(mutex);
-        return opened.wait_for(guard, timeout, [this] { return open; });
-    }
-    bool IsOpen() {
-        std::lock_guard guard(mutex);
-        return open;
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable opened;
-    bool open = false;
-};
 
 struct TestResults : Ny::Params::Group {
     TestResults() { AddParameter("value", value, ""); }

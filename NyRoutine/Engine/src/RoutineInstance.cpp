@@ -36,7 +36,8 @@ void RoutineInstance::Start() {
     }
     NY_LOG(Progress, "Routine [%s] started.", id.c_str());
     try {
-        ended = 0;
+        // `ended` is not set back to 0 here: an abort that came between the creation and this start
+        // (another request saw the new routine) was the routine's one end.
         bool waitForStartParams = false;
         {
             std::lock_guard guard(startMutex);

@@ -199,20 +199,23 @@ std::shared_ptr<RoutineInstance> RoutineManager::AcquireInstance(const std::stri
 
 void RoutineManager::ClearAllRoutines() {
     NY_LOG(Ny::Logging::Level::Notice, "Routine(s) are going to abort.");
-    for (const std::string& id : ListIds()) {
-        NY_LOG(Ny::Logging::Level::Notice, "Aborting routine %s", id.c_str());
-        std::shared_ptr<RoutineInstance> instance;
-        try {
-            instance = AcquireInstance(id);
-        } catch (const Ny::Exception&) {
-            continue;  // removed meanwhile by another request
-        }
-        instance->Abort();
-    }
+    // The routines leave the map before they are aborted: a creation that an abort releases must find
+    // its routine gone (it was cleared), whichever thread runs first.
     std::map<std::string, std::shared_ptr<RoutineEntry>> dropped;
     {
         std::lock_guard guard(mutex);
         dropped.swap(routines);
+    }
+    try {
+        for (auto& [id, entry] : dropped) {
+            NY_LOG(Ny::Logging::Level::Notice, "Aborting routine %s", id.c_str());
+            entry->instance.Abort();
+        }
+    } catch (...) {
+        // An abort failed: no routine is dropped, as if the clear had stopped there.
+        std::lock_guard guard(mutex);
+        routines.merge(dropped);
+        throw;
     }
     for (auto& entry : dropped) {
         entry.second->instance.ReleaseStartWaiter();

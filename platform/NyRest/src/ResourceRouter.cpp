@@ -166,16 +166,9 @@ struct ResourceRouter::Match {
 
 ResourceRouter::ResourceRouter() = default;
 
-ResourceRouter::~ResourceRouter() {
-    std::vector<std::shared_ptr<Route>> remaining;
-    {
-        std::unique_lock guard(mutex);
-        remaining.swap(routes);
-    }
-    for (auto& route : remaining) {
-        route->resource->NotificationEvent().Unsubscribe(route->notificationHandle);
-    }
-}
+// Resources still registered here are not touched: they may be gone already. Their owners deregister
+// them while both live (the REST fronts do so in their destructors).
+ResourceRouter::~ResourceRouter() = default;
 
 void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
     auto route = std::make_shared<Route>();

@@ -56,6 +56,7 @@ public:
     static constexpr int MaxBodyDepth = 64;
 
     ResourceRouter();
+    // Every resource must be deregistered before it or the router is destroyed.
     ~ResourceRouter();
     ResourceRouter(const ResourceRouter&) = delete;
     ResourceRouter& operator=(const ResourceRouter&) = delete;

@@ -1,0 +1,156 @@
+// The REST router in-process: matching, verbs, HAL embedding, error replies, notifications and
+// deregistration while requests run.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "NyApi/Exception.h"
+#include "NyRest/Path.h"
+#include "NyRest/ResourceBase.h"
+#include "NyRest/ResourceRouter.h"
+#include "Sync.h"
+
+namespace {
+
+using nlohmann::json;
+
+// A parent resource that records what it was asked.
+class Items : public NyRest::DocumentResourceBase, public NyRest::IParentResource {
+public:
+    NyRest::IParentResource* ParentProvider() override { return this; }
+    json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override {
+        const std::string* id = request.Param("item");
+        if (id == nullptr) {
+            response.Embed("item", "/items/a", true, nullptr);
+            response.Embed("item", "/items/b c", true, nullptr);
+            return nullptr;
+        }
+        if (*id == "boom") {
+            try {
+                throw std::runtime_error("inner cause");
+            } catch (const std::exception&) {
+                std::throw_with_nested(Ny::Exception(1, "f", -1000, "Items::GetDocument", "Refused now."));
+            }
+        }
+        if (*id == "block") {
+            entered.Open();
+            release.Wait();
+        }
+        return {{"id", *id}, {"schema", request.Schema()}};
+    }
+    void UpdateDocument(const NyRest::RequestInfo&, const json& body) override { lastBody = body; }
+    NyRest::CreateResult Create(const NyRest::RequestInfo&, const json& body) override {
+        const std::string id = body.at("name").get<std::string>();
+        NotificationEvent().Raise(*this, NyRest::EventType::Created, "/items/" + id);
+        return {id, "/items/" + id};
+    }
+    void Delete(const NyRest::RequestInfo&) override { throw 42; }
+
+    json lastBody;
+    NyTest::Gate entered;
+    NyTest::Gate release;
+};
+
+class Command : public NyRest::CommandResourceBase {
+public:
+    json Call(const NyRest::RequestInfo& request, const json&) override { return *request.Param("item"); }
+};
+
+class Fixed : public NyRest::DocumentResourceBase {
+public:
+    json GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) override { return {{"fixed", true}}; }
+};
+
+class RouterTest : public ::testing::Test {
+protected:
+    RouterTest() {
+        router.Register("/items/:item", items);
+        router.Register("/items/:item/commands/go", go);
+        router.Register("/items/special", fixed);
+    }
+    ~RouterTest() override { router.Deregister("/items", true); }
+    NyRest::ResourceRouter router;
+    Items items;
+    Command go;
+    Fixed fixed;
+};
+
+TEST_F(RouterTest, PatternsMatchLiteralsFirstDecodeSegmentsAndReadTheSchemaFlag) {
+    EXPECT_EQ(router.Dispatch("GET", "/items/special", nullptr).body, json({{"fixed", true}}));
+    EXPECT_EQ(router.Dispatch("GET", "/items/x%20y?schema=true", nullptr).body, json({{"id", "x y"}, {"schema", true}}));
+    EXPECT_EQ(router.Dispatch("GET", "/items/x?schema=false", nullptr).body["schema"], false);
+    EXPECT_EQ(router.Dispatch("POST", "/items/7/commands/go", nullptr).body, "7");
+    EXPECT_EQ(router.Dispatch("GET", "/nothing", nullptr).status, 404);
+    EXPECT_EQ(router.Dispatch("GET", "/items/a/b", nullptr).status, 404);
+    EXPECT_EQ(NyRest::Path::Format("/items/:item/commands/go", {"Calib-3"}), "/items/Calib-3/commands/go");
+}
+
+TEST_F(RouterTest, CollectionPathReachesTheParentWithEmbeddedItems) {
+    const auto reply = router.Dispatch("GET", "/items", nullptr);
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.body, json::parse(R"({"_embedded":{"item":[{"_links":{"self":{"href":"/items/a"}}},
+                                                                {"_links":{"self":{"href":"/items/b c"}}}]}})"));
+}
+
+TEST_F(RouterTest, VerbsMapToTheirOperationsAndStatuses) {
+    const auto created = router.Dispatch("POST", "/items", {{"name", "n1"}});
+    EXPECT_EQ(created.status, 201);
+    EXPECT_EQ(created.body, json({{"id", "n1"}, {"path", "/items/n1"}}));
+    EXPECT_EQ(created.headers.at(0), (std::pair<std::string, std::string>{"Location", "/items/n1"}));
+    EXPECT_EQ(router.Dispatch("PATCH", "/items/n1", {{"a", 1}}).status, 204);
+    EXPECT_EQ(items.lastBody, json({{"a", 1}}));
+    const auto wrongVerb = router.Dispatch("DELETE", "/items/n1/commands/go", nullptr);
+    EXPECT_EQ(wrongVerb.status, 405);
+    EXPECT_EQ(wrongVerb.headers.at(0), (std::pair<std::string, std::string>{"Allow", "POST"}));
+    const auto readOnly = router.Dispatch("PUT", "/items/special", json::object());
+    EXPECT_EQ(readOnly.status, 405);
+    EXPECT_EQ(readOnly.body["message"], "The document is read-only.");
+}
+
+TEST_F(RouterTest, FailuresBecomeJsonErrorsAndNothingEscapes) {
+    const auto refused = router.Dispatch("GET", "/items/boom", nullptr);
+    EXPECT_EQ(refused.status, 409);
+    EXPECT_EQ(refused.body, json({{"status", -1000}, {"message", "Refused now."}, {"causes", {"inner cause"}}}));
+    const auto typeError = router.Dispatch("POST", "/items", {{"name", 3}});
+    EXPECT_EQ(typeError.status, 400);
+    EXPECT_EQ(typeError.body["message"], "type must be string, but is number");
+    EXPECT_EQ(router.Dispatch("POST", "/items", json::object()).status, 400);  // missing member
+    EXPECT_EQ(router.Dispatch("DELETE", "/items/x", nullptr).status, 500);    // not even a std::exception
+    const auto malformed = router.DispatchRaw("POST", "/items", "{\"name\": ");
+    EXPECT_EQ(malformed.status, 400);
+    EXPECT_EQ(malformed.body["message"], "The request body is not valid JSON.");
+    EXPECT_EQ(router.DispatchRaw("POST", "/items", std::string(100, '[') + std::string(100, ']')).status, 400);
+    EXPECT_EQ(router.DispatchRaw("POST", "/items", R"({"name":"ok"})").status, 201);
+}
+
+TEST_F(RouterTest, RegistrationMistakesFailLoudly) {
+    EXPECT_THROW(router.Register("/items/:item", fixed), Ny::Exception);
+    EXPECT_THROW(router.Register("no-slash", fixed), Ny::Exception);
+    EXPECT_THROW(router.Register("/a//b", fixed), Ny::Exception);
+}
+
+TEST_F(RouterTest, NotificationsAreForwardedUntilDeregistration) {
+    std::vector<std::string> seen;
+    router.NotificationEvent().Subscribe([&](NyRest::EventType type, std::string path) {
+        seen.push_back(std::to_string(static_cast<int>(type)) + path);
+    });
+    router.Dispatch("POST", "/items", {{"name", "a"}});
+    router.Deregister("/items/:item", true);
+    items.NotificationEvent().Raise(items, NyRest::EventType::Deleted, "/items/a");
+    EXPECT_EQ(seen, std::vector<std::string>{"1/items/a"});
+    EXPECT_EQ(router.Dispatch("POST", "/items/7/commands/go", nullptr).status, 404);  // removed beneath too
+    EXPECT_EQ(router.Dispatch("GET", "/items/special", nullptr).status, 200);  // a sibling, not beneath
+}
+
+TEST_F(RouterTest, BlockedRequestLeavesOthersServedAndDeregistrationWaitsForIt) {
+    auto blocked = std::async(std::launch::async, [&] { return router.Dispatch("GET", "/items/block", nullptr); });
+    ASSERT_TRUE(items.entered.Wait());
+    EXPECT_EQ(router.Dispatch("GET", "/items/other", nullptr).status, 200);
+    auto withdrawn = std::async(std::launch::async, [&] { router.Deregister("/items/:item", false); });
+    EXPECT_EQ(withdrawn.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    items.release.Open();
+    EXPECT_EQ(blocked.get().status, 200);
+    withdrawn.get();
+}
+
+}  // namespace
