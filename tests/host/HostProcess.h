@@ -1,0 +1,62 @@
+// Runs the real routine-host on a free loopback port and talks HTTP to it over plain sockets.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace NyTest {
+
+struct HttpReply {
+    int status = 0;  // 0: no reply (connection closed or timed out)
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+    nlohmann::json Json() const { return body.empty() ? nlohmann::json() : nlohmann::json::parse(body); }
+    std::string Header(const std::string& name) const;
+};
+
+// One connection to the host, with a receive time-out so that no test waits without bound.
+class HttpConnection {
+public:
+    HttpConnection(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    ~HttpConnection();
+    HttpConnection(const HttpConnection&) = delete;
+    HttpConnection& operator=(const HttpConnection&) = delete;
+
+    bool SendRaw(const std::string& bytes);
+    HttpReply ReadReply();
+    // Reads whatever arrives until `done(received)` holds or the time-out passes; returns all received.
+    std::string ReadUntil(const std::function<bool(const std::string&)>& done);
+
+private:
+    int socket = -1;
+    std::string pending;
+};
+
+class HostProcess {
+public:
+    explicit HostProcess(std::vector<std::string> extraArguments = {});
+    ~HostProcess();  // SIGTERM, then SIGKILL if it does not exit
+    HostProcess(const HostProcess&) = delete;
+    HostProcess& operator=(const HostProcess&) = delete;
+
+    int Port() const { return port; }
+    HttpReply Request(const std::string& method, const std::string& target, const std::string& body = "",
+                      const std::vector<std::string>& headers = {});
+    HttpReply Request(const std::string& method, const std::string& target, const nlohmann::json& body) {
+        return Request(method, target, body.dump());
+    }
+    // Sends SIGTERM and waits (bounded) for the exit; returns the exit status, or -1 on time-out.
+    int Terminate(std::chrono::milliseconds timeout);
+
+private:
+    pid_t pid = -1;
+    int port = 0;
+};
+
+}  // namespace NyTest

@@ -1,0 +1,142 @@
+// End to end: the real routine-host with the sample plug-ins, over real HTTP on loopback.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "HostProcess.h"
+#include "Sync.h"
+
+namespace {
+
+using nlohmann::json;
+using NyTest::Eventually;
+using NyTest::HostProcess;
+using NyTest::HttpConnection;
+
+json State(HostProcess& host, const std::string& id) { return host.Request("GET", "/routines/" + id).Json()["state"]; }
+
+TEST(Host, CalibrationWaitsIsConfiguredContinuedAndCompletesWithResults) {
+    HostProcess host;
+    auto creation = std::async(std::launch::async, [&] { return host.Request("POST", "/routines", json{{"type", "Calibration"}}); });
+    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
+    EXPECT_EQ(creation.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    // Reads, refused and accepted updates and the limit are served while the creation waits.
+    EXPECT_EQ(host.Request("GET", "/routines/Calibration-0?schema=true").Json()["_schema"]["properties"]["parameters"]
+                  ["properties"]["samples"]["maximum"],
+              1000);
+    const auto refused = host.Request("PATCH", "/routines/Calibration-0", json{{"parameters", {{"samples", 1001}}}});
+    EXPECT_EQ(refused.status, 400);
+    EXPECT_EQ(refused.Json(), json({{"status", -997},
+                                    {"message", "Set routine params failed."},
+                                    {"causes", {"samples was set to be greater than its maximum."}}}));
+    EXPECT_EQ(host.Request("PUT", "/routines/Calibration-0", json{{"parameters", {{"samples", 30}, {"mode", 1}}}}).status, 204);
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 409);
+    EXPECT_EQ(host.Request("POST", "/routines/Calibration-0/commands/continue").status, 200);
+    const auto created = creation.get();
+    EXPECT_EQ(created.status, 201);
+    EXPECT_EQ(created.Header("Location"), "/routines/Calibration-0");
+    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 3; }));
+    const json results = host.Request("GET", "/routines/Calibration-0").Json()["results"];
+    EXPECT_EQ(results["label"], "default");
+    EXPECT_TRUE(results["gain"].is_number());
+}
+
+TEST(Host, SelfTestCompletesAloneAndDeleteAllClears) {
+    HostProcess host;
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 201);
+    ASSERT_TRUE(Eventually([&] { return State(host, "SelfTest-0") == 3; }));
+    EXPECT_EQ(host.Request("GET", "/routines/SelfTest-0").Json()["results"]["passedChecks"], 3);
+    EXPECT_EQ(host.Request("GET", "/routines").Json()["_embedded"]["item"].size(), 1u);
+    EXPECT_EQ(host.Request("DELETE", "/routines/*").status, 204);
+    EXPECT_EQ(host.Request("GET", "/routines").body, "null");
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).Json()["id"], "SelfTest-1");
+}
+
+TEST(Host, RunningSystemRefusesCreationAndFactoryRestoreClears) {
+    HostProcess host;
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 201);
+    EXPECT_EQ(host.Request("POST", "/system/commands/factoryRestore").status, 200);
+    EXPECT_EQ(host.Request("GET", "/routines").body, "null");
+    EXPECT_EQ(host.Request("PUT", "/system", json{{"runState", 1}}).status, 204);
+    EXPECT_EQ(host.Request("GET", "/system").Json(), json({{"runState", 1}}));
+    const auto refused = host.Request("POST", "/routines", json{{"type", "SelfTest"}});
+    EXPECT_EQ(refused.status, 409);
+    EXPECT_EQ(refused.Json()["message"], "Routine [SelfTest] cannot be created while system is running.");
+    EXPECT_EQ(host.Request("PUT", "/system", json{{"runState", "x"}}).status, 400);
+    const json plugins = host.Request("GET", "/plugins").Json();
+    EXPECT_EQ(plugins["plugins"][0]["file"], "sample_routines.so");
+    EXPECT_EQ(plugins["plugins"][0]["routineTypes"], json({"SelfTest", "Calibration"}));
+}
+
+TEST(Host, BadInputGetsTheRightStatusAndTheHostKeepsServing) {
+    HostProcess host;
+    const auto unknown = host.Request("GET", "/nowhere");
+    EXPECT_EQ(unknown.status, 404);
+    EXPECT_EQ(unknown.Header("Content-Type"), "application/json");
+    EXPECT_EQ(host.Request("DELETE", "/routineTypes").status, 405);
+    EXPECT_EQ(host.Request("POST", "/routines", std::string("{\"type\":")).status, 400);
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", 7}}).Json()["message"], "type must be string, but is number");
+    EXPECT_EQ(host.Request("GET", "/web/../CMakeLists.txt").status, 404);
+    {
+        HttpConnection connection(host.Port());
+        connection.SendRaw("POST /routines HTTP/1.1\r\nHost: x\r\nContent-Length: 100000000\r\n\r\n{");
+        EXPECT_EQ(connection.ReadReply().status, 413);
+    }
+    {
+        HttpConnection connection(host.Port());
+        connection.SendRaw("GET /routines HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(20000, 'a') + "\r\n\r\n");
+        EXPECT_EQ(connection.ReadReply().status, 431);
+    }
+    {
+        HttpConnection connection(host.Port());
+        connection.SendRaw("NOT HTTP AT ALL\r\n\r\n");
+        EXPECT_EQ(connection.ReadReply().status, 400);
+    }
+    EXPECT_EQ(host.Request("GET", "/routineTypes").status, 200);
+}
+
+TEST(Host, EventsArriveInOrderWithStepsCoalesced) {
+    HostProcess host;
+    HttpConnection events(host.Port());
+    events.SendRaw("GET /events HTTP/1.1\r\nHost: x\r\n\r\n");
+    events.ReadUntil([](const std::string& data) { return data.find("\r\n\r\n") != std::string::npos; });
+    ASSERT_TRUE(Eventually([&] { return host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status == 201; }));
+    ASSERT_TRUE(Eventually([&] { return State(host, "SelfTest-0") == 3; }));
+    host.Request("DELETE", "/routines/SelfTest-0");
+    const std::string stream =
+        events.ReadUntil([](const std::string& data) { return data.find("event: deleted") != std::string::npos; });
+    EXPECT_NE(stream.find("Content-Type: text/event-stream"), std::string::npos);
+    const std::string created = "event: created\ndata: {\"type\":\"created\",\"path\":\"/routines/SelfTest-0\"}\n\n";
+    const std::string deleted = "event: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/SelfTest-0\"}\n\n";
+    ASSERT_NE(stream.find(created), std::string::npos) << stream;
+    ASSERT_NE(stream.find(deleted), std::string::npos) << stream;
+    EXPECT_LT(stream.find(created), stream.find(deleted));
+    // About a second of 60 progress reports: at most one update per half second, plus results and the end.
+    int updates = 0;
+    for (size_t at = stream.find("event: updated"); at != std::string::npos; at = stream.find("event: updated", at + 1)) {
+        ++updates;
+    }
+    EXPECT_GE(updates, 2);
+    EXPECT_LE(updates, 8);
+}
+
+TEST(Host, ShutdownReleasesAWaitingCreationAndExitsCleanly) {
+    HostProcess host;
+    auto creation = std::async(std::launch::async, [&] { return host.Request("POST", "/routines", json{{"type", "Calibration"}}); });
+    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(host.Terminate(std::chrono::seconds(10)), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(creation.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST(Host, TokenIsRequiredWhenConfigured) {
+    HostProcess host({"--token", "s3cret"});
+    EXPECT_EQ(host.Request("GET", "/routines").status, 401);
+    EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer wrong"}).status, 401);
+    EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret"}).status, 200);
+    EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret", "Origin: http://evil.example"}).status,
+              403);
+}
+
+}  // namespace
