@@ -53,6 +53,7 @@ std::string Usage() {
            "  --allow-origin ORIGIN    allow cross-origin requests from ORIGIN (repeatable)\n"
            "  --max-event-clients N    event-stream clients at most (default 64)\n"
            "  --workers N              request worker threads (default 16)\n"
+           "  --bench-fixed-reply N    serve a fixed reply of N bytes at /bench/fixed (for benchmarks)\n"
            "  --help                   this text\n\n"
            "Signals: SIGHUP rescans the plug-in folder; SIGINT and SIGTERM shut down cleanly.\n";
 }
@@ -109,6 +110,10 @@ std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& erro
             options.allowOrigins.push_back(text);
         } else if (arg == "--max-event-clients") {
             if (!value(text) || !ParseCount("--max-event-clients", text, options.maxEventClients, error)) {
+                return std::nullopt;
+            }
+        } else if (arg == "--bench-fixed-reply") {
+            if (!value(text) || !ParseCount("--bench-fixed-reply", text, options.fixedReplyBytes, error)) {
                 return std::nullopt;
             }
         } else if (arg == "--workers") {

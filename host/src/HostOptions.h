@@ -19,6 +19,7 @@ struct HostOptions {
     std::vector<std::string> allowOrigins;  // cross-origin requests allowed from these origins
     unsigned maxEventClients = 64;
     unsigned workerThreads = 16;
+    unsigned fixedReplyBytes = 0;  // > 0: "/bench/fixed" answers a fixed reply of this size (benchmarks)
     bool help = false;
 };
 

@@ -54,7 +54,7 @@ void HostService::Start() {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refused.c_str());
     }
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
-    operatorResources = std::make_unique<OperatorResources>(router, core, plugins);
+    operatorResources = std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes);
 
     HttpServerOptions serverOptions;
     serverOptions.address = options.address;

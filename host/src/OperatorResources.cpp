@@ -37,15 +37,27 @@ nlohmann::json PluginsResource::GetDocument(const NyRest::RequestInfo&, NyRest::
     return {{"plugins", std::move(list)}};
 }
 
+FixedReplyResource::FixedReplyResource(unsigned bytes) {
+    // {"data":"xxx..."}: 11 bytes of framing around the text.
+    reply = {{"data", std::string(bytes > 11 ? bytes - 11 : 1, 'x')}};
+}
+
+nlohmann::json FixedReplyResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) { return reply; }
+
 OperatorResources::OperatorResources(NyRest::ResourceRouter& routerIn, NyCore::Core& core,
-                                     NyPlugin::PluginManager& plugins)
+                                     NyPlugin::PluginManager& plugins, unsigned fixedReplyBytes)
     : router(routerIn), system(core), factoryRestore(core), pluginList(plugins) {
     router.Register("/system", system);
     router.Register("/system/commands/factoryRestore", factoryRestore);
     router.Register("/plugins", pluginList);
+    if (fixedReplyBytes > 0) {
+        fixedReply = std::make_unique<FixedReplyResource>(fixedReplyBytes);
+        router.Register("/bench/fixed", *fixedReply);
+    }
 }
 
 OperatorResources::~OperatorResources() {
+    router.Deregister("/bench", true);
     router.Deregister("/plugins", true);
     router.Deregister("/system", true);
 }

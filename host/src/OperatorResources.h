@@ -5,6 +5,8 @@
 // Owned by the host service; registered for their lifetime. Request threads only.
 #pragma once
 
+#include <memory>
+
 #include <nlohmann/json.hpp>
 
 #include "NyCore/Core.h"
@@ -44,10 +46,22 @@ private:
     NyPlugin::PluginManager& plugins;
 };
 
-// Registers the three resources on construction and withdraws them on destruction.
+// A fixed document of a given size, served through the same router and transport as routine documents,
+// so that a benchmark can tell the cost of the engine from the cost of serving.
+class FixedReplyResource : public NyRest::DocumentResourceBase {
+public:
+    explicit FixedReplyResource(unsigned bytes);
+    nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
+
+private:
+    nlohmann::json reply;
+};
+
+// Registers the resources on construction and withdraws them on destruction.
 class OperatorResources {
 public:
-    OperatorResources(NyRest::ResourceRouter& router, NyCore::Core& core, NyPlugin::PluginManager& plugins);
+    OperatorResources(NyRest::ResourceRouter& router, NyCore::Core& core, NyPlugin::PluginManager& plugins,
+                      unsigned fixedReplyBytes);
     ~OperatorResources();
     OperatorResources(const OperatorResources&) = delete;
     OperatorResources& operator=(const OperatorResources&) = delete;
@@ -57,6 +71,7 @@ private:
     SystemResource system;
     FactoryRestoreCommand factoryRestore;
     PluginsResource pluginList;
+    std::unique_ptr<FixedReplyResource> fixedReply;
 };
 
 }  // namespace NyHost

@@ -71,6 +71,19 @@ TEST(AsyncRunner, AJobThatThrowsIsLoggedAndTheNextOneStillRuns) {
     EXPECT_TRUE(log.Contains("AsyncRunner job exception of unknown type"));
 }
 
+TEST(AsyncRunner, StartsAThreadAgainAfterAnIdleSpell) {
+    Ny::AsyncRunner runner;
+    for (int round = 0; round < 2; ++round) {
+        std::promise<bool> ran;
+        runner.Run([&] { ran.set_value(runner.IsRunnerThread()); });
+        auto result = ran.get_future();
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_TRUE(result.get());
+        // Let the thread end for lack of work; the next job must start a new one.
+        std::this_thread::sleep_for(Ny::AsyncRunner::IdleTimeout + std::chrono::milliseconds(100));
+    }
+}
+
 TEST(AsyncTimer, StopWaitsForTheRunningCallbackAndNoneStartsAfterwards) {
     std::promise<void> inCallback;
     std::promise<void> release;

@@ -29,7 +29,11 @@ void AsyncRunner::Run(std::function<void()> job) {
             return;
         }
         queue.push_back(std::move(job));
-        if (!worker.joinable()) {
+        if (!workerRunning) {
+            if (worker.joinable()) {
+                worker.join();  // it has left its loop after an idle spell: the join is immediate
+            }
+            workerRunning = true;
             worker = std::thread([this] { Loop(); });
         }
     }
@@ -38,7 +42,7 @@ void AsyncRunner::Run(std::function<void()> job) {
 
 bool AsyncRunner::IsRunnerThread() const {
     std::lock_guard guard(mutex);
-    return worker.get_id() == std::this_thread::get_id();
+    return workerRunning && worker.get_id() == std::this_thread::get_id();
 }
 
 void AsyncRunner::Loop() {
@@ -46,8 +50,12 @@ void AsyncRunner::Loop() {
         std::function<void()> job;
         {
             std::unique_lock guard(mutex);
-            wake.wait(guard, [this] { return stopping || !queue.empty(); });
+            if (!wake.wait_for(guard, IdleTimeout, [this] { return stopping || !queue.empty(); })) {
+                workerRunning = false;  // idle: the next Run starts a new thread
+                return;
+            }
             if (stopping) {
+                workerRunning = false;
                 return;
             }
             job = std::move(queue.front());

@@ -1,12 +1,14 @@
 // `Ny::AsyncRunner`: runs queued jobs one at a time, in order, on a thread of its own.
 //
-// `Run` queues and returns at once. The runner owns its thread: the thread starts with the first job
-// and is joined by the destructor. Destruction waits for the job in progress to return and drops the
+// `Run` queues and returns at once. The runner owns its thread: the thread starts with a job and ends
+// after a short idle spell (IdleTimeout), so that thousands of idle owners (routines waiting for a
+// user) hold no thread; the next job starts it again. The runner joins it, on restart or destruction. Destruction waits for the job in progress to return and drops the
 // jobs still queued behind it (they are destroyed without running): an owner that is going away must
 // not have its code called back while it dies. A job that throws is logged (caught-failure level) and
 // the runner goes on with the next job. Thread-safe, except that a job must not destroy its runner.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -28,6 +30,8 @@ public:
     // True on the runner's own thread (for assertions and diagnostics).
     bool IsRunnerThread() const;
 
+    static constexpr std::chrono::milliseconds IdleTimeout{200};
+
 private:
     void Loop();
 
@@ -35,7 +39,8 @@ private:
     std::condition_variable wake;            // a job was queued or stopping was set
     std::deque<std::function<void()>> queue;  // guarded by mutex
     bool stopping = false;                   // guarded by mutex
-    std::thread worker;                      // started under mutex by the first Run; joined by ~AsyncRunner
+    bool workerRunning = false;              // guarded by mutex: the thread has not left its loop
+    std::thread worker;                      // guarded by mutex; started by Run, joined by Run or ~AsyncRunner
 };
 
 }  // namespace Ny
