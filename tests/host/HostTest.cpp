@@ -140,3 +140,44 @@ TEST(Host, TokenIsRequiredWhenConfigured) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every way routine code can misbehave ends in a defined state, and the host keeps serving.
+TEST(Host, FaultyRoutinesEndInDefinedStatesAndTheHostStaysUp) {
+    HostProcess host({"--plugins", NYR_FAULTY_PLUGIN_DIR});
+    struct Case {
+        const char* type;
+        int state;  // after it settles (and for the continue case, after a continue)
+        const char* details;
+    };
+    const Case cases[] = {{"ThrowInRun", 5, "Run failed"},
+                          {"ThrowInContinue", 5, "continue failed"},
+                          {"ThrowInCompletion", 5, "Completion callback failed: completion failed"},
+                          {"ThrowNonStandard", 1, ""},
+                          {"ResultsTwice", 5, "Routine [ResultsTwice-"}};
+    int number = 0;
+    for (const Case& c : cases) {
+        const std::string id = std::string(c.type) + "-" + std::to_string(number++);
+        ASSERT_EQ(host.Request("POST", "/routines", json{{"type", c.type}}).status, 201) << c.type;
+        if (std::string(c.type) == "ThrowInContinue") {
+            ASSERT_TRUE(Eventually([&] { return State(host, id) == 2; }));
+            host.Request("POST", "/routines/" + id + "/commands/continue");
+        }
+        ASSERT_TRUE(Eventually([&] { return State(host, id) == c.state; })) << c.type;
+        const std::string details = host.Request("GET", "/routines/" + id).Json()["stateDetails"];
+        EXPECT_EQ(details.rfind(c.details, 0), 0u) << c.type << ": " << details;
+        EXPECT_EQ(host.Request("DELETE", "/routines/" + id).status, 204) << c.type;
+    }
+    // A routine that only stops when aborted: deleting it aborts it and returns.
+    ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "Stubborn"}}).status, 201);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(host.Request("DELETE", "/routines/Stubborn-5").status, 204);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    const auto refused = host.Request("POST", "/routines", json{{"type", "MakesNothing"}});
+    EXPECT_EQ(refused.status, 500);
+    EXPECT_EQ(host.Request("GET", "/routines").body, "null");
+    EXPECT_EQ(host.Request("GET", "/routineTypes").status, 200);
+}
+
+}  // namespace
