@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -144,6 +145,21 @@ HostProcess::~HostProcess() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
+}
+
+long HostProcess::ResidentKiB() const {
+    FILE* status = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    long kib = -1;
+    char line[256];
+    while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
+        if (std::sscanf(line, "VmRSS: %ld kB", &kib) == 1) {
+            break;
+        }
+    }
+    if (status != nullptr) {
+        std::fclose(status);
+    }
+    return kib;
 }
 
 int HostProcess::Terminate(std::chrono::milliseconds timeout) {

@@ -46,6 +46,8 @@ public:
     HostProcess& operator=(const HostProcess&) = delete;
 
     int Port() const { return port; }
+    // The host's resident memory in KiB, from /proc.
+    long ResidentKiB() const;
     HttpReply Request(const std::string& method, const std::string& target, const std::string& body = "",
                       const std::vector<std::string>& headers = {});
     HttpReply Request(const std::string& method, const std::string& target, const nlohmann::json& body) {

@@ -1,0 +1,155 @@
+// Concurrency soak over real HTTP: eight clients do random creations, reads, parameter writes (valid
+// and refused), continues, aborts, deletions, delete-all and factory restores for a bounded time
+// (NYR_SOAK_SECONDS, 20 by default; run it longer by hand). Then: no 5xx reply, every request answered
+// within its time-out, every creation returned, nothing left after a final delete-all, the event stream
+// consistent with what was created, and the host's memory back near where it started.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <future>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "HostProcess.h"
+
+namespace {
+
+using nlohmann::json;
+using NyTest::HostProcess;
+using NyTest::HttpConnection;
+
+TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
+    const char* configured = std::getenv("NYR_SOAK_SECONDS");
+    const int seconds = configured != nullptr ? std::atoi(configured) : 20;
+    HostProcess host;
+
+    // The event stream, read to the end of the test on a thread of its own.
+    std::string stream;
+    std::atomic<bool> streamDone{false};
+    std::thread watcher([&] {
+        HttpConnection events(host.Port(), std::chrono::seconds(seconds + 60));
+        events.SendRaw("GET /events HTTP/1.1\r\nHost: x\r\n\r\n");
+        stream = events.ReadUntil([&](const std::string& data) {
+            return streamDone.load() && data.find("\"path\":\"/soak-end\"") != std::string::npos;
+        });
+    });
+
+    // Warm up so that the memory baseline includes the pools the host keeps.
+    for (int i = 0; i < 20; ++i) {
+        host.Request("POST", "/routines", json{{"type", "SelfTest"}});
+        host.Request("GET", "/routines/SelfTest-" + std::to_string(i) + "?schema=true");
+        host.Request("DELETE", "/routines/*");
+    }
+    const long startKiB = host.ResidentKiB();
+
+    std::atomic<int> requests{0};
+    std::atomic<int> serverErrors{0};
+    std::atomic<int> unanswered{0};
+    std::mutex statusesMutex;
+    std::map<int, int> statuses;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    auto client = [&](unsigned seed) {
+        std::mt19937 random(seed);
+        while (std::chrono::steady_clock::now() < deadline) {
+            const json list = host.Request("GET", "/routines").Json();
+            std::string path = "/routines/none-0";
+            if (list.is_object() && !list["_embedded"]["item"].empty()) {
+                const auto& items = list["_embedded"]["item"];
+                path = items[random() % items.size()]["_links"]["self"]["href"];
+            }
+            NyTest::HttpReply reply;
+            switch (random() % 12) {
+                case 0:
+                case 1:
+                    reply = host.Request("POST", "/routines", json{{"type", random() % 2 ? "SelfTest" : "Calibration"}});
+                    break;
+                case 2:
+                    reply = host.Request("GET", path + (random() % 2 ? "?schema=true" : ""));
+                    break;
+                case 3:
+                    reply = host.Request("PATCH", path, json{{"parameters", {{"samples", random() % 1500}, {"label", "soak"}}}});
+                    break;
+                case 4:
+                case 5:
+                    reply = host.Request("POST", path + "/commands/continue");
+                    break;
+                case 6:
+                    reply = host.Request("POST", path + "/commands/abort");
+                    break;
+                case 7:
+                    reply = host.Request("DELETE", path);
+                    break;
+                case 8:
+                    reply = host.Request("DELETE", "/routines/*");
+                    break;
+                case 9:
+                    reply = random() % 4 == 0 ? host.Request("POST", "/system/commands/factoryRestore")
+                                              : host.Request("GET", "/routineTypes?schema=true");
+                    break;
+                default:
+                    reply = host.Request("GET", path);
+                    break;
+            }
+            ++requests;
+            if (reply.status == 0) {
+                ++unanswered;
+            } else if (reply.status >= 500) {
+                ++serverErrors;
+            }
+            std::lock_guard guard(statusesMutex);
+            ++statuses[reply.status];
+        }
+    };
+    std::vector<std::thread> clients;
+    for (unsigned i = 0; i < 8; ++i) {
+        clients.emplace_back(client, 100 + i);
+    }
+    // A creation waiting for its continue is released by the continues and deletions of the others;
+    // the final delete-all releases the last one.
+    for (auto& thread : clients) {
+        thread.join();
+    }
+    EXPECT_EQ(host.Request("DELETE", "/routines/*").status, 204);
+    EXPECT_EQ(host.Request("GET", "/routines").body, "null");
+    const long endKiB = host.ResidentKiB();
+
+    streamDone = true;
+    // Any notification ends the watcher's wait; a routine created and deleted here marks the end.
+    host.Request("POST", "/routines", json{{"type", "SelfTest"}});
+    host.Request("DELETE", "/routines/*");
+    host.Terminate(std::chrono::seconds(10));
+    watcher.join();
+
+    std::ostringstream summary;
+    for (const auto& [status, count] : statuses) {
+        summary << status << ":" << count << " ";
+    }
+    std::printf("soak: %d requests in %d s (%s), RSS %ld -> %ld KiB\n", requests.load(), seconds, summary.str().c_str(),
+                startKiB, endKiB);
+    EXPECT_GT(requests.load(), 100);
+    EXPECT_EQ(serverErrors.load(), 0);
+    EXPECT_EQ(unanswered.load(), 0);
+    EXPECT_LT(endKiB, startKiB + 32 * 1024) << "the host's memory grew";
+
+    // Every routine created was deleted, or cleared by a delete-all or factory restore, afterwards.
+    std::set<std::string> live;
+    for (size_t at = 0; (at = stream.find("data: ", at)) != std::string::npos; ++at) {
+        const json event = json::parse(stream.substr(at + 6, stream.find('\n', at) - at - 6));
+        const std::string path = event["path"];
+        if (event["type"] == "created") {
+            live.insert(path);
+        } else if (event["type"] == "deleted") {
+            live.erase(path);
+        } else if (path == "/routines") {
+            live.clear();
+        }
+    }
+    EXPECT_TRUE(live.empty()) << "no deletion seen for " << *live.begin();
+}
+
+}  // namespace
