@@ -22,3 +22,15 @@ nyr_install_packages() {
 }
 
 NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev curl)
+# The console's browser tests: Debian's Chromium, driven by playwright-core from the npm registry.
+
+nyr_install_browser_tests() {
+    local root=$1
+    if ! command -v node >/dev/null 2>&1; then
+        nyr_install_packages nodejs npm
+    fi
+    nyr_install_packages chromium
+    if [ ! -d "$root/tests/web/node_modules/playwright-core" ]; then
+        (cd "$root/tests/web" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+    fi
+}

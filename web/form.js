@@ -47,8 +47,10 @@ export function buildForm(schema, values, idPrefix) {
     const hint = document.createElement('span');
     hint.className = 'hint';
     const limits = [];
-    if (property.minimum !== undefined && property.type !== 'string') limits.push(`min ${property.minimum}`);
-    if (property.maximum !== undefined) limits.push(`max ${property.maximum}`);
+    if (!Array.isArray(property.enum)) {
+      if (property.minimum !== undefined && property.type !== 'string') limits.push(`min ${property.minimum}`);
+      if (property.maximum !== undefined) limits.push(`max ${property.maximum}`);
+    }
     hint.textContent = limits.join(', ');
     const error = document.createElement('span');
     error.className = 'error';
