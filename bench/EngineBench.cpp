@@ -1,10 +1,11 @@
 // In-process benchmarks, each beside the baseline it is judged against (run in the same binary, so the
 // ratio holds on a shared, noisy machine):
 //   Lifecycle      create, run to WaitForContinue, continue, complete, remove   vs one thread + 2 hand-offs
-//   Document       GET of one routine's document (10 parameters, results)       vs the same JSON built directly
-//   StepReport     one SetCurrentProgress with the routines resource listening   (goal: < 100 ns)
+//   Document       GET of one routine's document (10 parameters, results)       vs the same JSON built
+//   directly StepReport     one SetCurrentProgress with the routines resource listening   (goal: < 100 ns)
 //   TypesList      GET /routineTypes with 1, 100, 1000 types                    (linear)
-//   Collection     GET /routines with 1, 1000, 10000 routines                   (linear; RSS per idle routine)
+//   Collection     GET /routines with 1, 1000, 10000 routines                   (linear; RSS per idle
+//   routine)
 // `--nyr_smoke` runs every benchmark with small sizes once (CI).
 #include <benchmark/benchmark.h>
 
@@ -43,7 +44,9 @@ void SpinUntil(const std::function<bool()>& done) {
 
 // --- Lifecycle ---------------------------------------------------------------------------------
 
-void WaitOnce(NyTest::ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); }
+void WaitOnce(NyTest::ScriptedRoutine&, IRoutineHost& host) {
+    host.WaitForContinue([](IRoutineHost&) {});
+}
 
 void BM_Lifecycle(benchmark::State& state) {
     NyTest::ScriptedFactory factory(WaitOnce);
@@ -100,17 +103,19 @@ struct TenParams : Ny::Params::Group {
 };
 
 struct DocumentFixture {
-    DocumentFixture() : factory([this](NyTest::ScriptedRoutine&, IRoutineHost& host) {
-          host.SetTotalSteps(2);
-          host.SetCurrentStep(1, "Set the parameters, then continue.");
-          host.SetHelpHtml("<p>Help for the first step.</p>", 0);
-          host.GetParams(params, nullptr);
-          auto results = std::make_unique<NyTest::TestResults>();
-          results->value = 42;
-          host.SetResults(results.release());
-          host.WaitForContinue([](IRoutineHost&) {});
-      }) {
-        registry.Add(RoutineInfo("Calib", factory, true).SetDisplayName("Calibration").SetDescription("Calibrates."));
+    DocumentFixture()
+        : factory([this](NyTest::ScriptedRoutine&, IRoutineHost& host) {
+              host.SetTotalSteps(2);
+              host.SetCurrentStep(1, "Set the parameters, then continue.");
+              host.SetHelpHtml("<p>Help for the first step.</p>", 0);
+              host.GetParams(params, nullptr);
+              auto results = std::make_unique<NyTest::TestResults>();
+              results->value = 42;
+              host.SetResults(results.release());
+              host.WaitForContinue([](IRoutineHost&) {});
+          }) {
+        registry.Add(
+            RoutineInfo("Calib", factory, true).SetDisplayName("Calibration").SetDescription("Calibrates."));
         manager = std::make_unique<RoutineManager>(registry, nullptr, 0);
         dir = std::make_unique<NyRoutine::Internal::RoutinesDir>(router, *manager);
         id = manager->Create("Calib", nullptr);
@@ -169,13 +174,17 @@ void BM_DocumentBaseline(benchmark::State& state) {
         document["results"] = {{"value", 42}};
         if (withSchema) {
             json schema = {{"type", "object"}, {"title", ""}, {"sortOrder", 0}};
-            const char* keys[] = {"id", "state", "stateDetails", "type", "displayName", "description", "helpHtml",
-                                  "helpUrl", "totalSteps", "currentStep", "currentStepInfo", "currentProgress"};
+            const char* keys[] = {"id",          "state",       "stateDetails",    "type",
+                                  "displayName", "description", "helpHtml",        "helpUrl",
+                                  "totalSteps",  "currentStep", "currentStepInfo", "currentProgress"};
             unsigned order = 0;
             for (const char* key : keys) {
                 const bool number = std::strcmp(key, "state") == 0 || std::strstr(key, "Step") != nullptr ||
                                     std::strcmp(key, "currentProgress") == 0;
-                json field = {{"type", number ? "integer" : "string"}, {"title", key}, {"sortOrder", order}, {"readOnly", true}};
+                json field = {{"type", number ? "integer" : "string"},
+                              {"title", key},
+                              {"sortOrder", order},
+                              {"readOnly", true}};
                 if (number && std::strcmp(key, "state") != 0) {
                     field["minimum"] = 0;
                 }
@@ -183,21 +192,29 @@ void BM_DocumentBaseline(benchmark::State& state) {
                 order += 100;
             }
             schema["properties"]["state"]["enum"] = {0, 1, 2, 3, 4, 5};
-            schema["properties"]["state"]["enumText"] = {"Ready to start", "Running", "Waiting for user feedback",
-                                                         "Stopped due to completion", "Stopped due to abort",
+            schema["properties"]["state"]["enumText"] = {"Ready to start",
+                                                         "Running",
+                                                         "Waiting for user feedback",
+                                                         "Stopped due to completion",
+                                                         "Stopped due to abort",
                                                          "Stopped due to failure"};
             json params = {{"type", "object"}, {"title", ""}, {"sortOrder", 0}};
             for (int i = 0; i < 5; ++i) {
-                params["properties"]["count" + std::to_string(i)] = {
-                    {"type", "integer"}, {"title", "count" + std::to_string(i)}, {"sortOrder", 200 * i},
-                    {"minimum", 1}, {"maximum", 1000}};
+                params["properties"]["count" + std::to_string(i)] = {{"type", "integer"},
+                                                                     {"title", "count" + std::to_string(i)},
+                                                                     {"sortOrder", 200 * i},
+                                                                     {"minimum", 1},
+                                                                     {"maximum", 1000}};
                 params["properties"]["name" + std::to_string(i)] = {
                     {"type", "string"}, {"title", "name" + std::to_string(i)}, {"sortOrder", 200 * i + 100}};
             }
             schema["properties"]["parameters"] = std::move(params);
             schema["properties"]["results"] = {
-                {"type", "object"}, {"title", ""}, {"sortOrder", 0},
-                {"properties", {{"value", {{"type", "integer"}, {"title", "value"}, {"sortOrder", 0}, {"minimum", 0}}}}}};
+                {"type", "object"},
+                {"title", ""},
+                {"sortOrder", 0},
+                {"properties",
+                 {{"value", {{"type", "integer"}, {"title", "value"}, {"sortOrder", 0}, {"minimum", 0}}}}}};
             document["_schema"] = std::move(schema);
         }
         bytes = document.dump().size();
@@ -224,7 +241,8 @@ void BM_TypesList(benchmark::State& state) {
     NyTest::ScriptedFactory factory;
     RoutineRegistry registry;
     for (int64_t i = 0; i < state.range(0); ++i) {
-        registry.Add(RoutineInfo("Type" + std::to_string(i), factory, true).SetDisplayName("A routine type")
+        registry.Add(RoutineInfo("Type" + std::to_string(i), factory, true)
+                         .SetDisplayName("A routine type")
                          .SetDescription("What the routine does, for people."));
     }
     NyRest::ResourceRouter router;
@@ -260,7 +278,8 @@ void BM_Collection(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(router.Dispatch("GET", "/routines", nullptr).body.dump());
     }
-    state.counters["KiB_per_routine"] = static_cast<double>(after - before) / static_cast<double>(state.range(0));
+    state.counters["KiB_per_routine"] =
+        static_cast<double>(after - before) / static_cast<double>(state.range(0));
     state.SetComplexityN(state.range(0));
     manager.ClearAllRoutines();
 }

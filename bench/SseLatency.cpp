@@ -55,8 +55,8 @@ int main(int argc, char** argv) {
     const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
 
     std::vector<std::atomic<int>> seen(static_cast<size_t>(clients));
-    std::vector<std::vector<Clock::time_point>> arrivals(static_cast<size_t>(clients),
-                                                         std::vector<Clock::time_point>(static_cast<size_t>(rounds)));
+    std::vector<std::vector<Clock::time_point>> arrivals(
+        static_cast<size_t>(clients), std::vector<Clock::time_point>(static_cast<size_t>(rounds)));
     std::atomic<int> connected{0};
     std::vector<std::thread> readers;
     for (int c = 0; c < clients; ++c) {
@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
         }
         if (!allSeen()) {
             std::fprintf(stderr, "round %d: not every client got the event\n", r);
-            return 1;
+            std::_Exit(1);  // the readers are still blocked in recv
         }
         Clock::time_point last = start;
         for (int c = 0; c < clients; ++c) {
@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
     }
     std::sort(latencies.begin(), latencies.end());
     const auto at = [&](double q) { return latencies[static_cast<size_t>(q * (latencies.size() - 1))]; };
-    std::printf("{\"clients\": %d, \"rounds\": %d, \"p50_ms\": %.3f, \"p99_ms\": %.3f, \"max_ms\": %.3f}\n", clients,
-                rounds, at(0.5), at(0.99), latencies.back());
+    std::printf("{\"clients\": %d, \"rounds\": %d, \"p50_ms\": %.3f, \"p99_ms\": %.3f, \"max_ms\": %.3f}\n",
+                clients, rounds, at(0.5), at(0.99), latencies.back());
     return 0;
 }

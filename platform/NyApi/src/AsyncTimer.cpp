@@ -10,7 +10,9 @@ namespace Ny {
 
 AsyncTimer::AsyncTimer(Callback callbackIn) : callback(std::move(callbackIn)) {}
 
-AsyncTimer::~AsyncTimer() { Stop(); }
+AsyncTimer::~AsyncTimer() {
+    Stop();
+}
 
 void AsyncTimer::Start(std::uint64_t periodUs, bool oneShot) {
     Stop();

@@ -37,7 +37,8 @@ void WalkChain(const std::exception& e, Visit&& visit) {
 
 }  // namespace
 
-Exception::Exception(int lineIn, const char* fileIn, int statusIn, const char* contextIn, const char* format, ...)
+Exception::Exception(int lineIn, const char* fileIn, int statusIn, const char* contextIn, const char* format,
+                     ...)
     : line(lineIn), file(fileIn ? fileIn : ""), status(statusIn), context(contextIn ? contextIn : "") {
     if (format != nullptr) {
         va_list args;
@@ -54,8 +55,8 @@ void Exception::LogException(const std::exception& e, std::uint64_t levelWord) {
     WalkChain(e, [&](const std::exception& link) {
         const auto* ny = dynamic_cast<const Exception*>(&link);
         Logging::Ny_Debug_Log(ny ? ny->Line() : 0, ny ? ny->File().c_str() : "", level,
-                              ny ? ny->Context().c_str() : "std::exception", "%*s%s (status %d)", depth * 2, "",
-                              link.what(), StatusOf(link));
+                              ny ? ny->Context().c_str() : "std::exception", "%*s%s (status %d)", depth * 2,
+                              "", link.what(), StatusOf(link));
         ++depth;
     });
 }
@@ -64,8 +65,8 @@ void Exception::LogBackTrace(const std::exception& e) {
     WalkChain(e, [](const std::exception& link) {
         if (const auto* ny = dynamic_cast<const Exception*>(&link)) {
             Logging::Ny_Debug_Log(ny->Line(), ny->File().c_str(), Logging::Level::CaughtFailure,
-                                  ny->Context().c_str(), "  thrown at %s:%d in %s", ny->File().c_str(), ny->Line(),
-                                  ny->Context().c_str());
+                                  ny->Context().c_str(), "  thrown at %s:%d in %s", ny->File().c_str(),
+                                  ny->Line(), ny->Context().c_str());
         } else {
             Logging::Ny_Debug_Log(0, "", Logging::Level::CaughtFailure, "std::exception",
                                   "  thrown outside the API library: %s", link.what());

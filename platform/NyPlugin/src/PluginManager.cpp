@@ -15,7 +15,7 @@ namespace NyPlugin {
 namespace {
 
 class CollectingSink final : public PluginSink {
-public:
+  public:
     void Add(std::shared_ptr<IPlugin> plugin) override {
         if (plugin) {
             plugins.push_back(std::move(plugin));
@@ -32,7 +32,8 @@ std::filesystem::path Normalized(const std::filesystem::path& path) {
 
 }  // namespace
 
-PluginLib::PluginLib(std::filesystem::path pathIn, void* handleIn, std::vector<std::shared_ptr<IPlugin>> pluginsIn)
+PluginLib::PluginLib(std::filesystem::path pathIn, void* handleIn,
+                     std::vector<std::shared_ptr<IPlugin>> pluginsIn)
     : path(std::move(pathIn)), handle(handleIn), plugins(std::move(pluginsIn)) {}
 
 PluginLib::~PluginLib() {
@@ -70,14 +71,15 @@ const PluginLib& PluginManager::Load(const std::filesystem::path& requested) {
     void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) {
         const char* reason = dlerror();
-        throw NY_EXCEPTION(-997, "Plug-in %s cannot be loaded: %s", file.c_str(), reason ? reason : "unknown error");
+        throw NY_EXCEPTION(-997, "Plug-in %s cannot be loaded: %s", file.c_str(),
+                           reason ? reason : "unknown error");
     }
     auto version = reinterpret_cast<ApiVersionFx>(dlsym(handle, ApiVersionSymbol));
     auto getPlugins = reinterpret_cast<GetPluginsFx>(dlsym(handle, GetPluginsSymbol));
     if (version == nullptr || getPlugins == nullptr) {
         dlclose(handle);
-        throw NY_EXCEPTION(-997, "Plug-in %s has no plug-in entry point (%s, %s).", file.c_str(), ApiVersionSymbol,
-                           GetPluginsSymbol);
+        throw NY_EXCEPTION(-997, "Plug-in %s has no plug-in entry point (%s, %s).", file.c_str(),
+                           ApiVersionSymbol, GetPluginsSymbol);
     }
     if (const int built = version(); built != ApiVersion) {
         dlclose(handle);
@@ -95,7 +97,8 @@ const PluginLib& PluginManager::Load(const std::filesystem::path& requested) {
         std::lock_guard guard(mutex);
         libraries.push_back(lib);
     }
-    NY_LOG(Ny::Logging::Level::Notice, "Plug-in %s loaded (%zu plug-in objects).", file.c_str(), lib->Plugins().size());
+    NY_LOG(Ny::Logging::Level::Notice, "Plug-in %s loaded (%zu plug-in objects).", file.c_str(),
+           lib->Plugins().size());
     loadEvent.Raise(*lib, PluginEvent::Loaded);
     return *lib;
 }

@@ -33,9 +33,12 @@ std::vector<std::string> SplitPath(std::string_view path) {
 }
 
 int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
     return -1;
 }
 
@@ -124,12 +127,14 @@ json ErrorBody(const std::exception& error) {
     for (const std::string& cause : Ny::Exception::NestedMessages(error)) {
         causes.push_back(WithoutJsonPrefix(cause.c_str()));
     }
-    return {{"status", Ny::StatusOf(error)}, {"message", WithoutJsonPrefix(error.what())}, {"causes", std::move(causes)}};
+    return {{"status", Ny::StatusOf(error)},
+            {"message", WithoutJsonPrefix(error.what())},
+            {"causes", std::move(causes)}};
 }
 
 void DocumentResourceBase::UpdateDocument(const RequestInfo&, const nlohmann::json&) {
-    throw Ny::Exception(__LINE__, __FILE__, ReadOnlyDocumentStatus, "NyRest::DocumentResourceBase::UpdateDocument",
-                        "The document is read-only.");
+    throw Ny::Exception(__LINE__, __FILE__, ReadOnlyDocumentStatus,
+                        "NyRest::DocumentResourceBase::UpdateDocument", "The document is read-only.");
 }
 
 std::string Path::Format(const std::string& pattern, std::initializer_list<std::string> values) {
@@ -177,7 +182,8 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
     route->resource = &resource;
     if (pattern.empty() || pattern.front() != '/' || pattern.find("//") != std::string::npos ||
         (pattern.size() > 1 && pattern.back() == '/') ||
-        std::any_of(route->segments.begin(), route->segments.end(), [](const std::string& s) { return s == ":"; })) {
+        std::any_of(route->segments.begin(), route->segments.end(),
+                    [](const std::string& s) { return s == ":"; })) {
         throw NY_EXCEPTION(-997, "Malformed path pattern \"%s\".", pattern.c_str());
     }
     {
@@ -213,7 +219,8 @@ void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
     }
     std::unique_lock guard(inFlightMutex);
     inFlightDone.wait(guard, [&] {
-        return std::all_of(withdrawn.begin(), withdrawn.end(), [](const auto& route) { return route->inFlight == 0; });
+        return std::all_of(withdrawn.begin(), withdrawn.end(),
+                           [](const auto& route) { return route->inFlight == 0; });
     });
 }
 
@@ -227,8 +234,8 @@ std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<st
         const auto& pattern = route->segments;
         // The full pattern, or the pattern without its trailing parameter segment (a collection).
         const bool exact = pattern.size() == segments.size();
-        const bool collection = pattern.size() == segments.size() + 1 && !pattern.back().empty() &&
-                                pattern.back().front() == ':';
+        const bool collection =
+            pattern.size() == segments.size() + 1 && !pattern.back().empty() && pattern.back().front() == ':';
         if (!exact && !collection) {
             continue;
         }
@@ -259,7 +266,8 @@ std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<st
     return best;
 }
 
-Response ResourceRouter::DispatchRaw(const std::string& method, const std::string& target, std::string_view body) {
+Response ResourceRouter::DispatchRaw(const std::string& method, const std::string& target,
+                                     std::string_view body) {
     json parsed;
     if (!body.empty()) {
         try {
@@ -304,7 +312,8 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
         response.headers.clear();
         response.body = ErrorBody(e);
         if (response.status >= 500) {
-            NY_LOG(Ny::Logging::Level::CaughtFailure, "%s %s failed: %s", method.c_str(), target.c_str(), e.what());
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "%s %s failed: %s", method.c_str(), target.c_str(),
+                   e.what());
         }
     } catch (...) {
         response = ErrorResponse(500, 0, "The request failed with an unknown error.");

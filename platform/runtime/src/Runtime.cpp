@@ -142,10 +142,10 @@ Status SemaphoreWait(Semaphore* semaphore, std::uint64_t timeoutUs) {
 struct Thread {
     std::mutex mutex;
     std::condition_variable finished;
-    std::string name;          // guarded by mutex
-    std::thread worker;        // guarded by mutex
-    bool running = false;      // guarded by mutex: the thread function has not returned yet
-    Status exitStatus = 0;     // guarded by mutex
+    std::string name;       // guarded by mutex
+    std::thread worker;     // guarded by mutex
+    bool running = false;   // guarded by mutex: the thread function has not returned yet
+    Status exitStatus = 0;  // guarded by mutex
 };
 
 Status ThreadCreate(Thread** thread) {
@@ -247,7 +247,8 @@ std::shared_ptr<const std::function<void(std::string_view)>> logSink;  // guarde
 }  // namespace
 
 std::function<void(std::string_view)> SetLogSink(std::function<void(std::string_view)> sink) {
-    auto next = sink ? std::make_shared<const std::function<void(std::string_view)>>(std::move(sink)) : nullptr;
+    auto next =
+        sink ? std::make_shared<const std::function<void(std::string_view)>>(std::move(sink)) : nullptr;
     std::lock_guard guard(logSinkMutex);
     auto previous = std::exchange(logSink, std::move(next));
     return previous ? *previous : std::function<void(std::string_view)>{};

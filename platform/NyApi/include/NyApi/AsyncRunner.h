@@ -2,10 +2,11 @@
 //
 // `Run` queues and returns at once. The runner owns its thread: the thread starts with a job and ends
 // after a short idle spell (IdleTimeout), so that thousands of idle owners (routines waiting for a
-// user) hold no thread; the next job starts it again. The runner joins it, on restart or destruction. Destruction waits for the job in progress to return and drops the
-// jobs still queued behind it (they are destroyed without running): an owner that is going away must
-// not have its code called back while it dies. A job that throws is logged (caught-failure level) and
-// the runner goes on with the next job. Thread-safe, except that a job must not destroy its runner.
+// user) hold no thread; the next job starts it again. The runner joins it, on restart or destruction.
+// Destruction waits for the job in progress to return and drops the jobs still queued behind it (they are
+// destroyed without running): an owner that is going away must not have its code called back while it dies. A
+// job that throws is logged (caught-failure level) and the runner goes on with the next job. Thread-safe,
+// except that a job must not destroy its runner.
 #pragma once
 
 #include <chrono>
@@ -18,7 +19,7 @@
 namespace Ny {
 
 class AsyncRunner {
-public:
+  public:
     AsyncRunner() = default;
     ~AsyncRunner();
     AsyncRunner(const AsyncRunner&) = delete;
@@ -32,15 +33,15 @@ public:
 
     static constexpr std::chrono::milliseconds IdleTimeout{200};
 
-private:
+  private:
     void Loop();
 
-    mutable std::mutex mutex;                // guards queue, stopping and worker's start
-    std::condition_variable wake;            // a job was queued or stopping was set
+    mutable std::mutex mutex;                 // guards queue, stopping and worker's start
+    std::condition_variable wake;             // a job was queued or stopping was set
     std::deque<std::function<void()>> queue;  // guarded by mutex
-    bool stopping = false;                   // guarded by mutex
-    bool workerRunning = false;              // guarded by mutex: the thread has not left its loop
-    std::thread worker;                      // guarded by mutex; started by Run, joined by Run or ~AsyncRunner
+    bool stopping = false;                    // guarded by mutex
+    bool workerRunning = false;               // guarded by mutex: the thread has not left its loop
+    std::thread worker;  // guarded by mutex; started by Run, joined by Run or ~AsyncRunner
 };
 
 }  // namespace Ny

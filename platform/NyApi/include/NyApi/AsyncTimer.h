@@ -3,8 +3,9 @@
 // `Start(period, oneShot)`: period in microseconds; with `oneShot` false the callback runs every
 // period, with true once. `Stop()` returns only when no callback is running and none will start, so the
 // owner may be destroyed right after (called from inside the callback it returns at once, and the
-// timer stops after that callback; the timer must then outlive that callback). The timer owns its thread: started by `Start`, joined by `Stop`
-// or the destructor. Start and Stop are thread-safe with respect to each other.
+// timer stops after that callback; the timer must then outlive that callback). The timer owns its thread:
+// started by `Start`, joined by `Stop` or the destructor. Start and Stop are thread-safe with respect to each
+// other.
 #pragma once
 
 #include <condition_variable>
@@ -16,7 +17,7 @@
 namespace Ny {
 
 class AsyncTimer {
-public:
+  public:
     using Callback = std::function<void(AsyncTimer&)>;
 
     explicit AsyncTimer(Callback callback);
@@ -28,14 +29,14 @@ public:
     void Start(std::uint64_t periodUs, bool oneShot);
     void Stop();
 
-private:
+  private:
     void Loop(std::uint64_t periodUs, bool oneShot, std::uint64_t generation);
 
     Callback callback;
-    std::mutex mutex;                 // guards generation and worker
-    std::condition_variable wake;     // stop requested
-    std::uint64_t generation = 0;     // guarded by mutex: bumped by every Start and Stop
-    std::thread worker;               // guarded by mutex
+    std::mutex mutex;              // guards generation and worker
+    std::condition_variable wake;  // stop requested
+    std::uint64_t generation = 0;  // guarded by mutex: bumped by every Start and Stop
+    std::thread worker;            // guarded by mutex
 };
 
 }  // namespace Ny

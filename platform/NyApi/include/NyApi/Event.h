@@ -39,7 +39,7 @@ unsigned RunningOnThisThread(const HandlerEntryBase* entry);
 
 template <typename... Args>
 class Event {
-public:
+  public:
     using Handler = std::function<void(Args...)>;
 
     // Identifies one subscription. 0 is never a valid handle.
@@ -104,14 +104,14 @@ public:
         return entries.size();
     }
 
-private:
+  private:
     struct Entry : Internal::HandlerEntryBase {
         Handler handler;
     };
 
     // Marks a handler call as in progress for its whole duration, also when the handler throws.
     class Running {
-    public:
+      public:
         Running(Event& eventIn, Entry& entryIn) : event(eventIn), entry(entryIn) {
             Internal::PushRunningHandler(&entry);
         }
@@ -126,7 +126,7 @@ private:
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 
-    private:
+      private:
         Event& event;
         Entry& entry;
     };

@@ -18,7 +18,7 @@
 namespace Ny {
 
 class Exception : public std::exception {
-public:
+  public:
     // `format` may be null (no message). Throws nothing itself.
     // No printf format attribute: the compiler's checker flags positional placeholders under -Wpedantic.
     Exception(int line, const char* file, int status, const char* context, const char* format = nullptr, ...);
@@ -41,7 +41,7 @@ public:
     // The texts of the exceptions nested inside `e`, outermost first (not including `e` itself).
     static std::vector<std::string> NestedMessages(const std::exception& e);
 
-private:
+  private:
     int line;
     std::string file;
     int status;
@@ -57,14 +57,15 @@ int StatusOf(const std::exception& e) noexcept;
 
 #include "NyApi/Logging.h"
 
-#define NY_EXCEPTION(status, ...) \
-    ::Ny::Exception(__LINE__, __FILE__, (status), ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str() __VA_OPT__(, ) __VA_ARGS__)
+#define NY_EXCEPTION(status, ...)                 \
+    ::Ny::Exception(__LINE__, __FILE__, (status), \
+                    ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str() __VA_OPT__(, ) __VA_ARGS__)
 
 // Throws `Ny::Exception` with the runtime status `s` (no message) unless it is `NyRt::Ok`.
-#define NY_CHECK_RT(expr)                                   \
-    do {                                                    \
-        const int nyStatus_ = (expr);                       \
-        if (nyStatus_ != 1) {                               \
-            throw NY_EXCEPTION(nyStatus_);                  \
-        }                                                   \
+#define NY_CHECK_RT(expr)                  \
+    do {                                   \
+        const int nyStatus_ = (expr);      \
+        if (nyStatus_ != 1) {              \
+            throw NY_EXCEPTION(nyStatus_); \
+        }                                  \
     } while (false)

@@ -13,7 +13,7 @@
 namespace Ny {
 
 class Locker {
-public:
+  public:
     explicit Locker(NyRt::Lock* lockIn, std::uint64_t timeoutUs = NyRt::NoTimeout) : lock(lockIn) {
         NY_CHECK_RT(NyRt::LockEnter(lock, timeoutUs));
     }
@@ -25,7 +25,7 @@ public:
     Locker(const Locker&) = delete;
     Locker& operator=(const Locker&) = delete;
 
-private:
+  private:
     NyRt::Lock* lock;
 };
 

@@ -32,7 +32,8 @@ struct LogRecord {
 
 using LogSink = std::function<void(const LogRecord&)>;
 
-void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context, const char* format,
+void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context,
+                  const char* format,
                   ...);  // positional placeholders: no format attribute (see Exception.h)
 
 // Replaces the process-wide sink (an empty function drops every line); returns the previous sink.
@@ -40,8 +41,9 @@ LogSink SetSink(LogSink sink);
 
 }  // namespace Ny::Logging
 
-#define NY_LOG(levelWord, ...) \
-    ::Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, (levelWord), ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str(), __VA_ARGS__)
+#define NY_LOG(levelWord, ...)                                   \
+    ::Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, (levelWord), \
+                                ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str(), __VA_ARGS__)
 
 namespace Ny {
 // "void Ny::Foo<T>::Bar(int) [with T = int]" -> "Ny::Foo<T>::Bar": the qualified function name.

@@ -13,14 +13,20 @@
 namespace Ny {
 
 namespace Internal {
-inline NyRt::Status DestroyRuntimeObject(NyRt::Lock* object) { return NyRt::LockDestroy(object); }
-inline NyRt::Status DestroyRuntimeObject(NyRt::Semaphore* object) { return NyRt::SemaphoreDestroy(object); }
-inline NyRt::Status DestroyRuntimeObject(NyRt::Thread* object) { return NyRt::ThreadDestroy(object); }
+inline NyRt::Status DestroyRuntimeObject(NyRt::Lock* object) {
+    return NyRt::LockDestroy(object);
+}
+inline NyRt::Status DestroyRuntimeObject(NyRt::Semaphore* object) {
+    return NyRt::SemaphoreDestroy(object);
+}
+inline NyRt::Status DestroyRuntimeObject(NyRt::Thread* object) {
+    return NyRt::ThreadDestroy(object);
+}
 }  // namespace Internal
 
 template <typename T>
 class Object {
-public:
+  public:
     Object() = default;
     explicit Object(T* objectIn) : object(objectIn) {}
     Object(const Object&) = delete;
@@ -55,7 +61,7 @@ public:
         }
     }
 
-private:
+  private:
     void Release() noexcept {
         if (object != nullptr && Internal::DestroyRuntimeObject(std::exchange(object, nullptr)) != NyRt::Ok) {
             NY_LOG(Logging::Level::CaughtFailure, "Exception thrown in destructor");

@@ -17,7 +17,7 @@ using nlohmann::json;
 
 // Builds one JSON value from a value's Write calls.
 class JsonValueWriter final : public ValueWriter {
-public:
+  public:
     void WriteI32(std::int32_t value) override { Put(value); }
     void WriteU32(std::uint32_t value) override { Put(value); }
     void WriteBool(bool value) override { Put(value); }
@@ -32,7 +32,7 @@ public:
     }
     json Take() { return std::move(result); }
 
-private:
+  private:
     void Put(json value) {
         if (stack.empty()) {
             result = std::move(value);
@@ -47,7 +47,7 @@ private:
 
 // Reads one incoming JSON value; `member` names it in refusals.
 class JsonValueReader final : public ValueReader {
-public:
+  public:
     JsonValueReader(const json& valueIn, const std::string& memberIn) : value(valueIn), member(memberIn) {}
 
     std::uint32_t ReadU32() override {
@@ -67,9 +67,12 @@ public:
         if (!v.is_number_integer()) {
             Refuse("a 32-bit integer");
         }
-        const auto wide = v.is_number_unsigned() ? static_cast<std::int64_t>(std::min<std::uint64_t>(v.get<std::uint64_t>(), INT64_MAX))
-                                                 : v.get<std::int64_t>();
-        if (wide < std::numeric_limits<std::int32_t>::min() || wide > std::numeric_limits<std::int32_t>::max()) {
+        const auto wide =
+            v.is_number_unsigned()
+                ? static_cast<std::int64_t>(std::min<std::uint64_t>(v.get<std::uint64_t>(), INT64_MAX))
+                : v.get<std::int64_t>();
+        if (wide < std::numeric_limits<std::int32_t>::min() ||
+            wide > std::numeric_limits<std::int32_t>::max()) {
             Refuse("a 32-bit integer");
         }
         return static_cast<std::int32_t>(wide);
@@ -112,7 +115,7 @@ public:
     bool HasNext() override { return inArray && next < value.size(); }
     void EndArray() override { inArray = false; }
 
-private:
+  private:
     const json& Current() {
         if (!inArray) {
             return value;
@@ -135,7 +138,7 @@ private:
 };
 
 class DocumentWriter final : public INodeVisitorConst {
-public:
+  public:
     json result;
 
     void Visit(const Structure& node) override {
@@ -164,7 +167,7 @@ public:
 };
 
 class SchemaWriter final : public INodeVisitorConst {
-public:
+  public:
     json result = json::object();
 
     void Visit(const Structure& node) override {
@@ -190,7 +193,7 @@ public:
 
 // The two passes of Deserialize: validate everything first, then read.
 class DocumentReader final : public INodeVisitor {
-public:
+  public:
     DocumentReader(const json& incomingIn, std::string memberIn, bool readingIn)
         : incoming(incomingIn), member(std::move(memberIn)), reading(readingIn) {}
 
@@ -236,7 +239,7 @@ public:
     }
     void Visit(ReferenceArray&) override {}
 
-private:
+  private:
     const json& incoming;
     std::string member;
     bool reading;

@@ -1,9 +1,9 @@
 #include "NyApi/Properties/Node.h"
 
+#include "NyApi/Exception.h"
 #include "NyApi/Properties/ArrayBase.h"
 #include "NyApi/Properties/Structure.h"
 #include "NyApi/Properties/ValueBase.h"
-#include "NyApi/Exception.h"
 
 namespace Ny::Properties {
 
@@ -11,29 +11,39 @@ Node::Node() = default;
 
 Node::~Node() = default;
 
-void Node::SetWriteOnly(bool writeOnlyIn) { writeOnly = writeOnlyIn; }
+void Node::SetWriteOnly(bool writeOnlyIn) {
+    writeOnly = writeOnlyIn;
+}
 
-void Node::AddChangeHandler(ChangeHandler handler) { handlers.push_back(std::move(handler)); }
+void Node::AddChangeHandler(ChangeHandler handler) {
+    handlers.push_back(std::move(handler));
+}
 
 Node& Node::RegisterSchema(const std::string& key, Node& child) {
-    for (auto& entry : schemaEntries) {
+    for (auto& entry : MutableSchemaEntries()) {
         if (entry.key == key) {
             entry.child = &child;
             schemaView.reset();
             return child;
         }
     }
-    if (schemaEntries.empty()) {
-        schemaEntries.reserve(4);  // type, title, sortOrder and one more cover most nodes in one allocation
+    if (schemaCount == 0) {
+        singleEntry = {key, &child};
+    } else {
+        if (schemaCount == 1) {
+            schemaEntries.reserve(4);  // type, title, sortOrder and one more in one allocation
+            schemaEntries.push_back(std::move(singleEntry));
+        }
+        schemaEntries.push_back({key, &child});
     }
-    schemaEntries.push_back({key, &child});
+    ++schemaCount;
     schemaView.reset();
     return child;
 }
 
 Node& Node::RegisterSchema(const std::string& key, Node& child, bool unique) {
     if (!unique) {
-        for (const auto& entry : schemaEntries) {
+        for (const auto& entry : SchemaEntries()) {
             if (entry.key == key) {
                 return *entry.child;
             }
@@ -45,7 +55,7 @@ Node& Node::RegisterSchema(const std::string& key, Node& child, bool unique) {
 Structure* Node::Schema() const {
     if (!schemaView) {
         schemaView = std::make_unique<Structure>(false);
-        for (const auto& entry : schemaEntries) {
+        for (const auto& entry : SchemaEntries()) {
             schemaView->Register(entry.key, *entry.child);
         }
     }
@@ -53,8 +63,8 @@ Structure* Node::Schema() const {
 }
 
 void Node::CopySchema(const Node& other) {
-    for (const auto& theirs : other.schemaEntries) {
-        for (const auto& mine : schemaEntries) {
+    for (const auto& theirs : other.SchemaEntries()) {
+        for (const auto& mine : SchemaEntries()) {
             if (mine.key == theirs.key && mine.child != theirs.child) {
                 mine.child->CopyValues(*theirs.child);
             }
@@ -82,9 +92,13 @@ void Structure::CopyValues(const Node& other) {
     CopySchema(other);
 }
 
-void Structure::Accept(INodeVisitorConst& visitor) const { visitor.Visit(*this); }
+void Structure::Accept(INodeVisitorConst& visitor) const {
+    visitor.Visit(*this);
+}
 
-void Structure::Accept(INodeVisitor& visitor) { visitor.Visit(*this); }
+void Structure::Accept(INodeVisitor& visitor) {
+    visitor.Visit(*this);
+}
 
 Node& Structure::Register(const std::string& key, Node& child) {
     for (auto& existing : children) {
@@ -112,17 +126,25 @@ ValueBase::ValueBase() = default;
 
 ValueBase::~ValueBase() = default;
 
-void ValueBase::Accept(INodeVisitorConst& visitor) const { visitor.Visit(*this); }
+void ValueBase::Accept(INodeVisitorConst& visitor) const {
+    visitor.Visit(*this);
+}
 
-void ValueBase::Accept(INodeVisitor& visitor) { visitor.Visit(*this); }
+void ValueBase::Accept(INodeVisitor& visitor) {
+    visitor.Visit(*this);
+}
 
 ArrayBase::ArrayBase() = default;
 
 ArrayBase::~ArrayBase() = default;
 
-void ArrayBase::Accept(INodeVisitorConst& visitor) const { visitor.Visit(*this); }
+void ArrayBase::Accept(INodeVisitorConst& visitor) const {
+    visitor.Visit(*this);
+}
 
-void ArrayBase::Accept(INodeVisitor& visitor) { visitor.Visit(*this); }
+void ArrayBase::Accept(INodeVisitor& visitor) {
+    visitor.Visit(*this);
+}
 
 Structure& ArrayBase::ElementAt(size_t index) const {
     if (index >= elements.size()) {
@@ -142,11 +164,17 @@ void ReferenceArray::CopyValues(const Node& other) {
     CopySchema(other);
 }
 
-void ReferenceArray::Accept(INodeVisitorConst& visitor) const { visitor.Visit(*this); }
+void ReferenceArray::Accept(INodeVisitorConst& visitor) const {
+    visitor.Visit(*this);
+}
 
-void ReferenceArray::Accept(INodeVisitor& visitor) { visitor.Visit(*this); }
+void ReferenceArray::Accept(INodeVisitor& visitor) {
+    visitor.Visit(*this);
+}
 
-void ReferenceArray::Add(Structure* item) { items.push_back(item); }
+void ReferenceArray::Add(Structure* item) {
+    items.push_back(item);
+}
 
 void ReferenceArray::Pop() {
     if (!items.empty()) {
@@ -154,7 +182,9 @@ void ReferenceArray::Pop() {
     }
 }
 
-void ReferenceArray::Clear() { items.clear(); }
+void ReferenceArray::Clear() {
+    items.clear();
+}
 
 void ReferenceArray::Remove(size_t index) {
     if (index >= items.size()) {

@@ -13,7 +13,7 @@
 namespace NyCore {
 
 class Core {
-public:
+  public:
     static constexpr int Running = 1;
 
     Core() = default;
@@ -26,7 +26,7 @@ public:
     Ny::Event<>& FactoryRestoreEvent() { return factoryRestoreEvent; }
     void AnnounceFactoryRestore();
 
-private:
+  private:
     std::atomic<int> runState{0};  // written by the host, read by request threads
     Ny::Event<> factoryRestoreEvent;
 };

@@ -8,7 +8,7 @@
 namespace NyPlugin {
 
 class IPlugin {
-public:
+  public:
     virtual ~IPlugin() = default;
     // The type of the object behind the plug-in, e.g. "NyRoutine.RoutinePlugin".
     virtual const char* Type() const = 0;

@@ -22,10 +22,10 @@ inline constexpr int ApiVersion = 1;
 
 // Receives the plug-in objects of a library while its entry point runs.
 class PluginSink {
-public:
+  public:
     virtual void Add(std::shared_ptr<IPlugin> plugin) = 0;
 
-protected:
+  protected:
     ~PluginSink() = default;
 };
 
@@ -39,6 +39,8 @@ inline constexpr const char* GetPluginsSymbol = "NyPlugin_GetPlugins";
 
 #define NY_PLUGIN_EXPORT __attribute__((visibility("default")))
 
-#define NY_PLUGIN_ENTRY(sinkName)                                                         \
-    extern "C" NY_PLUGIN_EXPORT int NyPlugin_ApiVersion() { return NyPlugin::ApiVersion; } \
+#define NY_PLUGIN_ENTRY(sinkName)                           \
+    extern "C" NY_PLUGIN_EXPORT int NyPlugin_ApiVersion() { \
+        return NyPlugin::ApiVersion;                        \
+    }                                                       \
     extern "C" NY_PLUGIN_EXPORT void NyPlugin_GetPlugins(NyPlugin::PluginSink& sinkName)

@@ -25,7 +25,7 @@
 namespace NyPlugin {
 
 class PluginLib {
-public:
+  public:
     PluginLib(std::filesystem::path path, void* handle, std::vector<std::shared_ptr<IPlugin>> plugins);
     ~PluginLib();
     PluginLib(const PluginLib&) = delete;
@@ -37,14 +37,14 @@ public:
     std::string FileName() const { return path.filename().string(); }
     const std::filesystem::path& Path() const { return path; }
 
-private:
+  private:
     std::filesystem::path path;
     void* handle;
     std::vector<std::shared_ptr<IPlugin>> plugins;
 };
 
 class PluginManager {
-public:
+  public:
     using LoadEventType = Ny::Event<const PluginLib&, PluginEvent>;
 
     PluginManager();
@@ -75,10 +75,10 @@ public:
 
     LoadEventType& LoadEvent() { return loadEvent; }
 
-private:
+  private:
     static std::vector<std::filesystem::path> LibraryFiles(const std::filesystem::path& folder);
 
-    mutable std::mutex mutex;                         // guards libraries
+    mutable std::mutex mutex;                           // guards libraries
     std::vector<std::shared_ptr<PluginLib>> libraries;  // guarded by mutex
     LoadEventType loadEvent;
 };

@@ -33,11 +33,14 @@ using NotificationEventType = Ny::Event<IResource&, EventType, const std::string
 
 // The request as a resource sees it.
 class RequestInfo {
-public:
+  public:
     RequestInfo() = default;
     RequestInfo(std::string method, std::string path, std::map<std::string, std::string> params,
                 std::map<std::string, std::string> query)
-        : method(std::move(method)), path(std::move(path)), params(std::move(params)), query(std::move(query)) {}
+        : method(std::move(method)),
+          path(std::move(path)),
+          params(std::move(params)),
+          query(std::move(query)) {}
 
     // The value of the ":name" path segment, or null when the matched path has none.
     const std::string* Param(const std::string& name) const {
@@ -57,7 +60,7 @@ public:
     const std::string& Method() const { return method; }
     const std::string& Path() const { return path; }
 
-private:
+  private:
     std::string method;
     std::string path;
     std::map<std::string, std::string> params;
@@ -66,7 +69,7 @@ private:
 
 // What a resource adds to its reply besides the document: embedded entries and headers.
 class ResponseInfo {
-public:
+  public:
     struct Embedded {
         std::string name;
         std::string path;
@@ -84,7 +87,7 @@ public:
     const std::vector<Embedded>& EmbeddedEntries() const { return embedded; }
     const std::vector<std::pair<std::string, std::string>>& Headers() const { return headers; }
 
-private:
+  private:
     std::vector<Embedded> embedded;
     std::vector<std::pair<std::string, std::string>> headers;
 };
@@ -96,49 +99,49 @@ struct CreateResult {
 
 // A resource. No virtual destructor: resources are destroyed through their own type.
 class IResource {
-public:
+  public:
     virtual NotificationEventType& NotificationEvent() = 0;
     virtual IParentResource* ParentProvider() = 0;
     virtual IDocumentResource* DocumentProvider() = 0;
     virtual ICallableResource* CallableProvider() = 0;
     virtual IStreamableResource* StreamableProvider() = 0;
 
-protected:
+  protected:
     ~IResource() = default;
 };
 
 // GET reads it; PUT and PATCH update it.
 class IDocumentResource {
-public:
+  public:
     virtual nlohmann::json GetDocument(const RequestInfo& request, ResponseInfo& response) = 0;
     virtual void UpdateDocument(const RequestInfo& request, const nlohmann::json& body) = 0;
 
-protected:
+  protected:
     ~IDocumentResource() = default;
 };
 
 // POST creates a child; DELETE deletes.
 class IParentResource {
-public:
+  public:
     virtual CreateResult Create(const RequestInfo& request, const nlohmann::json& body) = 0;
     virtual void Delete(const RequestInfo& request) = 0;
 
-protected:
+  protected:
     ~IParentResource() = default;
 };
 
 // POST calls it.
 class ICallableResource {
-public:
+  public:
     virtual nlohmann::json Call(const RequestInfo& request, const nlohmann::json& arguments) = 0;
 
-protected:
+  protected:
     ~ICallableResource() = default;
 };
 
 // A resource that streams (no resource of this system streams; the host serves event streams itself).
 class IStreamableResource {
-protected:
+  protected:
     ~IStreamableResource() = default;
 };
 

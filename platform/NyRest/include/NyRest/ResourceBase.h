@@ -12,36 +12,36 @@ namespace NyRest {
 inline constexpr int ReadOnlyDocumentStatus = -405;
 
 class ResourceBase : public IResource {
-public:
+  public:
     NotificationEventType& NotificationEvent() override { return notificationEvent; }
     IParentResource* ParentProvider() override { return nullptr; }
     IDocumentResource* DocumentProvider() override { return nullptr; }
     ICallableResource* CallableProvider() override { return nullptr; }
     IStreamableResource* StreamableProvider() override { return nullptr; }
 
-protected:
+  protected:
     ResourceBase() = default;
     ~ResourceBase() = default;
 
-private:
+  private:
     NotificationEventType notificationEvent;
 };
 
 class DocumentResourceBase : public ResourceBase, public IDocumentResource {
-public:
+  public:
     IDocumentResource* DocumentProvider() override { return this; }
     // The document is read-only: throws Ny::Exception ReadOnlyDocumentStatus.
     void UpdateDocument(const RequestInfo& request, const nlohmann::json& body) override;
 
-protected:
+  protected:
     ~DocumentResourceBase() = default;
 };
 
 class CommandResourceBase : public ResourceBase, public ICallableResource {
-public:
+  public:
     ICallableResource* CallableProvider() override { return this; }
 
-protected:
+  protected:
     ~CommandResourceBase() = default;
 };
 

@@ -52,7 +52,7 @@ int HttpStatusFor(const std::exception& error);
 nlohmann::json ErrorBody(const std::exception& error);
 
 class ResourceRouter {
-public:
+  public:
     static constexpr int MaxBodyDepth = 64;
 
     ResourceRouter();
@@ -73,17 +73,18 @@ public:
 
     Ny::Event<EventType, std::string>& NotificationEvent() { return notificationEvent; }
 
-private:
+  private:
     struct Route;
     struct Match;
 
     std::shared_ptr<Route> Find(const std::vector<std::string>& segments, Match& match) const;
-    Response Invoke(Route& route, const std::string& method, const RequestInfo& request, const nlohmann::json& body);
+    Response Invoke(Route& route, const std::string& method, const RequestInfo& request,
+                    const nlohmann::json& body);
 
-    mutable std::shared_mutex mutex;              // guards routes
-    std::vector<std::shared_ptr<Route>> routes;   // guarded by mutex
-    mutable std::mutex inFlightMutex;             // guards every route's inFlight count
-    std::condition_variable inFlightDone;         // a dispatch returned
+    mutable std::shared_mutex mutex;             // guards routes
+    std::vector<std::shared_ptr<Route>> routes;  // guarded by mutex
+    mutable std::mutex inFlightMutex;            // guards every route's inFlight count
+    std::condition_variable inFlightDone;        // a dispatch returned
     Ny::Event<EventType, std::string> notificationEvent;
 };
 

@@ -14,7 +14,7 @@ namespace Ny::Properties {
 namespace Internal {
 
 class ArrayBase : public Node {
-public:
+  public:
     ArrayBase();
     ~ArrayBase() override;
     void Accept(INodeVisitorConst& visitor) const override;
@@ -29,14 +29,14 @@ public:
     // The element at `index`; throws Ny::Exception -999 at or past Count().
     Structure& ElementAt(size_t index) const;
 
-protected:
+  protected:
     std::vector<std::unique_ptr<Structure>> elements;
 };
 
 }  // namespace Internal
 
 class ReferenceArray : public Node {
-public:
+  public:
     ReferenceArray();
     ~ReferenceArray() override;
     void CopyValues(const Node& other) override;
@@ -51,7 +51,7 @@ public:
     size_t Count() const { return items.size(); }
     Structure* At(size_t index) const { return items.at(index); }
 
-private:
+  private:
     std::vector<Structure*> items;
 };
 

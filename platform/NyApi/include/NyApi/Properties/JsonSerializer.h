@@ -23,7 +23,7 @@
 namespace Ny::Properties {
 
 class JsonSerializer {
-public:
+  public:
     static nlohmann::json Serialize(const Node& node);
     static nlohmann::json SerializeSchema(const Node& node);
     static void Deserialize(Node& node, const nlohmann::json& json);

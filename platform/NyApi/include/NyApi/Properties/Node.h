@@ -11,6 +11,7 @@
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ class ArrayBase;
 class ReferenceArray;
 
 class INodeVisitor {
-public:
+  public:
     virtual ~INodeVisitor() = default;
     virtual void Visit(Structure& node) = 0;
     virtual void Visit(Internal::ValueBase& node) = 0;
@@ -34,7 +35,7 @@ public:
 };
 
 class INodeVisitorConst {
-public:
+  public:
     virtual ~INodeVisitorConst() = default;
     virtual void Visit(const Structure& node) = 0;
     virtual void Visit(const Internal::ValueBase& node) = 0;
@@ -43,7 +44,7 @@ public:
 };
 
 class Node {
-public:
+  public:
     using ChangeHandler = std::function<void(Node&)>;
 
     struct SchemaEntry {
@@ -75,18 +76,29 @@ public:
 
     // The schema children as a structure (built on first use). Never null.
     Structure* Schema() const;
-    const std::vector<SchemaEntry>& SchemaEntries() const { return schemaEntries; }
+    std::span<const SchemaEntry> SchemaEntries() const {
+        return schemaCount == 1 ? std::span<const SchemaEntry>(&singleEntry, 1) : std::span<const SchemaEntry>(schemaEntries);
+    }
 
-protected:
+  protected:
     // Takes over the schema entries of `other` whose keys this node has too: their values are copied.
     void CopySchema(const Node& other);
     // Calls every change handler in order with this node. An empty handler throws std::bad_function_call.
     void NotifyChange();
 
-private:
+  private:
     std::vector<ChangeHandler> handlers;
+    std::span<SchemaEntry> MutableSchemaEntries() {
+        return schemaCount == 1 ? std::span<SchemaEntry>(&singleEntry, 1) : std::span<SchemaEntry>(schemaEntries);
+    }
+
+    // Most nodes have one schema entry (a value's "type"): it is kept in place, so that building a
+    // document of hundreds of nodes does not allocate per node. From the second entry on, all entries
+    // are in the vector.
+    SchemaEntry singleEntry{{}, nullptr};
     std::vector<SchemaEntry> schemaEntries;
-    mutable std::unique_ptr<Structure> schemaView;  // mirror of schemaEntries for Schema()
+    size_t schemaCount = 0;
+    mutable std::unique_ptr<Structure> schemaView;  // mirror of the entries for Schema()
     bool writeOnly = false;
 };
 

@@ -13,7 +13,7 @@
 namespace Ny::Properties {
 
 class Structure : public Node {
-public:
+  public:
     struct Child {
         std::string key;
         Node* node;
@@ -36,7 +36,7 @@ public:
     const std::vector<Child>& Children() const { return children; }
     bool Closed() const { return closed; }
 
-private:
+  private:
     std::vector<Child> children;
     bool closed;
 };

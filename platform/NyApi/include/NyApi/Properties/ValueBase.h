@@ -13,7 +13,7 @@ namespace Ny::Properties {
 // each BeginArray walks the array from its start. A value of the wrong JSON kind throws Ny::Exception
 // -997 naming the member and the expected kind.
 class ValueReader {
-public:
+  public:
     virtual ~ValueReader() = default;
     virtual std::uint32_t ReadU32() = 0;
     virtual std::int32_t ReadI32() = 0;
@@ -28,7 +28,7 @@ public:
 
 // Receives the values a value's Write gives out.
 class ValueWriter {
-public:
+  public:
     virtual ~ValueWriter() = default;
     virtual void WriteI32(std::int32_t value) = 0;
     virtual void WriteU32(std::uint32_t value) = 0;
@@ -41,7 +41,7 @@ public:
 };
 
 class IValueIo {
-public:
+  public:
     virtual ~IValueIo() = default;
     // Takes the incoming value and stores it.
     virtual void Read(ValueReader& reader) = 0;
@@ -54,7 +54,7 @@ public:
 namespace Internal {
 
 class ValueBase : public Node, public IValueIo {
-public:
+  public:
     ValueBase();
     ~ValueBase() override;
     void Accept(INodeVisitorConst& visitor) const override;
