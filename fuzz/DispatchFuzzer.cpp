@@ -29,7 +29,7 @@ struct Params : Ny::Params::Group {
 // Skips its start parameters (a fuzzed creation must never wait), publishes parameters, waits for one
 // continue, then reports steps and completes.
 class Routine : public NyRoutine::IRoutine {
-public:
+  public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
     void Run(IRoutineHost& host) override {
         host.SetTotalSteps(1);
@@ -41,12 +41,12 @@ public:
     }
     void FreeResults(const Ny::Properties::Structure*) override {}
 
-private:
+  private:
     Params params;
 };
 
 class Factory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<Routine>(); }
 };
 

@@ -27,9 +27,9 @@ using tcp = net::ip::tcp;
 
 const std::string* HttpRequest::Header(std::string_view name) const {
     for (const auto& [key, value] : headers) {
-        if (key.size() == name.size() &&
-            std::equal(key.begin(), key.end(), name.begin(), [](char a, char b) {
-                return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+        if (key.size() == name.size() && std::equal(key.begin(), key.end(), name.begin(), [](char a, char b) {
+                return std::tolower(static_cast<unsigned char>(a)) ==
+                       std::tolower(static_cast<unsigned char>(b));
             })) {
             return &value;
         }
@@ -45,7 +45,7 @@ std::string ErrorJson(const std::string& message) {
 
 // A bounded pool of threads that runs request handlers. Submit never blocks.
 class WorkerPool {
-public:
+  public:
     WorkerPool(unsigned threads, size_t maxQueuedIn) : maxQueued(maxQueuedIn) {
         for (unsigned i = 0; i < threads; ++i) {
             workers.emplace_back([this] { Loop(); });
@@ -81,7 +81,7 @@ public:
         }
     }
 
-private:
+  private:
     void Loop() {
         for (;;) {
             std::function<void()> job;
@@ -133,15 +133,15 @@ struct HttpServer::Impl : std::enable_shared_from_this<HttpServer::Impl> {
     std::uint16_t boundPort = 0;
     std::string boundAddress;
 
-    std::mutex sessionsMutex;                             // guards sessions and eventSessions
-    std::vector<std::weak_ptr<Session>> sessions;         // guarded by sessionsMutex
+    std::mutex sessionsMutex;                                // guards sessions and eventSessions
+    std::vector<std::weak_ptr<Session>> sessions;            // guarded by sessionsMutex
     std::vector<std::weak_ptr<EventSession>> eventSessions;  // guarded by sessionsMutex
 };
 
 // One event-stream client. Lives on its connection's strand; frames are queued there and written one at a
 // time. A client whose queue grows beyond the limit is closed: a slow client never holds up the others.
 class EventSession : public std::enable_shared_from_this<EventSession> {
-public:
+  public:
     EventSession(beast::tcp_stream streamIn, std::shared_ptr<HttpServer::Impl> serverIn)
         : stream(std::move(streamIn)), server(std::move(serverIn)), keepAlive(stream.get_executor()) {}
 
@@ -160,7 +160,8 @@ public:
             return;
         }
         if (queuedBytes + frame.size() > server->options.eventClientQueueBytes) {
-            NY_LOG(Ny::Logging::Level::Notice, "Event client %s dropped: %zu bytes behind.", remote.c_str(), queuedBytes);
+            NY_LOG(Ny::Logging::Level::Notice, "Event client %s dropped: %zu bytes behind.", remote.c_str(),
+                   queuedBytes);
             Close();
             return;
         }
@@ -186,7 +187,7 @@ public:
     net::any_io_executor Executor() { return stream.get_executor(); }
     std::string remote;
 
-private:
+  private:
     void WriteNext() {
         net::async_write(stream, net::buffer(queue.front()),
                          [self = shared_from_this()](beast::error_code ec, std::size_t) {
@@ -204,13 +205,14 @@ private:
 
     // The client never sends anything after its request: a completed read means it went away.
     void WatchForClose() {
-        stream.async_read_some(net::buffer(discard), [self = shared_from_this()](beast::error_code ec, std::size_t) {
-            if (ec) {
-                self->Close();
-                return;
-            }
-            self->WatchForClose();
-        });
+        stream.async_read_some(net::buffer(discard),
+                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                                   if (ec) {
+                                       self->Close();
+                                       return;
+                                   }
+                                   self->WatchForClose();
+                               });
     }
 
     void ScheduleKeepAlive() {
@@ -219,7 +221,8 @@ private:
             if (ec || self->closed) {
                 return;
             }
-            if (std::chrono::steady_clock::now() - self->lastActivity >= self->server->options.eventKeepAlive) {
+            if (std::chrono::steady_clock::now() - self->lastActivity >=
+                self->server->options.eventKeepAlive) {
                 self->Enqueue(": keep-alive\n\n");
             }
             self->ScheduleKeepAlive();
@@ -239,7 +242,7 @@ private:
 // One HTTP connection: reads a request, filters it, hands it to a worker (or opens an event stream),
 // writes the reply, and reads the next one while the client keeps the connection alive.
 class Session : public std::enable_shared_from_this<Session> {
-public:
+  public:
     Session(tcp::socket socket, std::shared_ptr<HttpServer::Impl> serverIn)
         : stream(std::move(socket)), server(std::move(serverIn)) {}
 
@@ -247,7 +250,8 @@ public:
         beast::error_code ec;
         stream.socket().set_option(tcp::no_delay(true), ec);
         const auto endpoint = stream.socket().remote_endpoint(ec);
-        remote = ec ? std::string("?") : endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+        remote =
+            ec ? std::string("?") : endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
         net::dispatch(stream.get_executor(), [self = shared_from_this()] { self->Read(); });
     }
 
@@ -260,7 +264,7 @@ public:
         });
     }
 
-private:
+  private:
     void Read() {
         if (closing) {
             return;
@@ -269,23 +273,26 @@ private:
         parser->header_limit(static_cast<std::uint32_t>(server->options.headerLimit));
         parser->body_limit(server->options.bodyLimit);
         stream.expires_after(server->options.readTimeout);
-        http::async_read(stream, buffer, *parser,
-                         [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnRead(ec); });
+        http::async_read(
+            stream, buffer, *parser,
+            [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnRead(ec); });
     }
 
     void OnRead(beast::error_code ec) {
-        if (ec == http::error::end_of_stream || ec == beast::error::timeout || ec == net::error::operation_aborted ||
-            ec == net::error::connection_reset || ec == net::error::eof) {
+        if (ec == http::error::end_of_stream || ec == beast::error::timeout ||
+            ec == net::error::operation_aborted || ec == net::error::connection_reset ||
+            ec == net::error::eof) {
             Shutdown();
             return;
         }
         if (ec == http::error::body_limit) {
-            ReplyAndLinger(413, "The request body is larger than " + std::to_string(server->options.bodyLimit) + " bytes.");
+            ReplyAndLinger(413, "The request body is larger than " +
+                                    std::to_string(server->options.bodyLimit) + " bytes.");
             return;
         }
         if (ec == http::error::header_limit) {
-            ReplyAndLinger(431, "The request headers are larger than " + std::to_string(server->options.headerLimit) +
-                                    " bytes.");
+            ReplyAndLinger(431, "The request headers are larger than " +
+                                    std::to_string(server->options.headerLimit) + " bytes.");
             return;
         }
         if (ec == http::error::partial_message) {
@@ -358,10 +365,12 @@ private:
                 "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nConnection: close\r\n"
                 "Content-Length: ";
             auto text = std::make_shared<std::string>(ErrorJson("Too many event-stream clients."));
-            auto reply = std::make_shared<std::string>(busy + std::to_string(text->size()) + "\r\n\r\n" + *text);
+            auto reply =
+                std::make_shared<std::string>(busy + std::to_string(text->size()) + "\r\n\r\n" + *text);
             net::post(events->Executor(), [events, reply] {
                 events->Enqueue(*reply);
-                auto closer = std::make_shared<net::steady_timer>(events->Executor(), std::chrono::milliseconds(200));
+                auto closer =
+                    std::make_shared<net::steady_timer>(events->Executor(), std::chrono::milliseconds(200));
                 closer->async_wait([events, closer](beast::error_code) { events->Close(); });
             });
             return;
@@ -389,13 +398,14 @@ private:
         message->keep_alive(keepAlive && !server->stopping);
         message->prepare_payload();
         stream.expires_after(server->options.readTimeout);
-        http::async_write(stream, *message, [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-            if (ec || !message->keep_alive()) {
-                self->Shutdown();
-                return;
-            }
-            self->Read();
-        });
+        http::async_write(stream, *message,
+                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
+                              if (ec || !message->keep_alive()) {
+                                  self->Shutdown();
+                                  return;
+                              }
+                              self->Read();
+                          });
     }
 
     // A transport error reply: after it the client may still be sending, so shut our side, drain what
@@ -409,27 +419,29 @@ private:
         message->keep_alive(false);
         message->prepare_payload();
         stream.expires_after(std::chrono::seconds(5));
-        http::async_write(stream, *message, [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-            if (ec) {
-                self->Shutdown();
-                return;
-            }
-            beast::error_code ignored;
-            self->stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-            self->stream.expires_after(std::chrono::seconds(1));
-            self->Drain();
-        });
+        http::async_write(stream, *message,
+                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
+                              if (ec) {
+                                  self->Shutdown();
+                                  return;
+                              }
+                              beast::error_code ignored;
+                              self->stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+                              self->stream.expires_after(std::chrono::seconds(1));
+                              self->Drain();
+                          });
     }
 
     void Drain() {
-        stream.async_read_some(net::buffer(discard), [self = shared_from_this()](beast::error_code ec, std::size_t) {
-            if (ec) {
-                beast::error_code ignored;
-                self->stream.socket().close(ignored);
-                return;
-            }
-            self->Drain();
-        });
+        stream.async_read_some(net::buffer(discard),
+                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                                   if (ec) {
+                                       beast::error_code ignored;
+                                       self->stream.socket().close(ignored);
+                                       return;
+                                   }
+                                   self->Drain();
+                               });
     }
 
     void Shutdown() {
@@ -449,23 +461,25 @@ private:
 };
 
 void HttpServer::Impl::Accept() {
-    acceptor.async_accept(net::make_strand(io), [self = shared_from_this()](beast::error_code ec, tcp::socket socket) {
-        if (self->stopping) {
-            return;
-        }
-        if (!ec) {
-            auto session = std::make_shared<Session>(std::move(socket), self);
-            self->Track(session);
-            session->Start();
-        }
-        self->Accept();
-    });
+    acceptor.async_accept(net::make_strand(io),
+                          [self = shared_from_this()](beast::error_code ec, tcp::socket socket) {
+                              if (self->stopping) {
+                                  return;
+                              }
+                              if (!ec) {
+                                  auto session = std::make_shared<Session>(std::move(socket), self);
+                                  self->Track(session);
+                                  session->Start();
+                              }
+                              self->Accept();
+                          });
 }
 
 void HttpServer::Impl::Track(const std::shared_ptr<Session>& session) {
     std::lock_guard guard(sessionsMutex);
-    sessions.erase(std::remove_if(sessions.begin(), sessions.end(), [](const auto& weak) { return weak.expired(); }),
-                   sessions.end());
+    sessions.erase(
+        std::remove_if(sessions.begin(), sessions.end(), [](const auto& weak) { return weak.expired(); }),
+        sessions.end());
     sessions.push_back(session);
 }
 
@@ -484,7 +498,9 @@ bool HttpServer::Impl::AddEventClient(const std::shared_ptr<EventSession>& sessi
 HttpServer::HttpServer(HttpServerOptions options, Handler handler, Filter filter)
     : impl(std::make_shared<Impl>(std::move(options), std::move(handler), std::move(filter))) {}
 
-HttpServer::~HttpServer() { Stop(); }
+HttpServer::~HttpServer() {
+    Stop();
+}
 
 void HttpServer::Start() {
     const auto address = net::ip::make_address(impl->options.address);
@@ -496,7 +512,8 @@ void HttpServer::Start() {
     const auto bound = impl->acceptor.local_endpoint();
     impl->boundPort = bound.port();
     impl->boundAddress = bound.address().to_string();
-    impl->workers = std::make_unique<WorkerPool>(std::max(1u, impl->options.workerThreads), impl->options.maxQueuedRequests);
+    impl->workers = std::make_unique<WorkerPool>(std::max(1u, impl->options.workerThreads),
+                                                 impl->options.maxQueuedRequests);
     impl->Accept();
     for (unsigned i = 0; i < std::max(1u, std::min(impl->options.ioThreads, 2u)); ++i) {
         impl->ioThreads.emplace_back([impl = impl] { impl->io.run(); });
@@ -505,9 +522,13 @@ void HttpServer::Start() {
            static_cast<unsigned>(impl->boundPort));
 }
 
-std::uint16_t HttpServer::Port() const { return impl->boundPort; }
+std::uint16_t HttpServer::Port() const {
+    return impl->boundPort;
+}
 
-std::string HttpServer::Address() const { return impl->boundAddress; }
+std::string HttpServer::Address() const {
+    return impl->boundAddress;
+}
 
 void HttpServer::PublishEvent(const std::string& event, const std::string& data) {
     auto frame = std::make_shared<const std::string>("event: " + event + "\ndata: " + data + "\n\n");

@@ -64,7 +64,7 @@ struct HttpServerOptions {
 };
 
 class HttpServer {
-public:
+  public:
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
     // Runs first for every request, the event stream included; a reply refuses the request.
     using Filter = std::function<std::optional<HttpResponse>(const HttpRequest&)>;
@@ -85,7 +85,7 @@ public:
 
     struct Impl;  // the transport's state, defined with the Beast code
 
-private:
+  private:
     std::shared_ptr<Impl> impl;
 };
 

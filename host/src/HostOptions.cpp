@@ -44,7 +44,8 @@ bool ParseCount(const std::string& name, const std::string& value, unsigned& out
 std::string Usage() {
     return "Usage: routine-host [options]\n"
            "Serves the routine engine's REST API, its live events (/events) and the web console (/).\n\n"
-           "  --listen HOST:PORT       address to listen on (default 127.0.0.1:8080; port 0 picks a free port)\n"
+           "  --listen HOST:PORT       address to listen on (default 127.0.0.1:8080; port 0 picks a free "
+           "port)\n"
            "  --plugins DIR            plug-in folder (default: ../plugins beside the executable's folder)\n"
            "  --web DIR                folder of the web console\n"
            "  --log-level LEVEL        none, error, info (default) or debug\n"

@@ -14,8 +14,8 @@ struct HostOptions {
     std::string pluginDir;  // empty: the "plugins" folder beside the executable's "bin"
     std::string webDir;     // empty: the console shipped with the build or the installation
     std::string logLevel = "info";
-    std::string token;                     // bearer token; from --token or NYR_TOKEN
-    bool insecureRemote = false;           // allow a non-loopback listener without a token
+    std::string token;                      // bearer token; from --token or NYR_TOKEN
+    bool insecureRemote = false;            // allow a non-loopback listener without a token
     std::vector<std::string> allowOrigins;  // cross-origin requests allowed from these origins
     unsigned maxEventClients = 64;
     unsigned workerThreads = 16;

@@ -27,7 +27,8 @@ HttpResponse JsonReply(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
     response.headers.emplace_back("Content-Type", "application/json");
-    response.body = nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
+    response.body =
+        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
     return response;
 }
 
@@ -43,10 +44,13 @@ bool ConstantTimeEquals(const std::string& given, const std::string& expected) {
 
 }  // namespace
 
-HostService::HostService(HostOptions optionsIn, std::filesystem::path pluginDirIn, std::filesystem::path webDir)
+HostService::HostService(HostOptions optionsIn, std::filesystem::path pluginDirIn,
+                         std::filesystem::path webDir)
     : options(std::move(optionsIn)), pluginDir(std::move(pluginDirIn)), webFiles(webDir) {}
 
-HostService::~HostService() { Shutdown(); }
+HostService::~HostService() {
+    Shutdown();
+}
 
 void HostService::Start() {
     std::lock_guard guard(lifecycleMutex);
@@ -65,17 +69,23 @@ void HostService::Start() {
         serverOptions, [this](const HttpRequest& request) { return Handle(request); },
         [this](const HttpRequest& request) { return Filter(request); });
     // Notifications come from request, routine and timer threads; PublishEvent only queues.
-    notificationHandle = router.NotificationEvent().Subscribe([this](NyRest::EventType type, std::string path) {
-        // Written by hand so that "type" comes first, as clients read it.
-        const std::string word = EventWord(type);
-        server->PublishEvent(word, "{\"type\":\"" + word + "\",\"path\":" + nlohmann::json(path).dump() + "}");
-    });
+    notificationHandle =
+        router.NotificationEvent().Subscribe([this](NyRest::EventType type, std::string path) {
+            // Written by hand so that "type" comes first, as clients read it.
+            const std::string word = EventWord(type);
+            server->PublishEvent(word,
+                                 "{\"type\":\"" + word + "\",\"path\":" + nlohmann::json(path).dump() + "}");
+        });
     server->Start();
 }
 
-std::uint16_t HostService::Port() const { return server->Port(); }
+std::uint16_t HostService::Port() const {
+    return server->Port();
+}
 
-std::string HostService::Address() const { return server->Address(); }
+std::string HostService::Address() const {
+    return server->Address();
+}
 
 void HostService::Rescan() {
     std::lock_guard guard(lifecycleMutex);
@@ -100,7 +110,8 @@ std::optional<HttpResponse> HostService::Filter(const HttpRequest& request) cons
     // Browsers send Origin on cross-origin requests; the console itself is same-origin.
     if (const std::string* origin = request.Header("Origin"); origin != nullptr) {
         const std::string* host = request.Header("Host");
-        const bool sameOrigin = host != nullptr && (*origin == "http://" + *host || *origin == "https://" + *host);
+        const bool sameOrigin =
+            host != nullptr && (*origin == "http://" + *host || *origin == "https://" + *host);
         bool allowed = sameOrigin;
         for (const auto& allowedOrigin : options.allowOrigins) {
             allowed = allowed || *origin == allowedOrigin;

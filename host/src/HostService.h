@@ -26,7 +26,7 @@
 namespace NyHost {
 
 class HostService {
-public:
+  public:
     HostService(HostOptions options, std::filesystem::path pluginDir, std::filesystem::path webDir);
     ~HostService();
     HostService(const HostService&) = delete;
@@ -40,7 +40,7 @@ public:
     void Rescan();
     void Shutdown();
 
-private:
+  private:
     HttpResponse Handle(const HttpRequest& request);
     std::optional<HttpResponse> Filter(const HttpRequest& request) const;
     void ReleaseRequestsInProgress();
@@ -57,10 +57,10 @@ private:
     std::unique_ptr<HttpServer> server;
     Ny::Event<NyRest::EventType, std::string>::Handle notificationHandle = 0;
 
-    std::atomic<bool> stopping{false};     // set once by Shutdown; read by request threads
+    std::atomic<bool> stopping{false};       // set once by Shutdown; read by request threads
     std::atomic<int> requestsInProgress{0};  // router dispatches running now
-    std::mutex lifecycleMutex;             // serializes Start, Rescan and Shutdown
-    bool shutDown = false;                 // guarded by lifecycleMutex
+    std::mutex lifecycleMutex;               // serializes Start, Rescan and Shutdown
+    bool shutDown = false;                   // guarded by lifecycleMutex
 };
 
 }  // namespace NyHost

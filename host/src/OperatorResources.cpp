@@ -42,7 +42,9 @@ FixedReplyResource::FixedReplyResource(unsigned bytes) {
     reply = {{"data", std::string(bytes > 11 ? bytes - 11 : 1, 'x')}};
 }
 
-nlohmann::json FixedReplyResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) { return reply; }
+nlohmann::json FixedReplyResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) {
+    return reply;
+}
 
 OperatorResources::OperatorResources(NyRest::ResourceRouter& routerIn, NyCore::Core& core,
                                      NyPlugin::PluginManager& plugins, unsigned fixedReplyBytes)

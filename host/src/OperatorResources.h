@@ -1,5 +1,6 @@
 // The host's own operator resources, served through the same router as the routine engine:
-//   "/system"                          GET {"runState": n}; PUT/PATCH {"runState": n} sets the core's run state
+//   "/system"                          GET {"runState": n}; PUT/PATCH {"runState": n} sets the core's run
+//   state
 //   "/system/commands/factoryRestore"  POST: the core announces a factory restore
 //   "/plugins"                         GET the loaded plug-in libraries and the routine types of each
 // Owned by the host service; registered for their lifetime. Request threads only.
@@ -18,55 +19,55 @@
 namespace NyHost {
 
 class SystemResource : public NyRest::DocumentResourceBase {
-public:
+  public:
     explicit SystemResource(NyCore::Core& core) : core(core) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
     // Throws -997 unless the body is an object with an integer "runState".
     void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
 
-private:
+  private:
     NyCore::Core& core;
 };
 
 class FactoryRestoreCommand : public NyRest::CommandResourceBase {
-public:
+  public:
     explicit FactoryRestoreCommand(NyCore::Core& core) : core(core) {}
     nlohmann::json Call(const NyRest::RequestInfo& request, const nlohmann::json& arguments) override;
 
-private:
+  private:
     NyCore::Core& core;
 };
 
 class PluginsResource : public NyRest::DocumentResourceBase {
-public:
+  public:
     explicit PluginsResource(NyPlugin::PluginManager& plugins) : plugins(plugins) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
 
-private:
+  private:
     NyPlugin::PluginManager& plugins;
 };
 
 // A fixed document of a given size, served through the same router and transport as routine documents,
 // so that a benchmark can tell the cost of the engine from the cost of serving.
 class FixedReplyResource : public NyRest::DocumentResourceBase {
-public:
+  public:
     explicit FixedReplyResource(unsigned bytes);
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
 
-private:
+  private:
     nlohmann::json reply;
 };
 
 // Registers the resources on construction and withdraws them on destruction.
 class OperatorResources {
-public:
+  public:
     OperatorResources(NyRest::ResourceRouter& router, NyCore::Core& core, NyPlugin::PluginManager& plugins,
                       unsigned fixedReplyBytes);
     ~OperatorResources();
     OperatorResources(const OperatorResources&) = delete;
     OperatorResources& operator=(const OperatorResources&) = delete;
 
-private:
+  private:
     NyRest::ResourceRouter& router;
     SystemResource system;
     FactoryRestoreCommand factoryRestore;

@@ -13,13 +13,20 @@ namespace {
 
 std::string ContentType(const std::filesystem::path& file) {
     const std::string ext = file.extension().string();
-    if (ext == ".html") return "text/html; charset=utf-8";
-    if (ext == ".js" || ext == ".mjs") return "text/javascript; charset=utf-8";
-    if (ext == ".css") return "text/css; charset=utf-8";
-    if (ext == ".svg") return "image/svg+xml";
-    if (ext == ".png") return "image/png";
-    if (ext == ".json") return "application/json";
-    if (ext == ".ico") return "image/x-icon";
+    if (ext == ".html")
+        return "text/html; charset=utf-8";
+    if (ext == ".js" || ext == ".mjs")
+        return "text/javascript; charset=utf-8";
+    if (ext == ".css")
+        return "text/css; charset=utf-8";
+    if (ext == ".svg")
+        return "image/svg+xml";
+    if (ext == ".png")
+        return "image/png";
+    if (ext == ".json")
+        return "application/json";
+    if (ext == ".ico")
+        return "image/x-icon";
     return "application/octet-stream";
 }
 
@@ -27,7 +34,8 @@ HttpResponse JsonError(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
     response.headers.emplace_back("Content-Type", "application/json");
-    response.body = nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
+    response.body =
+        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
     return response;
 }
 
@@ -47,7 +55,8 @@ bool StaticFiles::Handles(const std::string& path) {
 
 std::optional<std::filesystem::path> StaticFiles::Resolve(const std::string& path) const {
     std::string relative = (path == "/" || path == "/index.html") ? "index.html" : path.substr(5);
-    if (relative.empty() || relative.find('\0') != std::string::npos || relative.find('%') != std::string::npos) {
+    if (relative.empty() || relative.find('\0') != std::string::npos ||
+        relative.find('%') != std::string::npos) {
         return std::nullopt;
     }
     std::error_code error;

@@ -12,7 +12,7 @@
 namespace NyHost {
 
 class StaticFiles {
-public:
+  public:
     explicit StaticFiles(const std::filesystem::path& root);
 
     // True for the paths this class answers ("/", "/index.html" and "/web/...").
@@ -20,7 +20,7 @@ public:
     // The file's reply (200), or a JSON 404/405 reply.
     HttpResponse Serve(const std::string& method, const std::string& path) const;
 
-private:
+  private:
     std::optional<std::filesystem::path> Resolve(const std::string& path) const;
 
     std::filesystem::path root;  // canonical

@@ -70,12 +70,14 @@ void InstallLogSinks(const std::string& level) {
         }
         std::lock_guard guard(stderrMutex);
         std::fprintf(stderr, "%s 0x%016llx [%s] %s\n", timestamp().c_str(),
-                     static_cast<unsigned long long>(record.levelWord), record.context.c_str(), record.text.c_str());
+                     static_cast<unsigned long long>(record.levelWord), record.context.c_str(),
+                     record.text.c_str());
     });
     if (level == "debug") {
         NyRt::SetLogSink([timestamp](std::string_view line) {
             std::lock_guard guard(stderrMutex);
-            std::fprintf(stderr, "%s runtime %.*s\n", timestamp().c_str(), static_cast<int>(line.size()), line.data());
+            std::fprintf(stderr, "%s runtime %.*s\n", timestamp().c_str(), static_cast<int>(line.size()),
+                         line.data());
         });
     }
 }
@@ -104,9 +106,11 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
 
     InstallLogSinks(options->logLevel);
-    const std::filesystem::path pluginDir =
-        options->pluginDir.empty() ? ExecutableDir() / ".." / "plugins" : std::filesystem::path(options->pluginDir);
-    const std::filesystem::path webDir = options->webDir.empty() ? DefaultWebDir() : std::filesystem::path(options->webDir);
+    const std::filesystem::path pluginDir = options->pluginDir.empty()
+                                                ? ExecutableDir() / ".." / "plugins"
+                                                : std::filesystem::path(options->pluginDir);
+    const std::filesystem::path webDir =
+        options->webDir.empty() ? DefaultWebDir() : std::filesystem::path(options->webDir);
 
     NyHost::HostService service(*options, pluginDir, webDir);
     try {

@@ -41,7 +41,7 @@ struct SelfTestResults : Ny::Params::Group {
 };
 
 class SelfTest : public NyRoutine::IRoutine {
-public:
+  public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
 
     void Run(IRoutineHost& host) override {
@@ -101,7 +101,7 @@ struct CalibrationResults : Ny::Params::Group {
 };
 
 class Calibration : public NyRoutine::IRoutine {
-public:
+  public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
 
     void Run(IRoutineHost& host) override {
@@ -125,7 +125,7 @@ public:
         delete static_cast<const CalibrationResults*>(results);
     }
 
-private:
+  private:
     // Runs after the user's continue: the parameters are closed for writing now.
     void Measure(IRoutineHost& host) {
         host.SetCurrentStep(2, "Measuring");
@@ -161,7 +161,7 @@ private:
 
 template <typename Routine>
 class Factory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<Routine>(); }
 };
 
@@ -175,9 +175,10 @@ NY_PLUGIN_ENTRY(sink) {
     plugin->AddRoutineInfo(NyRoutine::RoutineInfo("SelfTest", *selfTestFactory, true)
                                .SetDisplayName("Self test")
                                .SetDescription("Checks the power supply, the sensors and the actuators."));
-    plugin->AddRoutineInfo(NyRoutine::RoutineInfo("Calibration", *calibrationFactory, false)
-                               .SetDisplayName("Sensor calibration")
-                               .SetDescription("Measures the sensor's offset and gain from a number of samples."));
+    plugin->AddRoutineInfo(
+        NyRoutine::RoutineInfo("Calibration", *calibrationFactory, false)
+            .SetDisplayName("Sensor calibration")
+            .SetDescription("Measures the sensor's offset and gain from a number of samples."));
     plugin->AddOwnedObject(selfTestFactory);
     plugin->AddOwnedObject(calibrationFactory);
     sink.Add(plugin);

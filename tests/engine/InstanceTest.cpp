@@ -19,7 +19,7 @@ using NyTest::Gate;
 using NyTest::ScriptedRoutine;
 
 class InstanceTest : public ::testing::Test {
-protected:
+  protected:
     std::unique_ptr<RoutineInstance> Make(ScriptedRoutine::RunFx run, bool skipStartParams = true) {
         routine = std::make_shared<ScriptedRoutine>(std::move(run));
         info = NyRoutine::RoutineInfo("Calib", factory, skipStartParams);
@@ -183,8 +183,8 @@ TEST_F(InstanceTest, AbortWhileRunningEndsAtOnceAndRoutineCodeSeesIt) {
 
 TEST_F(InstanceTest, StartWaitIsReleasedByAbortAndByRemoval) {
     for (const bool byAbort : {true, false}) {
-        auto instance = Make([](ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); },
-                             false);
+        auto instance = Make(
+            [](ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); }, false);
         auto started = std::async(std::launch::async, [&] { instance->Start(); });
         ASSERT_TRUE(Eventually([&] { return instance->State() == RoutineState::WaitingForFeedback; }));
         if (byAbort) {
@@ -192,7 +192,8 @@ TEST_F(InstanceTest, StartWaitIsReleasedByAbortAndByRemoval) {
         } else {
             instance->ReleaseStartWaiter();
         }
-        EXPECT_EQ(started.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "byAbort " << byAbort;
+        EXPECT_EQ(started.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+            << "byAbort " << byAbort;
         started.get();
         instance.reset();
     }
@@ -308,7 +309,8 @@ TEST_F(InstanceTest, ParametersAreWritableOnlyBetweenGetParamsAndContinue) {
     EXPECT_EQ(instance->LockParams(true), nullptr);
     instance->UnlockParams();
     EXPECT_EQ(changes.load(), 1);
-    EXPECT_TRUE(log.Contains("<" + std::to_string(NyRt::CurrentThreadId()) + "> Routine params locked, but not forWriting."));
+    EXPECT_TRUE(log.Contains("<" + std::to_string(NyRt::CurrentThreadId()) +
+                             "> Routine params locked, but not forWriting."));
 }
 
 TEST_F(InstanceTest, ClientLockHoldsOffStateChangesAndUpdatedHandlersMayReadParameters) {

@@ -22,10 +22,12 @@ using NyTest::Eventually;
 using NyTest::ScriptedFactory;
 using NyTest::ScriptedRoutine;
 
-void WaitForUser(ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); }
+void WaitForUser(ScriptedRoutine&, IRoutineHost& host) {
+    host.WaitForContinue([](IRoutineHost&) {});
+}
 
 class ManagerTest : public ::testing::Test {
-protected:
+  protected:
     ManagerTest() : waits(WaitForUser), quick() {
         registry.Add(RoutineInfo("Calib", waits, false));
         registry.Add(RoutineInfo("Quick", quick, true));
@@ -72,7 +74,8 @@ TEST_F(ManagerTest, LimitCountsStoppedRoutinesUntilRemoved) {
     } catch (const Ny::Exception& e) {
         EXPECT_EQ(e.Status(), -1000);
         EXPECT_EQ(e.Message(),
-                  "Routine [Quick] cannot be created; maximum number of [1] concurrently running routines reached.");
+                  "Routine [Quick] cannot be created; maximum number of [1] concurrently running routines "
+                  "reached.");
     }
     const auto refusals = log.Records();
     EXPECT_TRUE(std::any_of(refusals.begin(), refusals.end(), [](const auto& record) {
@@ -109,14 +112,16 @@ TEST_F(ManagerTest, EventsComeBeforeStartAndAfterRemoval) {
     RoutineManager manager(registry, &core, 0);
     std::vector<std::string> events;
     manager.CreatedEvent().Subscribe([&](const std::string& id) {
-        events.push_back("created " + id + " " + std::to_string(static_cast<int>(manager.GetInstance(id).State())));
+        events.push_back("created " + id + " " +
+                         std::to_string(static_cast<int>(manager.GetInstance(id).State())));
     });
     manager.DeletedEvent().Subscribe([&](const std::string& id) { events.push_back("deleted " + id); });
     const std::string id = manager.Create("Quick", nullptr);
     manager.Remove(id);
     manager.ClearAllRoutines();
     EXPECT_EQ(events, (std::vector<std::string>{"created Quick-0 0", "deleted Quick-0", "deleted *"}));
-    EXPECT_EQ(log.Texts(Ny::Logging::Level::Notice), std::vector<std::string>{"Routine(s) are going to abort."});
+    EXPECT_EQ(log.Texts(Ny::Logging::Level::Notice),
+              std::vector<std::string>{"Routine(s) are going to abort."});
 }
 
 TEST_F(ManagerTest, WaitingCreationIsReleasedByRemoveClearAndFactoryRestore) {
@@ -126,7 +131,8 @@ TEST_F(ManagerTest, WaitingCreationIsReleasedByRemoveClearAndFactoryRestore) {
         auto creation = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
         ASSERT_TRUE(Eventually([&] { return manager.ListIds().size() == 1; }));
         const std::string id = manager.ListIds().front();
-        ASSERT_TRUE(Eventually([&] { return manager.GetInstance(id).State() == RoutineState::WaitingForFeedback; }));
+        ASSERT_TRUE(
+            Eventually([&] { return manager.GetInstance(id).State() == RoutineState::WaitingForFeedback; }));
         switch (how) {
             case Release::Remove:
                 manager.Remove(id);
@@ -183,7 +189,8 @@ TEST_F(ManagerTest, ParallelOperationsOnRandomRoutinesAllReturn) {
         RoutineManager manager(registry, &core, 0);
         manager.CreatedEvent().Subscribe([&](const std::string& id) {
             try {
-                manager.AcquireInstance(id)->DeletedEvent().Subscribe([&](const std::string&) { ++deletedEvents; });
+                manager.AcquireInstance(id)->DeletedEvent().Subscribe(
+                    [&](const std::string&) { ++deletedEvents; });
                 ++createdEvents;
             } catch (const Ny::Exception&) {
                 // Another worker removed it between its creation and this handler: not followed.
@@ -240,7 +247,8 @@ TEST_F(ManagerTest, ParallelOperationsOnRandomRoutinesAllReturn) {
         // A creation may wait for a continue that a worker sends; stopping releases the rest by clearing.
         std::this_thread::sleep_for(std::chrono::seconds(2));
         stop = true;
-        for (int round = 0; round < 50 && std::any_of(threads.begin(), threads.end(), [](auto& t) { return t.joinable(); });
+        for (int round = 0;
+             round < 50 && std::any_of(threads.begin(), threads.end(), [](auto& t) { return t.joinable(); });
              ++round) {
             manager.ClearAllRoutines();
             for (auto& thread : threads) {

@@ -76,7 +76,8 @@ TEST(RoutinePlugin, CreatedPluginCarriesCopiesOfItsRecords) {
     } copy(*plugin);
     ASSERT_EQ(copy.RoutineInfoCount(), 2u);
     EXPECT_STREQ(copy.RoutineInfoAt(0).TypeName(), "B");
-    EXPECT_EQ(&copy.RoutineInfoAt(1).CreationParamsReadOnly(), &plugin->RoutineInfoAt(1).CreationParamsReadOnly());
+    EXPECT_EQ(&copy.RoutineInfoAt(1).CreationParamsReadOnly(),
+              &plugin->RoutineInfoAt(1).CreationParamsReadOnly());
     EXPECT_THROW(plugin->RoutineInfoAt(2), std::out_of_range);
 }
 

@@ -28,7 +28,8 @@ std::string HttpReply::Header(const std::string& name) const {
 
 HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout) {
     socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    timeval tv{static_cast<time_t>(timeout.count() / 1000), static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
+    timeval tv{static_cast<time_t>(timeout.count() / 1000),
+               static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     sockaddr_in address{};
@@ -40,7 +41,9 @@ HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout) {
     }
 }
 
-HttpConnection::~HttpConnection() { ::close(socket); }
+HttpConnection::~HttpConnection() {
+    ::close(socket);
+}
 
 bool HttpConnection::SendRaw(const std::string& bytes) {
     size_t sent = 0;
@@ -79,7 +82,8 @@ HttpReply HttpConnection::ReadReply() {
     size_t length = 0;
     while (lineEnd != std::string::npos && lineEnd < head.size()) {
         const size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line = head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
+        const std::string line =
+            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
         const size_t colon = line.find(':');
         if (colon != std::string::npos) {
             std::string value = line.substr(colon + 1);
@@ -102,8 +106,8 @@ HostProcess::HostProcess(std::vector<std::string> extraArguments) {
     if (pipe(output) != 0) {
         throw std::runtime_error("pipe failed");
     }
-    std::vector<std::string> arguments = {NYR_HOST, "--listen", "127.0.0.1:0", "--plugins", NYR_PLUGIN_DIR,
-                                          "--web", NYR_WEB_DIR, "--log-level", "error"};
+    std::vector<std::string> arguments = {NYR_HOST, "--listen",  "127.0.0.1:0", "--plugins", NYR_PLUGIN_DIR,
+                                          "--web",  NYR_WEB_DIR, "--log-level", "error"};
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
     std::vector<char*> argv;
     for (auto& argument : arguments) {
@@ -187,7 +191,8 @@ HttpReply HostProcess::Request(const std::string& method, const std::string& tar
         request += header + "\r\n";
     }
     if (!body.empty() || method == "POST" || method == "PUT" || method == "PATCH") {
-        request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
+        request +=
+            "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
     }
     request += "\r\n" + body;
     connection.SendRaw(request);

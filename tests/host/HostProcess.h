@@ -22,7 +22,7 @@ struct HttpReply {
 
 // One connection to the host, with a receive time-out so that no test waits without bound.
 class HttpConnection {
-public:
+  public:
     HttpConnection(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10));
     ~HttpConnection();
     HttpConnection(const HttpConnection&) = delete;
@@ -33,13 +33,13 @@ public:
     // Reads whatever arrives until `done(received)` holds or the time-out passes; returns all received.
     std::string ReadUntil(const std::function<bool(const std::string&)>& done);
 
-private:
+  private:
     int socket = -1;
     std::string pending;
 };
 
 class HostProcess {
-public:
+  public:
     explicit HostProcess(std::vector<std::string> extraArguments = {});
     ~HostProcess();  // SIGTERM, then SIGKILL if it does not exit
     HostProcess(const HostProcess&) = delete;
@@ -56,7 +56,7 @@ public:
     // Sends SIGTERM and waits (bounded) for the exit; returns the exit status, or -1 on time-out.
     int Terminate(std::chrono::milliseconds timeout);
 
-private:
+  private:
     pid_t pid = -1;
     int port = 0;
 };

@@ -13,23 +13,31 @@ using NyTest::Eventually;
 using NyTest::HostProcess;
 using NyTest::HttpConnection;
 
-json State(HostProcess& host, const std::string& id) { return host.Request("GET", "/routines/" + id).Json()["state"]; }
+json State(HostProcess& host, const std::string& id) {
+    return host.Request("GET", "/routines/" + id).Json()["state"];
+}
 
 TEST(Host, CalibrationWaitsIsConfiguredContinuedAndCompletesWithResults) {
     HostProcess host;
-    auto creation = std::async(std::launch::async, [&] { return host.Request("POST", "/routines", json{{"type", "Calibration"}}); });
+    auto creation = std::async(std::launch::async, [&] {
+        return host.Request("POST", "/routines", json{{"type", "Calibration"}});
+    });
     ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
     EXPECT_EQ(creation.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     // Reads, refused and accepted updates and the limit are served while the creation waits.
-    EXPECT_EQ(host.Request("GET", "/routines/Calibration-0?schema=true").Json()["_schema"]["properties"]["parameters"]
-                  ["properties"]["samples"]["maximum"],
+    EXPECT_EQ(host.Request("GET", "/routines/Calibration-0?schema=true")
+                  .Json()["_schema"]["properties"]["parameters"]["properties"]["samples"]["maximum"],
               1000);
-    const auto refused = host.Request("PATCH", "/routines/Calibration-0", json{{"parameters", {{"samples", 1001}}}});
+    const auto refused =
+        host.Request("PATCH", "/routines/Calibration-0", json{{"parameters", {{"samples", 1001}}}});
     EXPECT_EQ(refused.status, 400);
     EXPECT_EQ(refused.Json(), json({{"status", -997},
                                     {"message", "Set routine params failed."},
                                     {"causes", {"samples was set to be greater than its maximum."}}}));
-    EXPECT_EQ(host.Request("PUT", "/routines/Calibration-0", json{{"parameters", {{"samples", 30}, {"mode", 1}}}}).status, 204);
+    EXPECT_EQ(
+        host.Request("PUT", "/routines/Calibration-0", json{{"parameters", {{"samples", 30}, {"mode", 1}}}})
+            .status,
+        204);
     EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 409);
     EXPECT_EQ(host.Request("POST", "/routines/Calibration-0/commands/continue").status, 200);
     const auto created = creation.get();
@@ -75,7 +83,8 @@ TEST(Host, BadInputGetsTheRightStatusAndTheHostKeepsServing) {
     EXPECT_EQ(unknown.Header("Content-Type"), "application/json");
     EXPECT_EQ(host.Request("DELETE", "/routineTypes").status, 405);
     EXPECT_EQ(host.Request("POST", "/routines", std::string("{\"type\":")).status, 400);
-    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", 7}}).Json()["message"], "type must be string, but is number");
+    EXPECT_EQ(host.Request("POST", "/routines", json{{"type", 7}}).Json()["message"],
+              "type must be string, but is number");
     EXPECT_EQ(host.Request("GET", "/web/../CMakeLists.txt").status, 404);
     {
         HttpConnection connection(host.Port());
@@ -84,7 +93,8 @@ TEST(Host, BadInputGetsTheRightStatusAndTheHostKeepsServing) {
     }
     {
         HttpConnection connection(host.Port());
-        connection.SendRaw("GET /routines HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(20000, 'a') + "\r\n\r\n");
+        connection.SendRaw("GET /routines HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(20000, 'a') +
+                           "\r\n\r\n");
         EXPECT_EQ(connection.ReadReply().status, 431);
     }
     {
@@ -100,20 +110,25 @@ TEST(Host, EventsArriveInOrderWithStepsCoalesced) {
     HttpConnection events(host.Port());
     events.SendRaw("GET /events HTTP/1.1\r\nHost: x\r\n\r\n");
     events.ReadUntil([](const std::string& data) { return data.find("\r\n\r\n") != std::string::npos; });
-    ASSERT_TRUE(Eventually([&] { return host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status == 201; }));
+    ASSERT_TRUE(Eventually([&] {
+        return host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status == 201;
+    }));
     ASSERT_TRUE(Eventually([&] { return State(host, "SelfTest-0") == 3; }));
     host.Request("DELETE", "/routines/SelfTest-0");
-    const std::string stream =
-        events.ReadUntil([](const std::string& data) { return data.find("event: deleted") != std::string::npos; });
+    const std::string stream = events.ReadUntil(
+        [](const std::string& data) { return data.find("event: deleted") != std::string::npos; });
     EXPECT_NE(stream.find("Content-Type: text/event-stream"), std::string::npos);
-    const std::string created = "event: created\ndata: {\"type\":\"created\",\"path\":\"/routines/SelfTest-0\"}\n\n";
-    const std::string deleted = "event: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/SelfTest-0\"}\n\n";
+    const std::string created =
+        "event: created\ndata: {\"type\":\"created\",\"path\":\"/routines/SelfTest-0\"}\n\n";
+    const std::string deleted =
+        "event: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/SelfTest-0\"}\n\n";
     ASSERT_NE(stream.find(created), std::string::npos) << stream;
     ASSERT_NE(stream.find(deleted), std::string::npos) << stream;
     EXPECT_LT(stream.find(created), stream.find(deleted));
     // About a second of 60 progress reports: at most one update per half second, plus results and the end.
     int updates = 0;
-    for (size_t at = stream.find("event: updated"); at != std::string::npos; at = stream.find("event: updated", at + 1)) {
+    for (size_t at = stream.find("event: updated"); at != std::string::npos;
+         at = stream.find("event: updated", at + 1)) {
         ++updates;
     }
     EXPECT_GE(updates, 2);
@@ -122,7 +137,9 @@ TEST(Host, EventsArriveInOrderWithStepsCoalesced) {
 
 TEST(Host, ShutdownReleasesAWaitingCreationAndExitsCleanly) {
     HostProcess host;
-    auto creation = std::async(std::launch::async, [&] { return host.Request("POST", "/routines", json{{"type", "Calibration"}}); });
+    auto creation = std::async(std::launch::async, [&] {
+        return host.Request("POST", "/routines", json{{"type", "Calibration"}});
+    });
     ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(host.Terminate(std::chrono::seconds(10)), 0);
@@ -135,8 +152,10 @@ TEST(Host, TokenIsRequiredWhenConfigured) {
     EXPECT_EQ(host.Request("GET", "/routines").status, 401);
     EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer wrong"}).status, 401);
     EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret"}).status, 200);
-    EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret", "Origin: http://evil.example"}).status,
-              403);
+    EXPECT_EQ(
+        host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret", "Origin: http://evil.example"})
+            .status,
+        403);
 }
 
 }  // namespace

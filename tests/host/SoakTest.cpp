@@ -66,13 +66,16 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
             switch (random() % 12) {
                 case 0:
                 case 1:
-                    reply = host.Request("POST", "/routines", json{{"type", random() % 2 ? "SelfTest" : "Calibration"}});
+                    reply = host.Request("POST", "/routines",
+                                         json{{"type", random() % 2 ? "SelfTest" : "Calibration"}});
                     break;
                 case 2:
                     reply = host.Request("GET", path + (random() % 2 ? "?schema=true" : ""));
                     break;
                 case 3:
-                    reply = host.Request("PATCH", path, json{{"parameters", {{"samples", random() % 1500}, {"label", "soak"}}}});
+                    reply =
+                        host.Request("PATCH", path,
+                                     json{{"parameters", {{"samples", random() % 1500}, {"label", "soak"}}}});
                     break;
                 case 4:
                 case 5:
@@ -129,8 +132,8 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     for (const auto& [status, count] : statuses) {
         summary << status << ":" << count << " ";
     }
-    std::printf("soak: %d requests in %d s (%s), RSS %ld -> %ld KiB\n", requests.load(), seconds, summary.str().c_str(),
-                startKiB, endKiB);
+    std::printf("soak: %d requests in %d s (%s), RSS %ld -> %ld KiB\n", requests.load(), seconds,
+                summary.str().c_str(), startKiB, endKiB);
     EXPECT_GT(requests.load(), 100);
     EXPECT_EQ(serverErrors.load(), 0);
     EXPECT_EQ(unanswered.load(), 0);

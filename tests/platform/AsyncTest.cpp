@@ -6,10 +6,10 @@
 #include <thread>
 #include <vector>
 
+#include "LogCapture.h"
 #include "NyApi/AsyncRunner.h"
 #include "NyApi/AsyncTimer.h"
 #include "NyCore/Core.h"
-#include "LogCapture.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "NyApi/Exception.h"
 #include "LogCapture.h"
+#include "NyApi/Exception.h"
 
 namespace {
 
@@ -62,8 +62,9 @@ TEST(Exception, NestingKeepsTheChainForLoggingAndReplies) {
 TEST(QualifiedName, StripsReturnTypeParametersAndTemplateNotes) {
     EXPECT_EQ(Ny::QualifiedName("void NyRoutine::Internal::RoutinesRoot::Create(const Ny::RequestInfo&)"),
               "NyRoutine::Internal::RoutinesRoot::Create");
-    EXPECT_EQ(Ny::QualifiedName("void Ny::Params::Value<T>::CheckValidation(const T&) [with T = unsigned int]"),
-              "Ny::Params::Value<T>::CheckValidation");
+    EXPECT_EQ(
+        Ny::QualifiedName("void Ny::Params::Value<T>::CheckValidation(const T&) [with T = unsigned int]"),
+        "Ny::Params::Value<T>::CheckValidation");
     EXPECT_EQ(Ny::QualifiedName("std::string Ny::Foo::Bar() const"), "Ny::Foo::Bar");
     EXPECT_EQ(Ny::QualifiedName("Ny::Foo::Foo(int)"), "Ny::Foo::Foo");
 }

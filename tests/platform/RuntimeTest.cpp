@@ -3,10 +3,10 @@
 #include <atomic>
 #include <thread>
 
+#include "LogCapture.h"
 #include "NyApi/Locker.h"
 #include "NyApi/Object.h"
 #include "NyRuntime/Runtime.h"
-#include "LogCapture.h"
 
 namespace {
 
@@ -51,7 +51,9 @@ TEST(RuntimeSemaphore, WaitReturnsAfterPostAndTimesOutWithout) {
     EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get(), 0), NyRt::TimedOut);
 }
 
-NyRt::Status ReturnArgument(void* argument) { return *static_cast<int*>(argument); }
+NyRt::Status ReturnArgument(void* argument) {
+    return *static_cast<int*>(argument);
+}
 
 TEST(RuntimeThread, JoinOfUnstartedThreadReturnsAtOnceAndRestartAfterReturnWorks) {
     Ny::Object<NyRt::Thread> thread;
@@ -116,7 +118,8 @@ TEST(Locker, FailedEnterThrowsRuntimeStatusAndFailedExitIsLoggedNotThrown) {
 TEST(RuntimeLog, LinesReachTheSinkFormatted) {
     NyTest::LogCapture log;
     NyRt::Log("RoutinesResource::SetRoutineParams: %s", "not updating parameters");
-    EXPECT_EQ(log.RuntimeLines(), std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
+    EXPECT_EQ(log.RuntimeLines(),
+              std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
 }
 
 }  // namespace

@@ -10,14 +10,14 @@
 namespace {
 
 class Instant : public NyRoutine::IRoutine {
-public:
+  public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
     void Run(NyRoutine::IRoutineHost&) override {}
     void FreeResults(const Ny::Properties::Structure*) override {}
 };
 
 class InstantFactory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<Instant>(); }
 };
 

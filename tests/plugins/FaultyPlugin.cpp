@@ -26,7 +26,7 @@ struct Results : Ny::Params::Group {
 enum class Fault { ThrowInRun, ThrowInContinue, ThrowInCompletion, ThrowNonStandard, Stubborn, ResultsTwice };
 
 class Faulty : public NyRoutine::IRoutine {
-public:
+  public:
     explicit Faulty(Fault faultIn) : fault(faultIn) {}
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
     void Run(IRoutineHost& host) override {
@@ -37,7 +37,8 @@ public:
                 host.WaitForContinue([](IRoutineHost&) { throw std::logic_error("continue failed"); });
                 break;
             case Fault::ThrowInCompletion:
-                host.SetCompletionFx([](IRoutineHost&, bool) { throw std::runtime_error("completion failed"); });
+                host.SetCompletionFx(
+                    [](IRoutineHost&, bool) { throw std::runtime_error("completion failed"); });
                 host.ReadyForCompletion();
                 break;
             case Fault::ThrowNonStandard:
@@ -56,23 +57,25 @@ public:
             }
         }
     }
-    void FreeResults(const Ny::Properties::Structure* results) override { delete static_cast<const Results*>(results); }
+    void FreeResults(const Ny::Properties::Structure* results) override {
+        delete static_cast<const Results*>(results);
+    }
 
-private:
+  private:
     Fault fault;
 };
 
 class FaultyFactory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     explicit FaultyFactory(Fault faultIn) : fault(faultIn) {}
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<Faulty>(fault); }
 
-private:
+  private:
     Fault fault;
 };
 
 class NothingFactory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return nullptr; }
 };
 
@@ -80,10 +83,12 @@ public:
 
 NY_PLUGIN_ENTRY(sink) {
     auto plugin = NyRoutine::RoutinePlugin::Create();
-    const std::pair<const char*, Fault> faults[] = {
-        {"ThrowInRun", Fault::ThrowInRun},           {"ThrowInContinue", Fault::ThrowInContinue},
-        {"ThrowInCompletion", Fault::ThrowInCompletion}, {"ThrowNonStandard", Fault::ThrowNonStandard},
-        {"Stubborn", Fault::Stubborn},               {"ResultsTwice", Fault::ResultsTwice}};
+    const std::pair<const char*, Fault> faults[] = {{"ThrowInRun", Fault::ThrowInRun},
+                                                    {"ThrowInContinue", Fault::ThrowInContinue},
+                                                    {"ThrowInCompletion", Fault::ThrowInCompletion},
+                                                    {"ThrowNonStandard", Fault::ThrowNonStandard},
+                                                    {"Stubborn", Fault::Stubborn},
+                                                    {"ResultsTwice", Fault::ResultsTwice}};
     for (const auto& [name, fault] : faults) {
         auto factory = std::make_shared<FaultyFactory>(fault);
         plugin->AddRoutineInfo(NyRoutine::RoutineInfo(name, *factory, true));

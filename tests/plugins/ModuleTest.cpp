@@ -47,7 +47,9 @@ TEST(RoutineModule, FirstLibraryKeepsADuplicateTypeAndUnloadsGoByTypeName) {
         log.Clear();
         plugins.Unload(NYR_SAMPLE_PLUGIN);
         EXPECT_TRUE(TypeNames(router).empty());
-        EXPECT_EQ(log.Texts(Ny::Logging::Level::CaughtFailure).at(0).rfind("Failed to unload routine \"Calibration\" (", 0),
+        EXPECT_EQ(log.Texts(Ny::Logging::Level::CaughtFailure)
+                      .at(0)
+                      .rfind("Failed to unload routine \"Calibration\" (", 0),
                   0u);
     }
     // Destroyed: the paths are withdrawn and later loads reach nobody.
@@ -64,7 +66,8 @@ TEST(RoutineModule, RoutineOfAnUnloadedTypeKeepsWorkingAndCanBeDeleted) {
     ASSERT_EQ(router.Dispatch("POST", "/routines", {{"type", "SelfTest"}}).status, 201);
     plugins.Unload(NYR_SAMPLE_PLUGIN);
     EXPECT_EQ(router.Dispatch("POST", "/routines", {{"type", "SelfTest"}}).status, 404);
-    ASSERT_TRUE(Eventually([&] { return router.Dispatch("GET", "/routines/SelfTest-0", nullptr).body["state"] == 3; }));
+    ASSERT_TRUE(Eventually(
+        [&] { return router.Dispatch("GET", "/routines/SelfTest-0", nullptr).body["state"] == 3; }));
     EXPECT_EQ(router.Dispatch("GET", "/routines/SelfTest-0", nullptr).body["results"]["passedChecks"], 3);
     EXPECT_EQ(router.Dispatch("DELETE", "/routines/SelfTest-0", nullptr).status, 204);
 }
@@ -78,21 +81,28 @@ TEST(RoutineModule, SampleCalibrationRunsThroughTheRouter) {
     auto creation = std::async(std::launch::async, [&] {
         return router.Dispatch("POST", "/routines", {{"type", "Calibration"}});
     });
-    ASSERT_TRUE(Eventually([&] { return router.Dispatch("GET", "/routines/Calibration-0", nullptr).body["state"] == 2; }));
+    ASSERT_TRUE(Eventually(
+        [&] { return router.Dispatch("GET", "/routines/Calibration-0", nullptr).body["state"] == 2; }));
     const json document = router.Dispatch("GET", "/routines/Calibration-0?schema=true", nullptr).body;
     EXPECT_EQ(document["parameters"], json({{"samples", 10}, {"label", "default"}, {"mode", 0}}));
-    EXPECT_EQ(document["_schema"]["properties"]["parameters"]["properties"]["mode"]["enumText"], json({"Fast", "Precise"}));
+    EXPECT_EQ(document["_schema"]["properties"]["parameters"]["properties"]["mode"]["enumText"],
+              json({"Fast", "Precise"}));
     EXPECT_FALSE(document["helpHtml"].get<std::string>().empty());
 
-    const auto refused = router.Dispatch("PATCH", "/routines/Calibration-0", {{"parameters", {{"samples", 0}}}});
+    const auto refused =
+        router.Dispatch("PATCH", "/routines/Calibration-0", {{"parameters", {{"samples", 0}}}});
     EXPECT_EQ(refused.status, 400);
     EXPECT_EQ(refused.body["causes"], json({"samples was set to be less than its minimum."}));
-    EXPECT_EQ(router.Dispatch("PATCH", "/routines/Calibration-0", {{"parameters", {{"samples", 20}, {"label", "L1"}}}}).status,
+    EXPECT_EQ(router
+                  .Dispatch("PATCH", "/routines/Calibration-0",
+                            {{"parameters", {{"samples", 20}, {"label", "L1"}}}})
+                  .status,
               204);
     EXPECT_EQ(router.Dispatch("POST", "/routines/Calibration-0/commands/continue", nullptr).status, 200);
     ASSERT_EQ(creation.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(creation.get().status, 201);
-    ASSERT_TRUE(Eventually([&] { return router.Dispatch("GET", "/routines/Calibration-0", nullptr).body["state"] == 3; }));
+    ASSERT_TRUE(Eventually(
+        [&] { return router.Dispatch("GET", "/routines/Calibration-0", nullptr).body["state"] == 3; }));
     const json results = router.Dispatch("GET", "/routines/Calibration-0", nullptr).body["results"];
     EXPECT_EQ(results["label"], "L1");
     EXPECT_TRUE(results["offset"].is_number());

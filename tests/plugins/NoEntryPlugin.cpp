@@ -1,2 +1,4 @@
 // A test shared library without the plug-in entry point.
-extern "C" __attribute__((visibility("default"))) int SomethingElse() { return 1; }
+extern "C" __attribute__((visibility("default"))) int SomethingElse() {
+    return 1;
+}

@@ -27,7 +27,8 @@ TEST(PluginManager, LoadsAFolderInNameOrderAndRefusesBrokenFilesNamingThem) {
     ASSERT_EQ(refused.size(), 3u);
     EXPECT_NE(refused[0].find("no_entry.so has no plug-in entry point"), std::string::npos) << refused[0];
     EXPECT_NE(refused[1].find("not_a_library.so cannot be loaded"), std::string::npos) << refused[1];
-    EXPECT_NE(refused[2].find("old_version.so was built for plug-in API version 99"), std::string::npos) << refused[2];
+    EXPECT_NE(refused[2].find("old_version.so was built for plug-in API version 99"), std::string::npos)
+        << refused[2];
     EXPECT_EQ(events, std::vector<std::string>{"0 dup_routines.so 1"});
     EXPECT_THROW(plugins.Load(fs::path(NYR_TEST_PLUGINS) / "dup_routines.so"), Ny::Exception);
 

@@ -16,9 +16,9 @@ TEST(RoutineDocument, SchemaHasTwelveReadOnlyFieldsInSortOrderAndTheStateEnumera
     EXPECT_EQ(schema["type"], "object");
     EXPECT_FALSE(schema.contains("extendedType"));
     const std::vector<std::pair<std::string, std::string>> fields = {
-        {"id", "string"},          {"state", "integer"},           {"stateDetails", "string"},
-        {"type", "string"},        {"displayName", "string"},      {"description", "string"},
-        {"helpHtml", "string"},    {"helpUrl", "string"},          {"totalSteps", "integer"},
+        {"id", "string"},           {"state", "integer"},          {"stateDetails", "string"},
+        {"type", "string"},         {"displayName", "string"},     {"description", "string"},
+        {"helpHtml", "string"},     {"helpUrl", "string"},         {"totalSteps", "integer"},
         {"currentStep", "integer"}, {"currentStepInfo", "string"}, {"currentProgress", "integer"}};
     ASSERT_EQ(schema["properties"].size(), fields.size());
     unsigned sortOrder = 0;
@@ -53,8 +53,9 @@ TEST(RoutineTypeList, SchemaItemsDescribeOneRoutineType) {
     list.routineTypes.Add(std::make_unique<NyRoutine::Internal::RoutineTypeProperties>());
     const json document = JsonSerializer::Serialize(list);
     ASSERT_EQ(document["routineTypes"].size(), 1u);
-    EXPECT_EQ(document["routineTypes"][0],
-              json({{"type", ""}, {"displayName", ""}, {"description", ""}, {"helpHtml", ""}, {"helpUrl", ""}}));
+    EXPECT_EQ(
+        document["routineTypes"][0],
+        json({{"type", ""}, {"displayName", ""}, {"description", ""}, {"helpHtml", ""}, {"helpUrl", ""}}));
     const NyRoutine::Internal::RoutineTypeProperties one;
     const json item = JsonSerializer::SerializeSchema(one);
     unsigned sortOrder = 0;

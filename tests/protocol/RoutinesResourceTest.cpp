@@ -39,10 +39,13 @@ void ParamsThenSteps(ScriptedRoutine& self, IRoutineHost& host) {
 }
 
 class RoutinesResourceTest : public ::testing::Test {
-protected:
+  protected:
     RoutinesResourceTest()
-        : calibFactory(ParamsThenSteps), quickFactory([](ScriptedRoutine&, IRoutineHost& host) { host.SetTotalSteps(1); }) {
-        registry.Add(RoutineInfo("Calib", calibFactory, false).SetDisplayName("Calibration").SetDescription("Calibrates."));
+        : calibFactory(ParamsThenSteps),
+          quickFactory([](ScriptedRoutine&, IRoutineHost& host) { host.SetTotalSteps(1); }) {
+        registry.Add(RoutineInfo("Calib", calibFactory, false)
+                         .SetDisplayName("Calibration")
+                         .SetDescription("Calibrates."));
         registry.Add(RoutineInfo("Quick", quickFactory, true));
         manager = std::make_unique<NyRoutine::Internal::RoutineManager>(registry, &core, 1);
         routines = std::make_unique<NyRoutine::Internal::RoutinesDir>(router, *manager);
@@ -85,7 +88,10 @@ protected:
 
     // Creates a Calib routine on another thread; returns when it waits for feedback.
     Pending CreateWaiting() {
-        Pending creation(std::async(std::launch::async, [this] { return Call("POST", "/routines", {{"type", "Calib"}}); }),
+        Pending creation(std::async(std::launch::async,
+                                    [this] {
+                                        return Call("POST", "/routines", {{"type", "Calib"}});
+                                    }),
                          manager.get());
         EXPECT_TRUE(Eventually([this] {
             const auto ids = manager->ListIds();
@@ -120,7 +126,8 @@ TEST_F(RoutinesResourceTest, CreationWaitsForContinueWhileReadsUpdatesAndCommand
     EXPECT_EQ(read.body["_schema"]["properties"]["parameters"]["properties"]["count"]["maximum"], 10);
     EXPECT_TRUE(read.body["_schema"]["properties"].contains("results"));
 
-    const NyRest::Response refused = Call("PATCH", "/routines/Calib-0", {{"parameters", {{"count", 11}, {"name", "x"}}}});
+    const NyRest::Response refused =
+        Call("PATCH", "/routines/Calib-0", {{"parameters", {{"count", 11}, {"name", "x"}}}});
     EXPECT_EQ(refused.status, 400);
     EXPECT_EQ(refused.body, json({{"status", -997},
                                   {"message", "Set routine params failed."},
@@ -132,27 +139,31 @@ TEST_F(RoutinesResourceTest, CreationWaitsForContinueWhileReadsUpdatesAndCommand
     EXPECT_EQ(Call("PATCH", "/routines/Calib-0", {{"other", 1}}).status, 204);
     EXPECT_EQ(Call("POST", "/routines", {{"type", "Quick"}}).status, 409);  // the limit of one
 
-    const NyRest::Response continued = Call("POST", "/routines/Calib-0/commands/continue", {{"ignored", true}});
+    const NyRest::Response continued =
+        Call("POST", "/routines/Calib-0/commands/continue", {{"ignored", true}});
     EXPECT_EQ(continued.status, 200);
     EXPECT_TRUE(continued.body.is_null());
     ASSERT_EQ(creation.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     const NyRest::Response created = creation.get();
     EXPECT_EQ(created.status, 201);
     EXPECT_EQ(created.body, json({{"id", "Calib-0"}, {"path", "/routines/Calib-0"}}));
-    EXPECT_EQ(created.headers, (std::vector<std::pair<std::string, std::string>>{{"Location", "/routines/Calib-0"}}));
+    EXPECT_EQ(created.headers,
+              (std::vector<std::pair<std::string, std::string>>{{"Location", "/routines/Calib-0"}}));
 
     ASSERT_TRUE(Eventually([&] { return Call("GET", "/routines/Calib-0").body["state"] == 3; }));
     EXPECT_EQ(Call("GET", "/routines/Calib-0").body["results"], json({{"value", 14}}));
     // After the continue the parameters are closed: the write is skipped, not refused.
     EXPECT_EQ(Call("PATCH", "/routines/Calib-0", {{"parameters", {{"count", 3}}}}).status, 204);
-    EXPECT_EQ(log.RuntimeLines(), std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
+    EXPECT_EQ(log.RuntimeLines(),
+              std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
 }
 
 TEST_F(RoutinesResourceTest, CollectionEmbedsOneItemPerRoutineAndDeleteAllClears) {
     EXPECT_TRUE(Call("GET", "/routines").body.is_null());
     Call("POST", "/routines", {{"type", "Quick"}});
     const NyRest::Response list = Call("GET", "/routines?schema=true");
-    EXPECT_EQ(list.body, json::parse(R"({"_embedded":{"item":[{"_links":{"self":{"href":"/routines/Quick-0"}}}]}})"));
+    EXPECT_EQ(list.body,
+              json::parse(R"({"_embedded":{"item":[{"_links":{"self":{"href":"/routines/Quick-0"}}}]}})"));
     EXPECT_EQ(Call("DELETE", "/routines/*").status, 204);
     EXPECT_TRUE(manager->ListIds().empty());
     EXPECT_EQ(Call("DELETE", "/routines/Quick-0").status, 404);
@@ -195,7 +206,8 @@ TEST_F(RoutinesResourceTest, NotificationsAreImmediateExceptCoalescedStepsAndDel
     Call("PATCH", "/routines/Calib-0", {{"parameters", {{"count", 2}}}});
     Call("POST", "/routines/Calib-0/commands/continue");
     creation.get();
-    ASSERT_TRUE(Eventually([&] { return manager->GetInstance("Calib-0").State() == RoutineState::Completed; }));
+    ASSERT_TRUE(
+        Eventually([&] { return manager->GetInstance("Calib-0").State() == RoutineState::Completed; }));
     // Eleven step and progress reports within one period give one update at the next flush.
     ASSERT_TRUE(Eventually([&] {
         const auto seen = Notifications();

@@ -16,7 +16,7 @@ using nlohmann::json;
 
 // A parent resource that records what it was asked.
 class Items : public NyRest::DocumentResourceBase, public NyRest::IParentResource {
-public:
+  public:
     NyRest::IParentResource* ParentProvider() override { return this; }
     json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override {
         const std::string* id = request.Param("item");
@@ -52,17 +52,17 @@ public:
 };
 
 class Command : public NyRest::CommandResourceBase {
-public:
+  public:
     json Call(const NyRest::RequestInfo& request, const json&) override { return *request.Param("item"); }
 };
 
 class Fixed : public NyRest::DocumentResourceBase {
-public:
+  public:
     json GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) override { return {{"fixed", true}}; }
 };
 
 class RouterTest : public ::testing::Test {
-protected:
+  protected:
     RouterTest() {
         router.Register("/items/:item", items);
         router.Register("/items/:item/commands/go", go);
@@ -77,7 +77,8 @@ protected:
 
 TEST_F(RouterTest, PatternsMatchLiteralsFirstDecodeSegmentsAndReadTheSchemaFlag) {
     EXPECT_EQ(router.Dispatch("GET", "/items/special", nullptr).body, json({{"fixed", true}}));
-    EXPECT_EQ(router.Dispatch("GET", "/items/x%20y?schema=true", nullptr).body, json({{"id", "x y"}, {"schema", true}}));
+    EXPECT_EQ(router.Dispatch("GET", "/items/x%20y?schema=true", nullptr).body,
+              json({{"id", "x y"}, {"schema", true}}));
     EXPECT_EQ(router.Dispatch("GET", "/items/x?schema=false", nullptr).body["schema"], false);
     EXPECT_EQ(router.Dispatch("POST", "/items/7/commands/go", nullptr).body, "7");
     EXPECT_EQ(router.Dispatch("GET", "/nothing", nullptr).status, 404);
@@ -110,16 +111,18 @@ TEST_F(RouterTest, VerbsMapToTheirOperationsAndStatuses) {
 TEST_F(RouterTest, FailuresBecomeJsonErrorsAndNothingEscapes) {
     const auto refused = router.Dispatch("GET", "/items/boom", nullptr);
     EXPECT_EQ(refused.status, 409);
-    EXPECT_EQ(refused.body, json({{"status", -1000}, {"message", "Refused now."}, {"causes", {"inner cause"}}}));
+    EXPECT_EQ(refused.body,
+              json({{"status", -1000}, {"message", "Refused now."}, {"causes", {"inner cause"}}}));
     const auto typeError = router.Dispatch("POST", "/items", {{"name", 3}});
     EXPECT_EQ(typeError.status, 400);
     EXPECT_EQ(typeError.body["message"], "type must be string, but is number");
     EXPECT_EQ(router.Dispatch("POST", "/items", json::object()).status, 400);  // missing member
-    EXPECT_EQ(router.Dispatch("DELETE", "/items/x", nullptr).status, 500);    // not even a std::exception
+    EXPECT_EQ(router.Dispatch("DELETE", "/items/x", nullptr).status, 500);     // not even a std::exception
     const auto malformed = router.DispatchRaw("POST", "/items", "{\"name\": ");
     EXPECT_EQ(malformed.status, 400);
     EXPECT_EQ(malformed.body["message"], "The request body is not valid JSON.");
-    EXPECT_EQ(router.DispatchRaw("POST", "/items", std::string(100, '[') + std::string(100, ']')).status, 400);
+    EXPECT_EQ(router.DispatchRaw("POST", "/items", std::string(100, '[') + std::string(100, ']')).status,
+              400);
     EXPECT_EQ(router.DispatchRaw("POST", "/items", R"({"name":"ok"})").status, 201);
 }
 
@@ -143,7 +146,8 @@ TEST_F(RouterTest, NotificationsAreForwardedUntilDeregistration) {
 }
 
 TEST_F(RouterTest, BlockedRequestLeavesOthersServedAndDeregistrationWaitsForIt) {
-    auto blocked = std::async(std::launch::async, [&] { return router.Dispatch("GET", "/items/block", nullptr); });
+    auto blocked =
+        std::async(std::launch::async, [&] { return router.Dispatch("GET", "/items/block", nullptr); });
     ASSERT_TRUE(items.entered.Wait());
     EXPECT_EQ(router.Dispatch("GET", "/items/other", nullptr).status, 200);
     auto withdrawn = std::async(std::launch::async, [&] { router.Deregister("/items/:item", false); });

@@ -58,7 +58,9 @@ std::vector<std::string> LogCapture::RuntimeLines() const {
     return runtimeLines;
 }
 
-bool LogCapture::Contains(const std::string& text) const { return Count(text) > 0; }
+bool LogCapture::Contains(const std::string& text) const {
+    return Count(text) > 0;
+}
 
 size_t LogCapture::Count(const std::string& text) const {
     std::lock_guard guard(mutex);

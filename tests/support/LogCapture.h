@@ -16,7 +16,7 @@
 namespace NyTest {
 
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -35,7 +35,7 @@ public:
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     void Clear();
 
-private:
+  private:
     mutable std::mutex mutex;
     mutable std::condition_variable added;
     std::vector<Ny::Logging::LogRecord> records;  // guarded by mutex

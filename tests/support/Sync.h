@@ -23,7 +23,7 @@ bool Eventually(Condition condition, std::chrono::milliseconds timeout = std::ch
 
 // A one-shot gate: Open() lets every Wait() through.
 class Gate {
-public:
+  public:
     void Open() {
         {
             std::lock_guard guard(mutex);
@@ -40,7 +40,7 @@ public:
         return open;
     }
 
-private:
+  private:
     std::mutex mutex;
     std::condition_variable opened;
     bool open = false;

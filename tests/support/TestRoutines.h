@@ -37,13 +37,15 @@ struct TestParams : Ny::Params::Group {
 
 // A routine whose Run is given by the test. Results handed over are TestResults and freed here.
 class ScriptedRoutine : public NyRoutine::IRoutine {
-public:
+  public:
     using RunFx = std::function<void(ScriptedRoutine&, NyRoutine::IRoutineHost&)>;
 
     explicit ScriptedRoutine(RunFx runIn) : run(std::move(runIn)) {}
     ~ScriptedRoutine() override { destroyed = true; }
 
-    void SetCreateParams(std::shared_ptr<Ny::Params::Group> createParams) override { params = std::move(createParams); }
+    void SetCreateParams(std::shared_ptr<Ny::Params::Group> createParams) override {
+        params = std::move(createParams);
+    }
     void Run(NyRoutine::IRoutineHost& host) override {
         ++runs;
         if (run) {
@@ -68,14 +70,14 @@ public:
     std::atomic<int> runs{0};
     std::atomic<bool> destroyed{false};
 
-private:
+  private:
     std::mutex mutex;
     std::vector<const Ny::Properties::Structure*> freed;
 };
 
 // Makes ScriptedRoutines; remembers the last one made.
 class ScriptedFactory : public NyRoutine::IRoutineFactory {
-public:
+  public:
     explicit ScriptedFactory(ScriptedRoutine::RunFx runIn = {}) : run(std::move(runIn)) {}
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override {
         auto routine = std::make_shared<ScriptedRoutine>(run);
@@ -90,7 +92,7 @@ public:
 
     ScriptedRoutine::RunFx run;
 
-private:
+  private:
     std::mutex mutex;
     std::shared_ptr<ScriptedRoutine> last;
 };

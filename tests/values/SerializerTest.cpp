@@ -33,8 +33,8 @@ struct Settings : Ny::Params::Group {
 
 TEST(Serializer, DocumentRoundTripsThroughJson) {
     Settings settings;
-    const json incoming = {{"samples", 20}, {"label", "A"}, {"mode", 1}, {"enabled", true}, {"gain", 1.5},
-                           {"tags", {"x", "y"}}, {"unknown", 3}};
+    const json incoming = {{"samples", 20}, {"label", "A"},       {"mode", 1},   {"enabled", true},
+                           {"gain", 1.5},   {"tags", {"x", "y"}}, {"unknown", 3}};
     JsonSerializer::Deserialize(settings, incoming);
     json expected = incoming;
     expected.erase("unknown");
@@ -52,11 +52,16 @@ TEST(Serializer, SchemaIsAJsonSchemaTheDocumentSatisfies) {
     EXPECT_FALSE(schema.contains("extendedType"));
     // A small checker for the keywords we emit.
     const auto kindOf = [](const json& value) -> std::string {
-        if (value.is_boolean()) return "boolean";
-        if (value.is_number_integer()) return "integer";
-        if (value.is_number()) return "number";
-        if (value.is_string()) return "string";
-        if (value.is_array()) return "array";
+        if (value.is_boolean())
+            return "boolean";
+        if (value.is_number_integer())
+            return "integer";
+        if (value.is_number())
+            return "number";
+        if (value.is_string())
+            return "string";
+        if (value.is_array())
+            return "array";
         return "object";
     };
     for (const auto& [key, property] : schema["properties"].items()) {
@@ -70,7 +75,8 @@ TEST(Serializer, SchemaIsAJsonSchemaTheDocumentSatisfies) {
             EXPECT_LE(value.get<double>(), property["maximum"].get<double>()) << key;
         }
         if (property.contains("enum")) {
-            EXPECT_NE(std::find(property["enum"].begin(), property["enum"].end(), value), property["enum"].end());
+            EXPECT_NE(std::find(property["enum"].begin(), property["enum"].end(), value),
+                      property["enum"].end());
             EXPECT_EQ(property["enum"].size(), property["enumText"].size());
         }
     }
@@ -106,8 +112,9 @@ TEST(Serializer, WrongJsonKindsAreRefusedNamingTheMember) {
 TEST(Serializer, RefusedUpdateStoresNothingOfTheRequest) {
     Settings settings;
     const json before = JsonSerializer::Serialize(settings);
-    EXPECT_THROW(JsonSerializer::Deserialize(settings, {{"label", "changed"}, {"gain", 2.0}, {"samples", 5000}}),
-                 Ny::Exception);
+    EXPECT_THROW(
+        JsonSerializer::Deserialize(settings, {{"label", "changed"}, {"gain", 2.0}, {"samples", 5000}}),
+        Ny::Exception);
     EXPECT_EQ(JsonSerializer::Serialize(settings), before);
     EXPECT_THROW(JsonSerializer::Deserialize(settings, {{"samples", 5}, {"label", 7}}), Ny::Exception);
     EXPECT_EQ(JsonSerializer::Serialize(settings), before);

@@ -19,7 +19,8 @@ TEST(NotifyingStore, HandlersRunInOrderBeforeTheStoreAndNotForEqualValues) {
     Ny::Properties::Value<unsigned int> value;
     std::vector<std::string> calls;
     value.AddChangeHandler([&](Ny::Properties::Node& node) {
-        calls.push_back("a saw " + std::to_string(static_cast<Ny::Properties::Value<unsigned int>&>(node).Get()));
+        calls.push_back("a saw " +
+                        std::to_string(static_cast<Ny::Properties::Value<unsigned int>&>(node).Get()));
     });
     value.AddChangeHandler([&](Ny::Properties::Node&) { calls.push_back("b"); });
     value = 0u;

@@ -17,10 +17,7 @@ constexpr std::uint64_t CompletionPollUs = 100000;
 
 RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Core* core, std::string idIn,
                                  const RoutineInfo* typeInfoIn)
-    : maxProgress(100),
-      routine(std::move(routineIn)),
-      typeInfo(typeInfoIn),
-      id(std::move(idIn)) {
+    : maxProgress(100), routine(std::move(routineIn)), typeInfo(typeInfoIn), id(std::move(idIn)) {
     runner = std::make_unique<Ny::AsyncRunner>();
     host = std::make_unique<RoutineInstanceHost>(this, core);
     NY_CHECK_RT(NyRt::LockCreate(lock.Out()));
@@ -44,8 +41,8 @@ void RoutineInstance::Start() {
             NY_CHECK_RT(NyRt::SemaphoreCreate(startSemaphore.Out(), 0));
             NY_CHECK_RT(NyRt::SemaphoreCreate(completionSemaphore.Out(), 0));
             // A routine removed between its creation and this start has nobody to continue it.
-            waitForStartParams = typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived &&
-                                 !startReleased;
+            waitForStartParams =
+                typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived && !startReleased;
         }
         state = RoutineState::Running;
         runner->Run([this] { RunCallbackWrapper(*host); });
@@ -81,7 +78,8 @@ void RoutineInstance::Continue() {
         }
     }
     if (callback) {
-        runner->Run([this, callback = std::move(callback)]() mutable { ContinueCallbackWrapper(*host, callback); });
+        runner->Run(
+            [this, callback = std::move(callback)]() mutable { ContinueCallbackWrapper(*host, callback); });
     } else if (runFinished) {
         if (HasCompletionFx()) {
             StartWaitThread();
@@ -157,7 +155,8 @@ void RoutineInstance::ContinueCallbackWrapper(IRoutineHost& routineHost,
             callback(routineHost);
             callback = nullptr;
         } catch (const std::exception& e) {
-            NY_LOG(CaughtFailure, "RoutineInstance::ContinueCallbackWrapper callback exception: %s", e.what());
+            NY_LOG(CaughtFailure, "RoutineInstance::ContinueCallbackWrapper callback exception: %s",
+                   e.what());
             Fail(e.what());
             Completed();
             return;
@@ -395,7 +394,9 @@ void RoutineInstance::SetCompletionFx(std::function<void(IRoutineHost&, bool)> f
     completionFx = std::move(fx);
 }
 
-void RoutineInstance::SetFailedState(const std::string& details) { Fail(details); }
+void RoutineInstance::SetFailedState(const std::string& details) {
+    Fail(details);
+}
 
 // ---------------------------------------------------------------------------------------------------
 // Reporting
@@ -467,7 +468,8 @@ std::string RoutineInstance::CurrentStepInfo() const {
 Ny::Properties::Structure* RoutineInstance::LockParams(bool forWriting) {
     const std::uint32_t thread = NyRt::CurrentThreadId();
     if (paramsLocked) {
-        NY_LOG(Progress, "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
+        NY_LOG(Progress,
+               "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
                thread, static_cast<unsigned>(paramsWriting), static_cast<unsigned>(forWriting));
     }
     NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
@@ -478,7 +480,8 @@ Ny::Properties::Structure* RoutineInstance::LockParams(bool forWriting) {
         return nullptr;
     }
     paramsWriting = forWriting;
-    NY_LOG(Progress, "<%u> Routine params locked (forWriting = %u).", thread, static_cast<unsigned>(forWriting));
+    NY_LOG(Progress, "<%u> Routine params locked (forWriting = %u).", thread,
+           static_cast<unsigned>(forWriting));
     return params;
 }
 
@@ -522,11 +525,17 @@ void RoutineInstance::UnlockResults() {
 // ---------------------------------------------------------------------------------------------------
 // Events
 
-void RoutineInstance::OnUpdated() { updatedEvent.Raise(id); }
+void RoutineInstance::OnUpdated() {
+    updatedEvent.Raise(id);
+}
 
-void RoutineInstance::OnStepsUpdated() { stepsUpdatedEvent.Raise(id); }
+void RoutineInstance::OnStepsUpdated() {
+    stepsUpdatedEvent.Raise(id);
+}
 
-void RoutineInstance::OnDeleted() { deletedEvent.Raise(id); }
+void RoutineInstance::OnDeleted() {
+    deletedEvent.Raise(id);
+}
 
 // ---------------------------------------------------------------------------------------------------
 // RoutineInstanceHost: forwards to the instance
@@ -536,34 +545,52 @@ bool RoutineInstanceHost::GetParams(Ny::Properties::Structure& params,
     return instance->GetParams(params, std::move(onChanged));
 }
 
-void RoutineInstanceHost::SetResults(const Ny::Properties::Structure* results) { instance->SetResults(results); }
+void RoutineInstanceHost::SetResults(const Ny::Properties::Structure* results) {
+    instance->SetResults(results);
+}
 
-void RoutineInstanceHost::SetTotalSteps(unsigned int total) { instance->SetTotalSteps(total); }
+void RoutineInstanceHost::SetTotalSteps(unsigned int total) {
+    instance->SetTotalSteps(total);
+}
 
 void RoutineInstanceHost::SetCurrentStep(unsigned int step, const std::string& info) {
     instance->SetCurrentStep(step, info);
 }
 
-void RoutineInstanceHost::SetCurrentProgress(unsigned int progress) { instance->SetCurrentProgress(progress); }
+void RoutineInstanceHost::SetCurrentProgress(unsigned int progress) {
+    instance->SetCurrentProgress(progress);
+}
 
-void RoutineInstanceHost::SetHelpHtml(const std::string& html, int mode) { instance->SetHelpHtml(html, mode); }
+void RoutineInstanceHost::SetHelpHtml(const std::string& html, int mode) {
+    instance->SetHelpHtml(html, mode);
+}
 
-void RoutineInstanceHost::SetHelpUrl(const std::string& url) { instance->SetHelpUrl(url); }
+void RoutineInstanceHost::SetHelpUrl(const std::string& url) {
+    instance->SetHelpUrl(url);
+}
 
 bool RoutineInstanceHost::WaitForContinue(std::function<void(IRoutineHost&)> onContinue) {
     return instance->WaitForContinue(std::move(onContinue));
 }
 
-bool RoutineInstanceHost::IsAborted() { return instance->IsAborted(); }
+bool RoutineInstanceHost::IsAborted() {
+    return instance->IsAborted();
+}
 
-bool RoutineInstanceHost::IsFailed() { return instance->IsFailed(); }
+bool RoutineInstanceHost::IsFailed() {
+    return instance->IsFailed();
+}
 
-void RoutineInstanceHost::SetFailedState(std::string details) { instance->SetFailedState(details); }
+void RoutineInstanceHost::SetFailedState(std::string details) {
+    instance->SetFailedState(details);
+}
 
 void RoutineInstanceHost::SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) {
     instance->SetCompletionFx(std::move(fx));
 }
 
-void RoutineInstanceHost::ReadyForCompletion() { instance->ReadyForCompletion(); }
+void RoutineInstanceHost::ReadyForCompletion() {
+    instance->ReadyForCompletion();
+}
 
 }  // namespace NyRoutine::Internal

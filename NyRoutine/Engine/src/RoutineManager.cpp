@@ -27,7 +27,8 @@ RoutineManager::~RoutineManager() {
         try {
             core->FactoryRestoreEvent().Unsubscribe(factoryRestoreSubscription);
         } catch (const std::exception& e) {
-            NY_LOG(Ny::Logging::Level::CaughtFailure, "Exception during RoutineManager destruction (%s).", e.what());
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "Exception during RoutineManager destruction (%s).",
+                   e.what());
             Ny::Exception::LogException(e, 0);
             Ny::Exception::LogBackTrace(e);
         }
@@ -49,7 +50,9 @@ RoutineManager::~RoutineManager() {
     remaining.clear();
 }
 
-bool RoutineManager::SystemIsRunning() const { return core != nullptr && core->GetRunState() == NyCore::Core::Running; }
+bool RoutineManager::SystemIsRunning() const {
+    return core != nullptr && core->GetRunState() == NyCore::Core::Running;
+}
 
 std::string RoutineManager::RefusalLocked(const std::string&, bool& limit) const {
     limit = false;
@@ -179,7 +182,9 @@ std::vector<std::string> RoutineManager::ListIds() const {
     return ids;
 }
 
-RoutineInstance& RoutineManager::GetInstance(const std::string& id) { return *AcquireInstance(id); }
+RoutineInstance& RoutineManager::GetInstance(const std::string& id) {
+    return *AcquireInstance(id);
+}
 
 std::shared_ptr<RoutineInstance> RoutineManager::AcquireInstance(const std::string& id) {
     std::shared_ptr<RoutineEntry> entry;

@@ -12,7 +12,8 @@ namespace {
 constexpr const char* RoutinePluginType = "NyRoutine.RoutinePlugin";
 }
 
-RoutineModule::RoutineModule(NyRest::ResourceRouter& router, NyPlugin::PluginManager& pluginsIn, NyCore::Core* core)
+RoutineModule::RoutineModule(NyRest::ResourceRouter& router, NyPlugin::PluginManager& pluginsIn,
+                             NyCore::Core* core)
     : plugins(pluginsIn),
       manager(registry, core, 1),
       routinesFront(router, manager),
@@ -20,15 +21,19 @@ RoutineModule::RoutineModule(NyRest::ResourceRouter& router, NyPlugin::PluginMan
     AttachPlugins();
 }
 
-RoutineModule::~RoutineModule() { DetachPlugins(); }
+RoutineModule::~RoutineModule() {
+    DetachPlugins();
+}
 
 void RoutineModule::AttachPlugins() {
     NY_LOG(Ny::Logging::Level::Progress, "RoutineModule loading plugins...");
     for (size_t index = 0; index < plugins.Count(); ++index) {
         ProcessPluginLoad(plugins.At(index), NyPlugin::PluginEvent::Loaded);
     }
-    loadSubscription = plugins.LoadEvent().Subscribe(
-        [this](const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event) { ProcessPluginLoad(lib, event); });
+    loadSubscription =
+        plugins.LoadEvent().Subscribe([this](const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event) {
+            ProcessPluginLoad(lib, event);
+        });
     loadSubscribed = true;
 }
 
@@ -48,8 +53,8 @@ void RoutineModule::ProcessPluginLoad(const NyPlugin::PluginLib& lib, NyPlugin::
                 try {
                     registry.Add(info);
                 } catch (const std::exception& e) {
-                    NY_LOG(Ny::Logging::Level::CaughtFailure, "Failed to load routine \"%s\" (%s)", info.TypeName(),
-                           e.what());
+                    NY_LOG(Ny::Logging::Level::CaughtFailure, "Failed to load routine \"%s\" (%s)",
+                           info.TypeName(), e.what());
                     Ny::Exception::LogException(e, 0);
                     Ny::Exception::LogBackTrace(e);
                 }

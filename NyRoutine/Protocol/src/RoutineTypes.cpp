@@ -20,7 +20,9 @@ RoutineTypeProperties::RoutineTypeProperties() {
 
 RoutineTypeProperties::~RoutineTypeProperties() = default;
 
-RoutineTypeArray::RoutineTypeArray() : Ny::Properties::Structure(true) { Register("routineTypes", routineTypes); }
+RoutineTypeArray::RoutineTypeArray() : Ny::Properties::Structure(true) {
+    Register("routineTypes", routineTypes);
+}
 
 RoutineTypeArray::~RoutineTypeArray() = default;
 
@@ -54,6 +56,8 @@ RoutineTypes::RoutineTypes(NyRest::ResourceRouter& routerIn, RoutineRegistry& re
     router.Register("/routineTypes", *resource);
 }
 
-RoutineTypes::~RoutineTypes() { router.Deregister("/routineTypes", true); }
+RoutineTypes::~RoutineTypes() {
+    router.Deregister("/routineTypes", true);
+}
 
 }  // namespace NyRoutine::Internal

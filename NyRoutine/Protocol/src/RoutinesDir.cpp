@@ -7,7 +7,8 @@ namespace NyRoutine::Internal {
 
 // Created together, destroyed together in reverse order: abort, continue, then the root.
 struct RoutinesDir::Resources {
-    explicit Resources(NyCommon::IRoutineController& manager) : root(manager), continueCmd(manager), abortCmd(manager) {}
+    explicit Resources(NyCommon::IRoutineController& manager)
+        : root(manager), continueCmd(manager), abortCmd(manager) {}
     RoutinesRoot root;
     ContinueCmd continueCmd;
     AbortCmd abortCmd;

@@ -94,7 +94,8 @@ RoutinesRoot::Document RoutinesRoot::BuildRoutineDocument(const std::string& id,
     return built;
 }
 
-nlohmann::json RoutinesRoot::BuildCollectionDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo& response) {
+nlohmann::json RoutinesRoot::BuildCollectionDocument(const NyRest::RequestInfo&,
+                                                     NyRest::ResponseInfo& response) {
     for (const std::string& id : manager.ListIds()) {
         response.Embed("item", "/routines/" + id, true, nlohmann::json());
     }
@@ -110,13 +111,15 @@ void RoutinesRoot::AppendParams(RoutineInstance& instance, nlohmann::json& docum
             const Ny::Properties::Structure& shown = params != nullptr ? *params : empty;
             document["parameters"] = Ny::Properties::JsonSerializer::Serialize(shown);
             if (schema != nullptr) {
-                (*schema)["properties"]["parameters"] = Ny::Properties::JsonSerializer::SerializeSchema(shown);
+                (*schema)["properties"]["parameters"] =
+                    Ny::Properties::JsonSerializer::SerializeSchema(shown);
             }
         },
         [&] { instance.UnlockParams(); });
 }
 
-void RoutinesRoot::AppendResults(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema) {
+void RoutinesRoot::AppendResults(RoutineInstance& instance, nlohmann::json& document,
+                                 nlohmann::json* schema) {
     const Ny::Properties::Structure* results = instance.LockResults();
     WithLockHeld(
         "NyRoutine::Internal::RoutinesRoot::AppendResults", "Append routine results failed.", __LINE__,
@@ -140,7 +143,8 @@ void RoutinesRoot::UpdateDocument(const NyRest::RequestInfo& request, const nloh
     SetRoutineParams(*id, *instance, body);
 }
 
-void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instance, const nlohmann::json& body) {
+void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instance,
+                                    const nlohmann::json& body) {
     if (!body.is_object() || !body.contains("parameters")) {
         return;
     }
@@ -187,8 +191,8 @@ void RoutinesRoot::OnRoutineCreated(const std::string& id) {
     const auto instance = manager.AcquireInstance(id);
     Subscription subscription;
     subscription.instance = instance;
-    subscription.updated =
-        instance->UpdatedEvent().Subscribe([this](const std::string& routineId) { OnRoutineUpdated(routineId); });
+    subscription.updated = instance->UpdatedEvent().Subscribe(
+        [this](const std::string& routineId) { OnRoutineUpdated(routineId); });
     subscription.stepsUpdated = instance->StepsUpdatedEvent().Subscribe(
         [this](const std::string& routineId) { OnRoutineStepsUpdated(routineId); });
     {

@@ -31,7 +31,9 @@ std::unique_ptr<Ny::Params::Group> RoutineInfo::CreationParams() const {
     return creationParamsFactory ? creationParamsFactory() : nullptr;
 }
 
-const Ny::Params::Group& RoutineInfo::CreationParamsReadOnly() const { return *creationParams; }
+const Ny::Params::Group& RoutineInfo::CreationParamsReadOnly() const {
+    return *creationParams;
+}
 
 RoutineInfo& RoutineInfo::SetTypeName(const char* name) {
     typeName = name;
@@ -59,7 +61,8 @@ RoutineInfo& RoutineInfo::SetSkipStartParams(bool skip) {
 }
 
 RoutineInfo& RoutineInfo::SetCreationParamsFactory(CreationParamsFx fx) {
-    NY_LOG(Ny::Logging::Level::Progress, "Setting creation params factory for routine type %s.", typeName.c_str());
+    NY_LOG(Ny::Logging::Level::Progress, "Setting creation params factory for routine type %s.",
+           typeName.c_str());
     creationParamsFactory = fx;
     // Other copies of the record keep the group they had.
     creationParams = std::shared_ptr<Ny::Params::Group>(fx());

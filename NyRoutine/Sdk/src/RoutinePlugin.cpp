@@ -16,13 +16,21 @@ std::shared_ptr<RoutinePlugin> RoutinePlugin::Create() {
     return std::make_shared<make_shared_enabler>();
 }
 
-const char* RoutinePlugin::Type() const { return PluginType; }
+const char* RoutinePlugin::Type() const {
+    return PluginType;
+}
 
-const void* RoutinePlugin::GetObject() const { return this; }
+const void* RoutinePlugin::GetObject() const {
+    return this;
+}
 
-size_t RoutinePlugin::RoutineInfoCount() const { return routineInfos.size(); }
+size_t RoutinePlugin::RoutineInfoCount() const {
+    return routineInfos.size();
+}
 
-const RoutineInfo& RoutinePlugin::RoutineInfoAt(size_t index) const { return routineInfos.at(index); }
+const RoutineInfo& RoutinePlugin::RoutineInfoAt(size_t index) const {
+    return routineInfos.at(index);
+}
 
 RoutinePlugin& RoutinePlugin::AddRoutineInfo(const RoutineInfo& info) {
     routineInfos.push_back(info);

@@ -21,7 +21,7 @@ class RoutineInstance;
 namespace NyCommon {
 
 class IRoutineController {
-public:
+  public:
     virtual ~IRoutineController() = default;
 
     // Creates and starts a routine of `typeName`; returns its id. Waits inside the start for the

@@ -13,7 +13,7 @@
 namespace NyCommon {
 
 class IRoutineInstance {
-public:
+  public:
     virtual ~IRoutineInstance() = default;
 
     // Starts the routine. Unless its type skips start parameters, returns only after the first

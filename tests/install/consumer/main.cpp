@@ -13,6 +13,7 @@ int main() {
     NyRoutine::RoutineModule module(router, plugins, &core);
     const NyRest::Response types = router.Dispatch("GET", "/routineTypes", nullptr);
     const NyRest::Response missing = router.Dispatch("POST", "/routines", {{"type", "Nothing"}});
-    std::printf("%d %s / %d %s\n", types.status, types.body.dump().c_str(), missing.status, missing.body.dump().c_str());
+    std::printf("%d %s / %d %s\n", types.status, types.body.dump().c_str(), missing.status,
+                missing.body.dump().c_str());
     return types.status == 200 && types.body["routineTypes"].empty() && missing.status == 404 ? 0 : 1;
 }

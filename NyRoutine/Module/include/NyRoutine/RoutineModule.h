@@ -22,7 +22,7 @@
 namespace NyRoutine {
 
 class RoutineModule {
-public:
+  public:
     // Builds everything and takes in the plug-ins already loaded. Throws what a part's construction
     // throws; the parts already built are destroyed again.
     RoutineModule(NyRest::ResourceRouter& router, NyPlugin::PluginManager& plugins, NyCore::Core* core);
@@ -33,7 +33,7 @@ public:
     // The module's routine manager, for the host (for example to clear all routines at shut-down).
     Internal::RoutineManager& RoutineManager() { return manager; }
 
-private:
+  private:
     void AttachPlugins();
     void DetachPlugins();
     void ProcessPluginLoad(const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event);

@@ -25,7 +25,7 @@ namespace NyRoutine {
 class IRoutineHost;
 
 class IRoutine {
-public:
+  public:
     virtual ~IRoutine() = default;
     virtual void SetCreateParams(std::shared_ptr<Ny::Params::Group> params) = 0;
     virtual void Run(IRoutineHost& host) = 0;

@@ -11,7 +11,7 @@
 namespace NyRoutine {
 
 class IRoutineFactory {
-public:
+  public:
     virtual ~IRoutineFactory() = default;
     // A new routine object for one routine. Returning null refuses the creation.
     virtual std::shared_ptr<IRoutine> CreateRoutine() = 0;

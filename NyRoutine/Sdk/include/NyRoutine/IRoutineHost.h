@@ -27,7 +27,7 @@ class Core;
 namespace NyRoutine {
 
 class IRoutineHost {
-public:
+  public:
     virtual ~IRoutineHost() = default;
 
     // Publishes `params` (owned by the routine; it must outlive its publication) and opens them for

@@ -25,7 +25,7 @@ class Group;
 namespace NyRoutine {
 
 class RoutineInfo {
-public:
+  public:
     using CreationParamsFx = std::function<std::unique_ptr<Ny::Params::Group>()>;
 
     // An empty record: no factory, no creation parameter group; only ever assigned to.
@@ -57,7 +57,7 @@ public:
     // none). An empty `fx` throws std::bad_function_call after being stored.
     RoutineInfo& SetCreationParamsFactory(CreationParamsFx fx);
 
-private:
+  private:
     std::string typeName;
     std::string displayName;
     std::string description;

@@ -15,7 +15,7 @@
 namespace NyRoutine {
 
 class RoutinePlugin : public NyPlugin::IPlugin {
-public:
+  public:
     static constexpr const char* PluginType = "NyRoutine.RoutinePlugin";
 
     RoutinePlugin(const RoutinePlugin& other);
@@ -36,7 +36,7 @@ public:
     // Keeps `object` alive as long as the plug-in lives (for example the factories its records use).
     RoutinePlugin& AddOwnedObject(std::shared_ptr<void> object);
 
-protected:
+  protected:
     RoutinePlugin();
     ~RoutinePlugin() override;
 

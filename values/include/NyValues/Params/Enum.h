@@ -14,7 +14,7 @@ namespace Ny::Params {
 
 template <typename T>
 class Enum : public Value<T> {
-public:
+  public:
     Enum() {
         this->RegisterSchema("enum", options);
         this->RegisterSchema("enumText", optionTexts);
@@ -45,9 +45,10 @@ public:
         if (std::find(allowed.begin(), allowed.end(), incoming) != allowed.end()) {
             return;
         }
-        Internal::RefuseValue(std::string("Ny::Params::Enum<") + Internal::ParamTypeName<T>::Text + ">::CheckValidation",
-                              this->Name(), "%1$s was set to a value outside of the enum.",
-                              "%s was set to a value outside of the enum.");
+        Internal::RefuseValue(
+            std::string("Ny::Params::Enum<") + Internal::ParamTypeName<T>::Text + ">::CheckValidation",
+            this->Name(), "%1$s was set to a value outside of the enum.",
+            "%s was set to a value outside of the enum.");
     }
 
     // `other` must be an Enum<T> (else std::bad_cast).

@@ -16,7 +16,7 @@
 namespace Ny::Params {
 
 class StructBase : public Properties::Structure, public ParamsBase {
-public:
+  public:
     explicit StructBase(const std::string& name) : Properties::Structure(true) {
         if (!name.empty()) {
             RegisterSchema("extendedType", extendedType);
@@ -65,7 +65,7 @@ public:
 };
 
 class Group : public StructBase {
-public:
+  public:
     Group() : StructBase(std::string()) {}
     ~Group() override = default;
     void CopyValues(const Properties::Node& other) override { StructBase::CopyValues(other); }

@@ -11,7 +11,7 @@
 namespace Ny::Params {
 
 class ParamsBase {
-public:
+  public:
     ParamsBase() : readOnly(false), used(true) {}
 
     // The parameter's name in messages: its title, or "<unnamed>".
@@ -33,12 +33,13 @@ public:
     bool readOnlyShown = false;
     bool usedShown = false;
 
-protected:
+  protected:
     void CheckReadOnly() {
         if (readOnlyShown && readOnly.Get()) {
             readOnlyRejected = true;
-            Logging::Ny_Debug_Log(__LINE__, __FILE__, Logging::Level::Notice, "Ny::Params::ParamsBase::CheckValidation",
-                                  "%s is read-only.", Name().c_str());
+            Logging::Ny_Debug_Log(__LINE__, __FILE__, Logging::Level::Notice,
+                                  "Ny::Params::ParamsBase::CheckValidation", "%s is read-only.",
+                                  Name().c_str());
             return;
         }
         readOnlyRejected = false;

@@ -52,7 +52,8 @@ struct ParamTypeName<NyCommon::RoutineState> {
 // Logs the "%1$s" form and throws the "%s" form of a validation message with the parameter's name.
 [[noreturn]] inline void RefuseValue(const std::string& context, const std::string& name, const char* logged,
                                      const char* thrown) {
-    Logging::Ny_Debug_Log(__LINE__, __FILE__, Logging::Level::Validation, "Params validation", logged, name.c_str());
+    Logging::Ny_Debug_Log(__LINE__, __FILE__, Logging::Level::Validation, "Params validation", logged,
+                          name.c_str());
     throw Ny::Exception(__LINE__, __FILE__, -997, context.c_str(), thrown, name.c_str());
 }
 
@@ -62,7 +63,7 @@ template <typename T>
 class Value : public Properties::Value<T>, public ParamsBase {
     using Base = Properties::Value<T>;
 
-public:
+  public:
     Value() : Value(T()) {}
     explicit Value(const T& initial) : Base(initial) {
         this->RegisterSchema("title", title);
@@ -116,7 +117,8 @@ public:
             Refuse("%1$s was set to be less than its minimum.", "%s was set to be less than its minimum.");
         }
         if (hasMaximum && incoming > maximum.Get()) {
-            Refuse("%1$s was set to be greater than its maximum.", "%s was set to be greater than its maximum.");
+            Refuse("%1$s was set to be greater than its maximum.",
+                   "%s was set to be greater than its maximum.");
         }
         if (hasExclusiveMinimum && incoming <= exclusiveMinimum.Get()) {
             Refuse("%1$s was set to be less than or equal to its exclusive minimum.",
@@ -186,12 +188,12 @@ public:
     bool hasExclusiveMinimum = false;
     bool hasExclusiveMaximum = false;
 
-protected:
+  protected:
     static std::string Context(const char* operation) {
         return std::string("Ny::Params::Value<") + Internal::ParamTypeName<T>::Text + ">::" + operation;
     }
 
-private:
+  private:
     [[noreturn]] void Refuse(const char* logged, const char* thrown) const {
         Internal::RefuseValue(Context("CheckValidation"), Name(), logged, thrown);
     }

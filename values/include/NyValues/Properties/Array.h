@@ -13,7 +13,7 @@ namespace Ny::Properties {
 
 template <typename T>
 class Array : public Internal::ArrayBase {
-public:
+  public:
     Array() : factory([] { return std::make_unique<T>(); }) { RegisterSchema("items", itemSchemas); }
     ~Array() override = default;
 

@@ -23,7 +23,7 @@ namespace Internal {
 
 template <typename T>
 class ValueWrapper {
-public:
+  public:
     ValueWrapper() : value() {}
     explicit ValueWrapper(const T& initial) : value(initial) {}
     ValueWrapper(const ValueWrapper&) = delete;
@@ -44,13 +44,13 @@ public:
     virtual bool operator==(const ValueWrapper& other) const { return Get() == static_cast<const T&>(other); }
     virtual bool operator==(const T& other) const { return Get() == other; }
 
-protected:
+  protected:
     T value;
 };
 
 // A schema leaf: writes its type name; never read (status -996) and always write-only.
 class NodeType : public ValueBase {
-public:
+  public:
     explicit NodeType(const char* nameIn = "") : name(nameIn) { Node::SetWriteOnly(true); }
     ~NodeType() override = default;
 
@@ -83,7 +83,7 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     using Traits = Internal::ValueTraits<T>;
     using Wrapper = Internal::ValueWrapper<T>;
 
-public:
+  public:
     Value() : Value(T()) {}
     explicit Value(const T& initial) : Wrapper(initial), type(Traits::TypeName) {
         RegisterSchema("type", type);
@@ -123,7 +123,7 @@ public:
     // Refuses an incoming value by throwing; nothing to check for a plain value.
     virtual void CheckValidation(const T& incoming) { static_cast<void>(incoming); }
 
-protected:
+  protected:
     // The notifying store: no-op for an equal value, else handlers first (they see the old value).
     void Store(const T& incoming) {
         if (incoming == this->Stored()) {
@@ -135,7 +135,7 @@ protected:
         }
     }
 
-private:
+  private:
     std::unique_ptr<Node> itemSchema;  // array values only: {"type": <item type>}
     Internal::NodeType type;
     Internal::NodeType itemType;

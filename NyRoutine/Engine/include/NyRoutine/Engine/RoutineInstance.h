@@ -50,7 +50,7 @@ class RoutineInstance;
 
 // The IRoutineHost handed to routine code: forwards every call to its instance.
 class RoutineInstanceHost : public IRoutineHost {
-public:
+  public:
     RoutineInstanceHost(RoutineInstance* instance, NyCore::Core* core) : instance(instance), core(core) {}
 
     bool GetParams(Ny::Properties::Structure& params,
@@ -69,17 +69,18 @@ public:
     void ReadyForCompletion() override;
     NyCore::Core* Core() override { return core; }
 
-private:
+  private:
     RoutineInstance* instance;
     NyCore::Core* core;
 };
 
 class RoutineInstance : public NyCommon::IRoutineInstance {
-public:
+  public:
     using RoutineState = NyCommon::RoutineState;
 
     // Throws Ny::Exception with the runtime's status when the lock or the thread object cannot be made.
-    RoutineInstance(std::shared_ptr<IRoutine> routine, NyCore::Core* core, std::string id, const RoutineInfo* typeInfo);
+    RoutineInstance(std::shared_ptr<IRoutine> routine, NyCore::Core* core, std::string id,
+                    const RoutineInfo* typeInfo);
     // Ends the routine if it is still active, waits for its jobs, raises DeletedEvent once and frees the
     // results. Never throws.
     ~RoutineInstance() override;
@@ -135,7 +136,7 @@ public:
     // the routine is removed or cleared; Abort calls it too. Thread-safe, idempotent.
     void ReleaseStartWaiter();
 
-private:
+  private:
     friend class RoutineInstanceHost;
 
     bool GetParams(Ny::Properties::Structure& params, std::function<void(Ny::Properties::Structure&)> fx);
@@ -163,35 +164,35 @@ private:
     std::shared_ptr<IRoutine> routine;
     const RoutineInfo* typeInfo;
     std::unique_ptr<Ny::AsyncRunner> runner;
-    std::function<void(Ny::Properties::Structure&)> paramsFx;      // guarded by lock
-    std::function<void(IRoutineHost&)> continueFx;                 // guarded by callbackMutex
-    std::function<void(IRoutineHost&, bool)> completionFx;         // guarded by callbackMutex
-    Ny::Object<NyRt::Thread> waitThread;                           // guarded by waitThreadMutex
+    std::function<void(Ny::Properties::Structure&)> paramsFx;  // guarded by lock
+    std::function<void(IRoutineHost&)> continueFx;             // guarded by callbackMutex
+    std::function<void(IRoutineHost&, bool)> completionFx;     // guarded by callbackMutex
+    Ny::Object<NyRt::Thread> waitThread;                       // guarded by waitThreadMutex
     const std::string id;
-    Ny::Properties::Structure* params = nullptr;                   // guarded by lock
-    std::atomic<bool> paramsLocked{false};     // written under lock; read before entering it (log hint)
-    bool paramsWriting = false;                // guarded by lock
-    bool paramsEditable = false;               // guarded by lock
+    Ny::Properties::Structure* params = nullptr;  // guarded by lock
+    std::atomic<bool> paramsLocked{false};        // written under lock; read before entering it (log hint)
+    bool paramsWriting = false;                   // guarded by lock
+    bool paramsEditable = false;                  // guarded by lock
     std::atomic<bool> startParamsReceived{false};
     std::atomic<bool> runFinished{false};
     std::atomic<bool> readyForCompletion{false};
     std::atomic<bool> completionDone{false};
-    const Ny::Properties::Structure* results = nullptr;            // guarded by lock
-    std::atomic<bool> resultsLocked{false};    // written under lock; read before entering it (log hint)
+    const Ny::Properties::Structure* results = nullptr;  // guarded by lock
+    std::atomic<bool> resultsLocked{false};  // written under lock; read before entering it (log hint)
     std::atomic<RoutineState> state{RoutineState::Ready};  // changed under lock, read anywhere
-    std::string stateDetails;                  // guarded by fieldsMutex
-    std::string helpHtml;                      // guarded by fieldsMutex
-    std::string helpUrl;                       // guarded by fieldsMutex
-    std::atomic<bool> aborted{false};          // set under lock, read anywhere
+    std::string stateDetails;                              // guarded by fieldsMutex
+    std::string helpHtml;                                  // guarded by fieldsMutex
+    std::string helpUrl;                                   // guarded by fieldsMutex
+    std::atomic<bool> aborted{false};                      // set under lock, read anywhere
     std::atomic<bool> deleting{false};
     std::atomic<std::uint32_t> totalSteps{0};
     std::atomic<std::uint32_t> currentStep{0};
-    std::string currentStepInfo;               // guarded by fieldsMutex
+    std::string currentStepInfo;  // guarded by fieldsMutex
     std::atomic<std::uint32_t> currentProgress{0};
     Ny::Object<NyRt::Semaphore> startSemaphore;       // guarded by startMutex
     Ny::Object<NyRt::Semaphore> completionSemaphore;  // guarded by startMutex
     Ny::Object<NyRt::Lock> lock;
-    std::atomic<std::int32_t> ended{0};        // 0 -> 1 once, by EndRoutine
+    std::atomic<std::int32_t> ended{0};  // 0 -> 1 once, by EndRoutine
     Ny::Event<std::string> updatedEvent;
     Ny::Event<std::string> stepsUpdatedEvent;
     Ny::Event<std::string> deletedEvent;
@@ -200,7 +201,7 @@ private:
     mutable std::mutex callbackMutex;
     std::mutex startMutex;
     std::mutex waitThreadMutex;
-    bool startReleased = false;                // guarded by startMutex: no caller may wait in Start any more
+    bool startReleased = false;  // guarded by startMutex: no caller may wait in Start any more
 };
 
 }  // namespace NyRoutine::Internal

@@ -26,7 +26,7 @@
 namespace NyRoutine::Internal {
 
 class RoutineManager : public NyCommon::IRoutineController {
-public:
+  public:
     // `maxRunning` 0 means no limit. With a core, follows its factory-restore event.
     RoutineManager(RoutineRegistry& registry, NyCore::Core* core, size_t maxRunning);
     // Destroys every routine without aborting it first; waits for creations still in progress (it lets
@@ -54,14 +54,16 @@ public:
     // Throws -1000 (with a log line) when a routine of the type cannot be created now.
     void CheckCanCreate(const std::string& typeName);
 
-private:
+  private:
     struct RoutineEntry {
-        RoutineEntry(std::shared_ptr<const RoutineInfo> typeIn, std::shared_ptr<IRoutine> routineIn, NyCore::Core* core,
-                     const std::string& id)
-            : type(std::move(typeIn)), routine(std::move(routineIn)), instance(routine, core, id, type.get()) {}
+        RoutineEntry(std::shared_ptr<const RoutineInfo> typeIn, std::shared_ptr<IRoutine> routineIn,
+                     NyCore::Core* core, const std::string& id)
+            : type(std::move(typeIn)),
+              routine(std::move(routineIn)),
+              instance(routine, core, id, type.get()) {}
         std::shared_ptr<const RoutineInfo> type;  // keeps the record alive after its plug-in is unloaded
         std::shared_ptr<IRoutine> routine;
-        RoutineInstance instance;                 // destroyed first, then the routine reference
+        RoutineInstance instance;  // destroyed first, then the routine reference
     };
 
     std::string CreateId(const std::string& typeName);

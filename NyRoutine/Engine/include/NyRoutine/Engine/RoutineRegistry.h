@@ -16,7 +16,7 @@
 namespace NyRoutine::Internal {
 
 class RoutineRegistry {
-public:
+  public:
     RoutineRegistry();
     RoutineRegistry(const RoutineRegistry& other);
     RoutineRegistry& operator=(const RoutineRegistry& other);
@@ -37,7 +37,7 @@ public:
     std::shared_ptr<const RoutineInfo> FindShared(const std::string& typeName) const;
     std::vector<std::shared_ptr<const RoutineInfo>> ListShared() const;
 
-private:
+  private:
     mutable std::shared_mutex mutex;  // guards entries; taken alone, never while calling out
     std::map<std::string, std::shared_ptr<const RoutineInfo>> entries;
 };

@@ -17,26 +17,26 @@ namespace NyRoutine::Internal {
 class RoutineInstance;
 
 class RoutineCommandBase : public NyRest::CommandResourceBase {
-public:
+  public:
     explicit RoutineCommandBase(NyCommon::IRoutineController& manager);
 
-protected:
+  protected:
     // The routine that the path parameter "routine" names, kept alive while the caller holds it (a
     // delete may run beside the command). Throws -999 without the parameter or for an unknown id.
     std::shared_ptr<RoutineInstance> GetInstance(const NyRest::RequestInfo& request);
 
-private:
+  private:
     NyCommon::IRoutineController& manager;
 };
 
 class ContinueCmd : public RoutineCommandBase {
-public:
+  public:
     using RoutineCommandBase::RoutineCommandBase;
     nlohmann::json Call(const NyRest::RequestInfo& request, const nlohmann::json& arguments) override;
 };
 
 class AbortCmd : public RoutineCommandBase {
-public:
+  public:
     using RoutineCommandBase::RoutineCommandBase;
     nlohmann::json Call(const NyRest::RequestInfo& request, const nlohmann::json& arguments) override;
 };

@@ -40,25 +40,25 @@ struct RoutineTypeArray : Ny::Properties::Structure {
 };
 
 class RoutineTypesResource : public NyRest::DocumentResourceBase {
-public:
+  public:
     explicit RoutineTypesResource(RoutineRegistry& registry);
 
     // {"routineTypes": [one entry per type, in type-name order]}, with "_schema" when asked; the schema's
     // "items" always describes one routine type. Throws nothing of its own.
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
 
-private:
+  private:
     RoutineRegistry& registry;
 };
 
 class RoutineTypes {
-public:
+  public:
     RoutineTypes(NyRest::ResourceRouter& router, RoutineRegistry& registry);
     ~RoutineTypes();
     RoutineTypes(const RoutineTypes&) = delete;
     RoutineTypes& operator=(const RoutineTypes&) = delete;
 
-private:
+  private:
     NyRest::ResourceRouter& router;
     std::unique_ptr<RoutineTypesResource> resource;
 };

@@ -14,13 +14,13 @@
 namespace NyRoutine::Internal {
 
 class RoutinesDir {
-public:
+  public:
     RoutinesDir(NyRest::ResourceRouter& router, RoutineManager& manager);
     ~RoutinesDir();
     RoutinesDir(const RoutinesDir&) = delete;
     RoutinesDir& operator=(const RoutinesDir&) = delete;
 
-private:
+  private:
     struct Resources;
 
     NyRest::ResourceRouter& router;

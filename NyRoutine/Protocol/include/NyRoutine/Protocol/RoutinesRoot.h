@@ -31,7 +31,7 @@ namespace NyRoutine::Internal {
 class RoutineInstance;
 
 class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParentResource {
-public:
+  public:
     static constexpr std::uint64_t FlushPeriodUs = 500000;
 
     explicit RoutinesRoot(NyCommon::IRoutineController& manager);
@@ -56,7 +56,7 @@ public:
     // unknown one.
     void Delete(const NyRest::RequestInfo& request) override;
 
-private:
+  private:
     struct Document {
         nlohmann::json document;
         nlohmann::json schema;
@@ -71,7 +71,8 @@ private:
     };
 
     Document BuildRoutineDocument(const std::string& id, RoutineInstance& instance, bool withSchema);
-    nlohmann::json BuildCollectionDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response);
+    nlohmann::json BuildCollectionDocument(const NyRest::RequestInfo& request,
+                                           NyRest::ResponseInfo& response);
     void AppendParams(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
     void AppendResults(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
     void SetRoutineParams(const std::string& id, RoutineInstance& instance, const nlohmann::json& body);
