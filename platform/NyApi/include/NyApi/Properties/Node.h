@@ -77,7 +77,8 @@ class Node {
     // The schema children as a structure (built on first use). Never null.
     Structure* Schema() const;
     std::span<const SchemaEntry> SchemaEntries() const {
-        return schemaCount == 1 ? std::span<const SchemaEntry>(&singleEntry, 1) : std::span<const SchemaEntry>(schemaEntries);
+        return schemaCount == 1 ? std::span<const SchemaEntry>(&singleEntry, 1)
+                                : std::span<const SchemaEntry>(schemaEntries);
     }
 
   protected:
@@ -89,7 +90,8 @@ class Node {
   private:
     std::vector<ChangeHandler> handlers;
     std::span<SchemaEntry> MutableSchemaEntries() {
-        return schemaCount == 1 ? std::span<SchemaEntry>(&singleEntry, 1) : std::span<SchemaEntry>(schemaEntries);
+        return schemaCount == 1 ? std::span<SchemaEntry>(&singleEntry, 1)
+                                : std::span<SchemaEntry>(schemaEntries);
     }
 
     // Most nodes have one schema entry (a value's "type"): it is kept in place, so that building a
