@@ -37,10 +37,19 @@ const std::string* HttpRequest::Header(std::string_view name) const {
     return nullptr;
 }
 
+HttpResponse JsonErrorReply(int status, const std::string& message) {
+    HttpResponse response;
+    response.status = status;
+    response.headers.emplace_back("Content-Type", "application/json");
+    response.body =
+        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
+    return response;
+}
+
 namespace {
 
 std::string ErrorJson(const std::string& message) {
-    return nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
+    return JsonErrorReply(500, message).body;
 }
 
 // A bounded pool of threads that runs request handlers. Submit never blocks.

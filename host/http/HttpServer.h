@@ -48,6 +48,10 @@ struct HttpResponse {
     std::string body;
 };
 
+// The host's own error replies (transport, static files, refusals) in the same JSON shape as the
+// router's: {"status": 0, "message": <text>, "causes": []}.
+HttpResponse JsonErrorReply(int status, const std::string& message);
+
 struct HttpServerOptions {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080;  // 0 picks a free port

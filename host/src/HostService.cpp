@@ -23,15 +23,6 @@ const char* EventWord(NyRest::EventType type) {
     return "updated";
 }
 
-HttpResponse JsonReply(int status, const std::string& message) {
-    HttpResponse response;
-    response.status = status;
-    response.headers.emplace_back("Content-Type", "application/json");
-    response.body =
-        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
-    return response;
-}
-
 // Takes time that depends only on the expected text's length, so a caller cannot find the token byte by byte.
 bool ConstantTimeEquals(const std::string& given, const std::string& expected) {
     unsigned char difference = given.size() == expected.size() ? 0 : 1;
@@ -102,7 +93,7 @@ std::optional<HttpResponse> HostService::Filter(const HttpRequest& request) cons
         const std::string* authorization = request.Header("Authorization");
         const std::string expected = "Bearer " + options.token;
         if (authorization == nullptr || !ConstantTimeEquals(*authorization, expected)) {
-            HttpResponse refusal = JsonReply(401, "A valid bearer token is required.");
+            HttpResponse refusal = JsonErrorReply(401, "A valid bearer token is required.");
             refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
             return refusal;
         }
@@ -117,7 +108,7 @@ std::optional<HttpResponse> HostService::Filter(const HttpRequest& request) cons
             allowed = allowed || *origin == allowedOrigin;
         }
         if (!allowed) {
-            return JsonReply(403, "Cross-origin requests are not allowed from " + *origin + ".");
+            return JsonErrorReply(403, "Cross-origin requests are not allowed from " + *origin + ".");
         }
     }
     return std::nullopt;
@@ -134,7 +125,7 @@ HttpResponse HostService::Handle(const HttpRequest& request) {
         ~Done() { --count; }
     } done{requestsInProgress};
     if (stopping.load()) {
-        return JsonReply(503, "The service is shutting down.");
+        return JsonErrorReply(503, "The service is shutting down.");
     }
     const NyRest::Response reply = router.DispatchRaw(request.method, request.target, request.body);
     HttpResponse response;

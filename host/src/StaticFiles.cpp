@@ -5,8 +5,6 @@
 #include <sstream>
 #include <system_error>
 
-#include <nlohmann/json.hpp>
-
 namespace NyHost {
 
 namespace {
@@ -28,15 +26,6 @@ std::string ContentType(const std::filesystem::path& file) {
     if (ext == ".ico")
         return "image/x-icon";
     return "application/octet-stream";
-}
-
-HttpResponse JsonError(int status, const std::string& message) {
-    HttpResponse response;
-    response.status = status;
-    response.headers.emplace_back("Content-Type", "application/json");
-    response.body =
-        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
-    return response;
 }
 
 }  // namespace
@@ -74,13 +63,13 @@ std::optional<std::filesystem::path> StaticFiles::Resolve(const std::string& pat
 
 HttpResponse StaticFiles::Serve(const std::string& method, const std::string& path) const {
     if (method != "GET" && method != "HEAD") {
-        HttpResponse response = JsonError(405, "Method not allowed.");
+        HttpResponse response = JsonErrorReply(405, "Method not allowed.");
         response.headers.emplace_back("Allow", "GET, HEAD");
         return response;
     }
     const auto file = Resolve(path);
     if (!file) {
-        return JsonError(404, "Not found.");
+        return JsonErrorReply(404, "Not found.");
     }
     std::ifstream in(*file, std::ios::binary);
     std::ostringstream content;

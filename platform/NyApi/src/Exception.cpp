@@ -4,23 +4,11 @@
 #include <cstdio>
 
 #include "NyApi/Logging.h"
+#include "NyRuntime/Runtime.h"
 
 namespace Ny {
 
 namespace {
-
-std::string FormatV(const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    const int length = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (length <= 0) {
-        return {};
-    }
-    std::string text(static_cast<size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, args);
-    return text;
-}
 
 // Calls `visit` for `e` and then for each exception nested inside it, outermost first.
 template <typename Visit>
@@ -43,7 +31,7 @@ Exception::Exception(int lineIn, const char* fileIn, int statusIn, const char* c
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
-        message = FormatV(format, args);
+        message = NyRt::FormatV(format, args);
         va_end(args);
     }
     text = message.empty() ? context + " failed with status " + std::to_string(status) : message;

@@ -49,14 +49,7 @@ void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const cha
     record.threadId = NyRt::CurrentThreadId();
     va_list args;
     va_start(args, format);
-    va_list copy;
-    va_copy(copy, args);
-    const int length = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (length > 0) {
-        record.text.assign(static_cast<size_t>(length), '\0');
-        std::vsnprintf(record.text.data(), record.text.size() + 1, format, args);
-    }
+    record.text = NyRt::FormatV(format, args);
     va_end(args);
     (*current)(record);
 }

@@ -137,12 +137,9 @@ std::vector<std::filesystem::path> PluginManager::LibraryFiles(const std::filesy
     return files;
 }
 
-std::vector<std::string> PluginManager::LoadDirectory(const std::filesystem::path& folder) {
-    std::vector<std::string> refused;
-    if (!std::filesystem::is_directory(folder)) {
-        refused.push_back("Plug-in folder " + folder.string() + " does not exist.");
-    }
-    for (const auto& file : LibraryFiles(folder)) {
+void PluginManager::LoadEach(const std::vector<std::filesystem::path>& files,
+                             std::vector<std::string>& refused) {
+    for (const auto& file : files) {
         try {
             Load(file);
         } catch (const std::exception& e) {
@@ -150,6 +147,14 @@ std::vector<std::string> PluginManager::LoadDirectory(const std::filesystem::pat
             refused.emplace_back(e.what());
         }
     }
+}
+
+std::vector<std::string> PluginManager::LoadDirectory(const std::filesystem::path& folder) {
+    std::vector<std::string> refused;
+    if (!std::filesystem::is_directory(folder)) {
+        refused.push_back("Plug-in folder " + folder.string() + " does not exist.");
+    }
+    LoadEach(LibraryFiles(folder), refused);
     return refused;
 }
 
@@ -162,22 +167,16 @@ std::vector<std::string> PluginManager::Rescan(const std::filesystem::path& fold
             Unload(lib->Path());
         }
     }
-    std::vector<std::string> refused;
+    std::vector<std::filesystem::path> added;
+    const auto loaded = Libraries();
     for (const auto& file : present) {
-        bool loaded = false;
-        for (const auto& lib : Libraries()) {
-            loaded = loaded || lib->Path() == file;
-        }
-        if (loaded) {
-            continue;
-        }
-        try {
-            Load(file);
-        } catch (const std::exception& e) {
-            NY_LOG(Ny::Logging::Level::CaughtFailure, "%s", e.what());
-            refused.emplace_back(e.what());
+        if (std::none_of(loaded.begin(), loaded.end(),
+                         [&](const auto& lib) { return lib->Path() == file; })) {
+            added.push_back(file);
         }
     }
+    std::vector<std::string> refused;
+    LoadEach(added, refused);
     return refused;
 }
 

@@ -246,6 +246,21 @@ std::shared_ptr<const std::function<void(std::string_view)>> logSink;  // guarde
 
 }  // namespace
 
+std::string FormatV(const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    if (length <= 0) {
+        return {};
+    }
+    std::string text(static_cast<size_t>(length), '\0');
+    va_copy(copy, args);
+    std::vsnprintf(text.data(), text.size() + 1, format, copy);
+    va_end(copy);
+    return text;
+}
+
 std::function<void(std::string_view)> SetLogSink(std::function<void(std::string_view)> sink) {
     auto next =
         sink ? std::make_shared<const std::function<void(std::string_view)>>(std::move(sink)) : nullptr;
@@ -265,14 +280,7 @@ void Log(const char* format, ...) {
     }
     va_list args;
     va_start(args, format);
-    va_list copy;
-    va_copy(copy, args);
-    const int length = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0) {
-        std::vsnprintf(text.data(), text.size() + 1, format, args);
-    }
+    const std::string text = FormatV(format, args);
     va_end(args);
     (*sink)(text);
 }

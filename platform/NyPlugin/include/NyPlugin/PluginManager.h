@@ -77,6 +77,8 @@ class PluginManager {
 
   private:
     static std::vector<std::filesystem::path> LibraryFiles(const std::filesystem::path& folder);
+    // Loads each file; a refusal is logged, collected and does not stop the others.
+    void LoadEach(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused);
 
     mutable std::mutex mutex;                           // guards libraries
     std::vector<std::shared_ptr<PluginLib>> libraries;  // guarded by mutex

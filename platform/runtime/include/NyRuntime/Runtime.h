@@ -6,8 +6,10 @@
 // object that another thread still uses. Durations are microseconds; `NyRt::NoTimeout` waits forever.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
 
 namespace NyRt {
@@ -54,6 +56,10 @@ Status ThreadJoin(Thread* thread, std::uint64_t timeoutUs = NoTimeout, Status* e
 // A small, stable number for the calling thread (the kernel's thread id).
 std::uint32_t CurrentThreadId();
 void Sleep(std::uint64_t microseconds);
+
+// The printf-style text of `format` and `args` (positional placeholders such as "%1$s" work). Does not
+// consume `args`.
+std::string FormatV(const char* format, va_list args);
 
 // printf-style log line. Lines go to the sink set with SetLogSink; without one they are dropped.
 void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
