@@ -1,2 +1,3 @@
+// `NyRest::DocumentResourceBase` lives in ResourceBase.h with the other resource base classes.
 #pragma once
 #include "NyRest/ResourceBase.h"
