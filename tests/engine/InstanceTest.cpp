@@ -362,3 +362,18 @@ TEST_F(InstanceTest, ResultsAreReplacedAndFreedAndTheSameResultsTwiceAreRefused)
 }
 
 }  // namespace
+
+namespace {
+
+// Another request may abort a routine between its creation and its start; deleting it later must
+// not wait for an end that happened before there was anything to wait on.
+TEST_F(InstanceTest, AbortBeforeStartStillLetsTheInstanceBeDestroyed) {
+    auto instance =
+        Make([](ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); });
+    instance->Abort();
+    EXPECT_THROW(instance->Start(), Ny::Exception);  // aborted: no longer Ready
+    auto destroyed = std::async(std::launch::async, [&] { instance.reset(); });
+    EXPECT_EQ(destroyed.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+}  // namespace

@@ -63,7 +63,9 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
                 path = items[random() % items.size()]["_links"]["self"]["href"];
             }
             NyTest::HttpReply reply;
-            switch (random() % 12) {
+            const auto choice = random() % 12;
+            const auto sent = std::chrono::steady_clock::now();
+            switch (choice) {
                 case 0:
                 case 1:
                     reply = host.Request("POST", "/routines",
@@ -101,6 +103,11 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
             ++requests;
             if (reply.status == 0) {
                 ++unanswered;
+                std::printf("unanswered: choice %u on %s after %lld ms\n", static_cast<unsigned>(choice),
+                            path.c_str(),
+                            static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                       std::chrono::steady_clock::now() - sent)
+                                                       .count()));
             } else if (reply.status >= 500) {
                 ++serverErrors;
             }
@@ -112,10 +119,14 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     for (unsigned i = 0; i < 8; ++i) {
         clients.emplace_back(client, 100 + i);
     }
-    // A creation waiting for its continue is released by the continues and deletions of the others;
-    // the final delete-all releases the last one.
+    // A creation waiting for its continue is released by the continues and deletions of the others.
+    // Once the others have stopped, nobody would continue the last one: clear until every client is done.
+    std::this_thread::sleep_until(deadline);
     for (auto& thread : clients) {
-        thread.join();
+        auto done = std::async(std::launch::async, [&thread] { thread.join(); });
+        while (done.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+            host.Request("DELETE", "/routines/*");
+        }
     }
     EXPECT_EQ(host.Request("DELETE", "/routines/*").status, 204);
     EXPECT_EQ(host.Request("GET", "/routines").body, "null");

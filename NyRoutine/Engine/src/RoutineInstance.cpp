@@ -40,6 +40,11 @@ void RoutineInstance::Start() {
             std::lock_guard guard(startMutex);
             NY_CHECK_RT(NyRt::SemaphoreCreate(startSemaphore.Out(), 0));
             NY_CHECK_RT(NyRt::SemaphoreCreate(completionSemaphore.Out(), 0));
+            // Aborted before this start (another request saw the new routine): its end found no
+            // semaphore to post, and the destructor must not wait for a post that already happened.
+            if (completionDone) {
+                NY_CHECK_RT(NyRt::SemaphorePost(completionSemaphore.Get()));
+            }
             // A routine removed between its creation and this start has nobody to continue it.
             waitForStartParams =
                 typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived && !startReleased;
@@ -254,12 +259,14 @@ void RoutineInstance::Completed() {
         OnUpdated();
     }
     {
+        // Under the same mutex as the semaphore's creation in Start: either Start sees completionDone or
+        // this sees the semaphore.
         std::lock_guard guard(startMutex);
         if (completionSemaphore) {
             NY_CHECK_RT(NyRt::SemaphorePost(completionSemaphore.Get()));
         }
+        completionDone = true;
     }
-    completionDone = true;
     NY_LOG(Progress, "Routine [%s] completed.", id.c_str());
 }
 
