@@ -89,7 +89,10 @@ void HostService::Rescan() {
 }
 
 std::optional<HttpResponse> HostService::Filter(const HttpRequest& request) const {
-    if (!options.token.empty()) {
+    // The console's own files hold no data: a browser must load them before it can ask for the token.
+    const std::string path = request.target.substr(0, request.target.find('?'));
+    const bool consoleFile = request.method == "GET" && StaticFiles::Handles(path);
+    if (!options.token.empty() && !consoleFile) {
         const std::string* authorization = request.Header("Authorization");
         const std::string expected = "Bearer " + options.token;
         if (authorization == nullptr || !ConstantTimeEquals(*authorization, expected)) {
