@@ -151,7 +151,8 @@ TEST(Host, TokenIsRequiredWhenConfigured) {
     HostProcess host({"--token", "s3cret"});
     EXPECT_EQ(host.Request("GET", "/routines").status, 401);
     EXPECT_EQ(host.Request("GET", "/events").status, 401);
-    EXPECT_EQ(host.Request("GET", "/").status, 200);  // the console page itself, which then asks for the token
+    EXPECT_EQ(host.Request("GET", "/").status,
+              200);  // the console page itself, which then asks for the token
     EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer wrong"}).status, 401);
     EXPECT_EQ(host.Request("GET", "/routines", "", {"Authorization: Bearer s3cret"}).status, 200);
     EXPECT_EQ(
