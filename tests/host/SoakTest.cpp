@@ -136,7 +136,7 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     // Any notification ends the watcher's wait; a routine created and deleted here marks the end.
     host.Request("POST", "/routines", json{{"type", "SelfTest"}});
     host.Request("DELETE", "/routines/*");
-    host.Terminate(std::chrono::seconds(10));
+    EXPECT_EQ(host.Terminate(std::chrono::seconds(10)), 0);  // a clean exit, and no leak reported
     watcher.join();
 
     std::ostringstream summary;
@@ -148,7 +148,13 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     EXPECT_GT(requests.load(), 100);
     EXPECT_EQ(serverErrors.load(), 0);
     EXPECT_EQ(unanswered.load(), 0);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // Sanitizers keep freed memory in quarantine and shadow it: the resident size says nothing here.
+    // Leaks are caught instead by LeakSanitizer when the host exits (a non-zero exit status).
+    static_cast<void>(endKiB);
+#else
     EXPECT_LT(endKiB, startKiB + 32 * 1024) << "the host's memory grew";
+#endif
 
     // Every routine created was deleted, or cleared by a delete-all or factory restore, afterwards.
     std::set<std::string> live;
