@@ -477,7 +477,7 @@ Ny::Properties::Structure* RoutineInstance::LockParams(bool forWriting) {
     if (paramsLocked) {
         NY_LOG(Progress,
                "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
-               thread, static_cast<unsigned>(paramsWriting), static_cast<unsigned>(forWriting));
+               thread, static_cast<unsigned>(paramsWriting.load()), static_cast<unsigned>(forWriting));
     }
     NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
     paramsLocked = true;
@@ -505,7 +505,7 @@ void RoutineInstance::UnlockParams() {
     }
     paramsLocked = false;
     NY_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).", NyRt::CurrentThreadId(),
-           static_cast<unsigned>(paramsWriting));
+           static_cast<unsigned>(paramsWriting.load()));
     NY_CHECK_RT(NyRt::LockExit(lock.Get()));
 }
 

@@ -171,7 +171,7 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     const std::string id;
     Ny::Properties::Structure* params = nullptr;  // guarded by lock
     std::atomic<bool> paramsLocked{false};        // written under lock; read before entering it (log hint)
-    bool paramsWriting = false;                   // guarded by lock
+    std::atomic<bool> paramsWriting{false};       // written under lock; read before entering it (log hint)
     bool paramsEditable = false;                  // guarded by lock
     std::atomic<bool> startParamsReceived{false};
     std::atomic<bool> runFinished{false};
