@@ -71,7 +71,7 @@ TEST_F(InstanceTest, OneUserStepWithCompletionCallbackWalksThroughEveryState) {
     EXPECT_FALSE(completedAborted.load());
     EXPECT_TRUE(log.WaitFor("Routine [Calib-0] completed successfully -- ending routine."));
     EXPECT_TRUE(log.Contains("Ending routine [Calib-0]."));
-    EXPECT_TRUE(log.Contains("Routine [Calib-0] completed."));
+    EXPECT_TRUE(log.WaitFor("Routine [Calib-0] completed."));  // logged just after the state changes
 
     log.Clear();
     instance.reset();
