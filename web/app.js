@@ -6,6 +6,9 @@ import { buildForm, readForm, showErrors } from './form.js';
 
 const $ = (id) => document.getElementById(id);
 const routines = new Map();  // path -> { element, form, editing }
+// Routines seen deleted. Ids are never reused, so a read that was already on its way when the routine
+// went must not bring it back on the page.
+const gone = new Set();
 
 onTokenNeeded(() => new Promise((resolve) => {
   const dialog = $('token-dialog');
@@ -62,6 +65,7 @@ async function refresh(path) {
 }
 
 function render(path, doc) {
+  if (gone.has(path)) return;
   let entry = routines.get(path);
   if (!entry) {
     const element = document.createElement('article');
@@ -164,6 +168,7 @@ function report(error) { $('create-message').textContent = error.message; }
 function command(path, name) { api.command(path, name).catch(report); }
 
 function drop(path) {
+  gone.add(path);
   routines.get(path)?.element.remove();
   routines.delete(path);
   $('no-routines').hidden = routines.size > 0;
@@ -173,6 +178,7 @@ async function rereadAll() {
   const list = await api.list();
   const paths = (list?._embedded?.item || []).map((item) => item._links.self.href);
   for (const path of [...routines.keys()]) if (!paths.includes(path)) drop(path);
+  for (const path of paths) gone.delete(path);
   await Promise.all(paths.map(refresh));
 }
 
