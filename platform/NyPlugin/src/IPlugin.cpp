@@ -1,3 +1,4 @@
-// Anchors the plug-in interface's type information in this library, so that the host and every
-// plug-in library agree on one `NyPlugin::IPlugin`.
+// Compiles the plug-in interface and export headers on their own, so that a plug-in author can include
+// either first.
 #include "NyPlugin/IPlugin.h"
+#include "NyPlugin/PluginExport.h"

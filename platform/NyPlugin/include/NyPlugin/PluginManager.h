@@ -1,16 +1,27 @@
-// The host's plug-in framework: `PluginManager` loads plug-in shared libraries (dlopen), keeps them in
-// load order and announces every load and unload; `PluginLib` is one loaded library with its plug-in
-// objects.
+// `NyPlugin::PluginManager`: the host's plug-in framework. It loads plug-in shared libraries with
+// dlopen, keeps them in load order and announces every load and unload through `LoadEvent()`.
 //
-// Code of a loaded library stays mapped until the process ends, also after its unload: objects the
-// library made (plug-in objects, and routine objects its factories made) may outlive the unload, and
-// the host knows them only as shared pointers whose destructors live in that code. Unloading removes
-// the library from the manager and drops the manager's references. A changed file at the same path
-// therefore needs a process restart to take effect.
+// The host owns one manager and destroys it after everything that subscribed to its event (the
+// destructor raises nothing). A plug-in library is built with `nyr_add_plugin` (cmake/NyRoutinePlugin.cmake)
+// and exports the entry points of NyPlugin/PluginExport.h; anything else is refused with a
+// `Ny::Exception` that names the file.
 //
-// Threading: loads and unloads may run on a signal-handling thread while requests read the list.
-// `mutex` guards the list and is never held while LoadEvent() is raised; handlers may call back into
-// Count(), At() and Libraries(). A library handed to handlers stays valid during the raise.
+// Unloading never unmaps code. Libraries are opened with RTLD_NODELETE: objects a library made (its
+// plug-in objects, and routine objects its factories made, which the host knows only as shared
+// pointers whose destructors live in that library) may outlive the unload, so the code has to stay
+// mapped until the process ends. An unload takes the library out of the list and drops the manager's
+// references to its objects. Loading the same path again later reuses the mapping that is still there:
+// the library's static state carries over and a changed file takes effect only after a process restart.
+//
+// Threading: every method is thread-safe. Loads and unloads may come from a signal-handling thread
+// while request threads read `Count()`, `At()` and `Libraries()`.
+// - `changeMutex` serializes the changes (Load, Unload, LoadDirectory, Rescan) and is held while
+//   `LoadEvent()` is raised, on purpose: subscribers see one change at a time and in order (a library's
+//   Loaded before its Unloading, never interleaved with another thread's change). It is re-entrant, so a
+//   handler may itself load or unload on the raising thread; a handler must not wait for another thread
+//   that loads or unloads.
+// - `listMutex` guards the list only, is taken after `changeMutex` and is never held while plug-in code
+//   or a handler runs, so handlers (and readers on any thread) may call Count(), At() and Libraries().
 #pragma once
 
 #include <filesystem>
@@ -21,67 +32,81 @@
 
 #include "NyApi/Event.h"
 #include "NyPlugin/IPlugin.h"
+#include "NyPlugin/PluginLib.h"
 
 namespace NyPlugin {
-
-class PluginLib {
-  public:
-    PluginLib(std::filesystem::path path, void* handle, std::vector<std::shared_ptr<IPlugin>> plugins);
-    ~PluginLib();
-    PluginLib(const PluginLib&) = delete;
-    PluginLib& operator=(const PluginLib&) = delete;
-
-    // The library's plug-in objects whose Type() equals `type`, in the order the library gave them.
-    std::vector<std::shared_ptr<IPlugin>> PluginsByType(const std::string& type) const;
-    const std::vector<std::shared_ptr<IPlugin>>& Plugins() const { return plugins; }
-    std::string FileName() const { return path.filename().string(); }
-    const std::filesystem::path& Path() const { return path; }
-
-  private:
-    std::filesystem::path path;
-    void* handle;
-    std::vector<std::shared_ptr<IPlugin>> plugins;
-};
 
 class PluginManager {
   public:
     using LoadEventType = Ny::Event<const PluginLib&, PluginEvent>;
 
     PluginManager();
-    // Drops every library without raising events (the host has detached its modules by then).
+    // Drops every library without raising events; their code stays mapped.
     ~PluginManager();
     PluginManager(const PluginManager&) = delete;
     PluginManager& operator=(const PluginManager&) = delete;
 
-    // Loads one library and raises LoadEvent(lib, Loaded). Throws Ny::Exception -997 naming the file when
-    // it is not a shared library, lacks the entry point or was built for another API version, and -987
-    // when a library of that path is loaded already.
+    // Loads one library, appends it to the list and raises LoadEvent(lib, Loaded). The returned
+    // reference stays valid for the manager's lifetime. Waits for a change in progress on another thread.
+    // Throws Ny::Exception naming the file: -999 when it does not exist; -997 when it is not a shared
+    // library, lacks the entry points, was built for another plug-in API version or its entry point
+    // threw; -1000 when a library of that path is loaded already (the list is unchanged). A library
+    // whose Loaded handler threw stays loaded, and the handler's exception passes nested in one naming
+    // the file. Thread-safe.
     const PluginLib& Load(const std::filesystem::path& path);
-    // Raises LoadEvent(lib, Unloading), then removes the library. Throws -999 when it is not loaded.
+    // Raises LoadEvent(lib, Unloading) while the library is still listed, then takes it out of the list
+    // and retires it (see PluginLib.h). Throws -999 when no library of that path, or at that index, is
+    // loaded, and -1000 when a handler asks to unload the library whose Unloading it is handling. A
+    // handler's exception does not stop the unload; it passes afterwards, nested in one naming the file.
+    // Waits for a change in progress on another thread. Thread-safe.
     void Unload(const std::filesystem::path& path);
-    // Loads every "*.so" file of `folder` in name order; returns the reasons of the refused ones (each
-    // also logged) and goes on with the others.
+    void Unload(size_t index);
+    // Loads every "*.so" file of `folder` that is not loaded yet, in name order. A refusal is logged and
+    // the others still load. Returns the messages of the refusals (each names its file); a folder that
+    // cannot be read is one refusal. Thread-safe.
     std::vector<std::string> LoadDirectory(const std::filesystem::path& folder);
-    // Loads the files of `folder` not loaded yet and unloads the loaded libraries of that folder whose
-    // files are gone. Returns the refusals.
+    // Brings the libraries of `folder` in step with its files (the host calls it on SIGHUP): first
+    // unloads, in load order, the loaded libraries of that folder whose files are gone, then loads the
+    // new files as LoadDirectory does. Libraries of other folders are left alone; a file that changed
+    // under a loaded name is not reloaded. A folder that cannot be read changes nothing (one refusal):
+    // an unmounted or unreadable folder must not unload every plug-in. Returns the refusals. Thread-safe.
     std::vector<std::string> Rescan(const std::filesystem::path& folder);
 
+    // The number of loaded libraries. Thread-safe; another thread may change it right after.
     size_t Count() const;
-    // Throws std::out_of_range at or past Count(). The reference stays valid while the library is loaded;
-    // beside unloads prefer Libraries().
+    // The library at `index` in load order. The reference stays valid for the manager's lifetime, also
+    // after that library is unloaded. Throws -999 at or past Count(). Thread-safe.
     const PluginLib& At(size_t index) const;
-    // The loaded libraries, in load order, each kept alive by the returned references.
+    // A consistent snapshot of the loaded libraries, in load order. Thread-safe.
     std::vector<std::shared_ptr<const PluginLib>> Libraries() const;
 
+    // Raised after a library is loaded (`Loaded`) and before it is unloaded (`Unloading`), on the
+    // thread that loads or unloads, with `changeMutex` held (see above).
     LoadEventType& LoadEvent() { return loadEvent; }
 
   private:
-    static std::vector<std::filesystem::path> LibraryFiles(const std::filesystem::path& folder);
-    // Loads each file; a refusal is logged, collected and does not stop the others.
-    void LoadEach(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused);
+    // Folder listing for LoadDirectory and Rescan: the "*.so" regular files in name order, or a refusal.
+    struct FolderFiles {
+        std::vector<std::filesystem::path> files;
+        std::string refusal;  // empty when the folder could be read
+    };
+    static FolderFiles ListFolder(const std::filesystem::path& folder);
 
-    mutable std::mutex mutex;                           // guards libraries
-    std::vector<std::shared_ptr<PluginLib>> libraries;  // guarded by mutex
+    // These require changeMutex held.
+    const PluginLib& LoadLocked(const std::filesystem::path& path);
+    void UnloadLocked(const std::shared_ptr<PluginLib>& lib);
+    // Loads each file not loaded yet; a refusal is logged, collected and does not stop the others.
+    void LoadNewLocked(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused);
+    std::shared_ptr<PluginLib> FindLocked(const std::filesystem::path& path) const;
+
+    mutable std::recursive_mutex changeMutex;  // serializes changes and their events; taken before listMutex
+
+    mutable std::mutex listMutex;                       // guards libraries and retired; leaf lock
+    std::vector<std::shared_ptr<PluginLib>> libraries;  // guarded by listMutex; load order
+    // Unloaded libraries, kept so that references from At() and Load() never dangle (each is a retired
+    // shell: path and name, no objects, handle closed).
+    std::vector<std::shared_ptr<PluginLib>> retired;  // guarded by listMutex
+
     LoadEventType loadEvent;
 };
 
