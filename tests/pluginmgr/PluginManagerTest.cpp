@@ -1,0 +1,366 @@
+// The plug-in manager against real shared libraries: folder loads and refusals, load and unload events,
+// objects that outlive their library's unload, rescans, and readers racing changes.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <latch>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "NyApi/Exception.h"
+#include "NyPlugin/PluginExport.h"
+#include "NyPlugin/PluginManager.h"
+#include "TestObjects.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using NyPlugin::PluginEvent;
+using NyPlugin::PluginLib;
+using NyPlugin::PluginManager;
+
+const fs::path Libs = fs::canonical(NYR_PLUGINMGR_LIBS);
+
+std::string Greet(const NyPlugin::IPlugin& plugin) {
+    return static_cast<const PluginTest::IGreeter*>(plugin.GetObject())->Greet("host");
+}
+
+bool Mentions(const std::vector<std::string>& lines, const std::string& part) {
+    for (const auto& line : lines) {
+        if (line.find(part) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The status and message of what `call` throws; status 1 when it throws nothing.
+template <typename Call>
+std::pair<int, std::string> Failure(Call&& call) {
+    try {
+        call();
+    } catch (const Ny::Exception& e) {
+        return {e.Status(), e.what()};
+    }
+    return {1, ""};
+}
+
+// Records each event as "<Loaded|Unloading> <file> <Count() seen by the handler>".
+class EventLog {
+  public:
+    explicit EventLog(PluginManager& pluginsIn) : plugins(pluginsIn) {
+        handle = plugins.LoadEvent().Subscribe([this](const PluginLib& lib, PluginEvent event) {
+            const std::string line = std::string(event == PluginEvent::Loaded ? "Loaded " : "Unloading ") +
+                                     lib.FileName() + " " + std::to_string(plugins.Count());
+            std::lock_guard guard(mutex);
+            lines.push_back(line);
+        });
+    }
+    ~EventLog() { plugins.LoadEvent().Unsubscribe(handle); }
+    std::vector<std::string> Take() {
+        std::lock_guard guard(mutex);
+        return std::exchange(lines, {});
+    }
+
+  private:
+    PluginManager& plugins;
+    PluginManager::LoadEventType::Handle handle = 0;
+    std::mutex mutex;
+    std::vector<std::string> lines;  // guarded by mutex
+};
+
+// A plug-in folder of the test's own, removed at the end.
+class ScratchFolder {
+  public:
+    ScratchFolder()
+        : path(fs::temp_directory_path() /
+               ("nyr-pluginmgr-" + std::to_string(::getpid()) + "-" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name())) {
+        fs::remove_all(path);
+        fs::create_directories(path);
+        path = fs::canonical(path);
+    }
+    ~ScratchFolder() { fs::remove_all(path); }
+    // A copy, not a link: a distinct file is a distinct library to the dynamic loader.
+    void Add(const std::string& from, const std::string& as) const { fs::copy_file(Libs / from, path / as); }
+
+    fs::path path;
+};
+
+TEST(PluginManager, LoadsAFolderInNameOrderAndRefusesEachBrokenFileByName) {
+    NyTest::LogCapture log;
+    PluginManager plugins;
+    EventLog events(plugins);
+
+    const auto refused = plugins.LoadDirectory(Libs);
+
+    ASSERT_EQ(plugins.Count(), 2u);
+    EXPECT_EQ(plugins.At(0).FileName(), "a_greeters.so");
+    EXPECT_EQ(plugins.At(1).FileName(), "e_greeters.so");
+    EXPECT_EQ(events.Take(), (std::vector<std::string>{"Loaded a_greeters.so 1", "Loaded e_greeters.so 2"}));
+    ASSERT_EQ(refused.size(), 3u);
+    const std::string version = "b_other_version.so was built for plug-in API version " +
+                                std::to_string(NyPlugin::ApiVersion + 1) + ", this host offers " +
+                                std::to_string(NyPlugin::ApiVersion) + ".";
+    EXPECT_NE(refused[0].find(version), std::string::npos) << refused[0];
+    EXPECT_NE(refused[1].find("c_not_a_library.so cannot be loaded: "), std::string::npos) << refused[1];
+    EXPECT_NE(refused[2].find("d_no_entry.so has no plug-in entry point"), std::string::npos) << refused[2];
+
+    const auto failures = log.Texts(Ny::Logging::Level::CaughtFailure);
+    for (const char* file : {"b_other_version.so", "c_not_a_library.so", "d_no_entry.so"}) {
+        EXPECT_TRUE(Mentions(failures, "Plug-in " + (Libs / file).string() + " refused.")) << file;
+    }
+    EXPECT_TRUE(
+        log.Contains("Plug-in " + (Libs / "a_greeters.so").string() + " loaded (3 plug-in objects)."));
+
+    // Loading the folder again loads nothing twice; the broken files are refused again.
+    EXPECT_EQ(plugins.LoadDirectory(Libs).size(), 3u);
+    EXPECT_EQ(plugins.Count(), 2u);
+    EXPECT_TRUE(events.Take().empty());
+}
+
+TEST(PluginManager, RefusesWithAStatusAndLeavesTheListAsItWas) {
+    PluginManager plugins;
+    plugins.Load(Libs / "a_greeters.so");
+    EventLog events(plugins);
+    const struct {
+        fs::path file;
+        int status;
+        std::string message;
+    } cases[] = {
+        {Libs / "c_not_a_library.so", -997, (Libs / "c_not_a_library.so").string() + " cannot be loaded"},
+        {Libs / "d_no_entry.so", -997,
+         "d_no_entry.so has no plug-in entry point (NyPlugin_ApiVersion, "
+         "NyPlugin_GetPlugins)."},
+        {Libs / "b_other_version.so", -997, "b_other_version.so was built for plug-in API version"},
+        {Libs / "missing.so", -999, (Libs / "missing.so").string() + " does not exist."},
+        // Another spelling of a loaded file is the same library.
+        {Libs / "." / ".." / Libs.filename() / "a_greeters.so", -1000,
+         (Libs / "a_greeters.so").string() + " is loaded already."},
+    };
+    for (const auto& refusal : cases) {
+        const auto [status, message] = Failure([&] { plugins.Load(refusal.file); });
+        EXPECT_EQ(status, refusal.status) << refusal.file;
+        EXPECT_NE(message.find(refusal.message), std::string::npos) << message;
+    }
+    EXPECT_EQ(plugins.Count(), 1u);
+    EXPECT_TRUE(events.Take().empty());
+    EXPECT_EQ(plugins.LoadDirectory(Libs / "none").size(), 1u);  // a missing folder is one refusal
+}
+
+TEST(PluginManager, PluginsByTypeKeepsTheLibrarysOrder) {
+    PluginManager plugins;
+    const PluginLib& lib = plugins.Load(Libs / "a_greeters.so");
+    EXPECT_EQ(lib.Path(), Libs / "a_greeters.so");
+
+    const auto greeters = lib.PluginsByType(PluginTest::GreeterType);
+    ASSERT_EQ(greeters.size(), 2u);
+    EXPECT_EQ(Greet(*greeters[0]), "a_greeters first greets host");
+    EXPECT_EQ(Greet(*greeters[1]), "a_greeters second greets host");
+    EXPECT_EQ(lib.PluginsByType(PluginTest::FactoryType).size(), 1u);
+    EXPECT_TRUE(lib.PluginsByType("PluginTest.Nothing").empty());
+
+    std::vector<std::string> types;
+    for (const auto& plugin : lib.Plugins()) {
+        types.emplace_back(plugin->Type());
+    }
+    EXPECT_EQ(types, (std::vector<std::string>{PluginTest::GreeterType, PluginTest::FactoryType,
+                                               PluginTest::GreeterType}));
+}
+
+TEST(PluginManager, AnnouncesAnUnloadWhileTheLibraryIsStillListed) {
+    NyTest::LogCapture log;
+    PluginManager plugins;
+    plugins.LoadDirectory(Libs);
+    EventLog events(plugins);
+
+    plugins.Unload(Libs / "a_greeters.so");
+    ASSERT_EQ(plugins.Count(), 1u);
+    EXPECT_EQ(plugins.At(0).FileName(), "e_greeters.so");
+    plugins.Unload(0);
+    EXPECT_EQ(plugins.Count(), 0u);
+    EXPECT_EQ(events.Take(),
+              (std::vector<std::string>{"Unloading a_greeters.so 2", "Unloading e_greeters.so 1"}));
+    EXPECT_TRUE(log.Contains("Plug-in " + (Libs / "e_greeters.so").string() + " unloaded."));
+
+    EXPECT_EQ(Failure([&] { plugins.Unload(Libs / "a_greeters.so"); }).first, -999);
+    EXPECT_EQ(Failure([&] { plugins.Unload(0); }).first, -999);
+    EXPECT_EQ(Failure([&] { plugins.At(0); }).first, -999);
+}
+
+TEST(PluginManager, ObjectsOfAnUnloadedLibraryStayUsable) {
+    std::shared_ptr<NyPlugin::IPlugin> greeter;
+    std::shared_ptr<PluginTest::IGreeter> made;
+    {
+        PluginManager plugins;
+        const PluginLib& lib = plugins.Load(Libs / "a_greeters.so");
+        greeter = lib.PluginsByType(PluginTest::GreeterType).at(0);
+        const auto factory = lib.PluginsByType(PluginTest::FactoryType).at(0);
+        made = static_cast<const PluginTest::IGreeterFactory*>(factory->GetObject())->Make();
+
+        plugins.Unload(0);
+        // The reference from Load() outlives the unload, as an empty shell.
+        EXPECT_FALSE(lib.Loaded());
+        EXPECT_EQ(lib.FileName(), "a_greeters.so");
+        EXPECT_TRUE(lib.Plugins().empty());
+        EXPECT_EQ(Greet(*greeter), "a_greeters first greets host");
+
+        // The same path loads again, with objects of its own.
+        const PluginLib& again = plugins.Load(Libs / "a_greeters.so");
+        EXPECT_NE(&again, &lib);
+        EXPECT_EQ(Greet(*again.PluginsByType(PluginTest::GreeterType).at(1)),
+                  "a_greeters second greets host");
+    }
+    // The manager is gone: the library's code still runs, and its destructors run when the last holder
+    // lets go (at the end of this test).
+    EXPECT_EQ(Greet(*greeter), "a_greeters first greets host");
+    EXPECT_EQ(made->Greet("host"), "a_greeters made greets host");
+}
+
+TEST(PluginManager, RescanLoadsNewFilesAndUnloadsRemovedOnesOfThatFolderOnly) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    plugins.Load(Libs / "e_greeters.so");  // from another folder: a rescan leaves it alone
+    folder.Add("a_greeters.so", "m.so");
+    folder.Add("e_greeters.so", "n.so");
+    EventLog events(plugins);
+
+    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    EXPECT_EQ(events.Take(), (std::vector<std::string>{"Loaded m.so 2", "Loaded n.so 3"}));
+
+    fs::remove(folder.path / "m.so");
+    folder.Add("a_greeters.so", "k.so");
+    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    EXPECT_EQ(events.Take(), (std::vector<std::string>{"Unloading m.so 3", "Loaded k.so 3"}));
+    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    EXPECT_TRUE(events.Take().empty());
+
+    // A folder that cannot be read changes nothing.
+    fs::remove_all(folder.path);
+    const auto refused = plugins.Rescan(folder.path);
+    ASSERT_EQ(refused.size(), 1u);
+    EXPECT_NE(refused[0].find(folder.path.string() + " cannot be read"), std::string::npos) << refused[0];
+    std::vector<std::string> names;
+    for (const auto& lib : plugins.Libraries()) {
+        names.push_back(lib->FileName());
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"e_greeters.so", "n.so", "k.so"}));
+    EXPECT_TRUE(events.Take().empty());
+}
+
+TEST(PluginManager, AFailingHandlerDoesNotUndoTheChange) {
+    PluginManager plugins;
+    const auto handle = plugins.LoadEvent().Subscribe([](const PluginLib& lib, PluginEvent) {
+        if (lib.FileName() == "e_greeters.so") {
+            throw std::runtime_error("handler failed");
+        }
+    });
+
+    const auto refused = plugins.LoadDirectory(Libs);
+    EXPECT_EQ(plugins.Count(), 2u);  // loaded all the same
+    EXPECT_TRUE(Mentions(refused, "e_greeters.so is loaded, but a load handler failed: handler failed"));
+
+    const auto [status, message] = Failure([&] { plugins.Unload(Libs / "e_greeters.so"); });
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(message.find("e_greeters.so is unloaded, but an unload handler failed: handler failed"),
+              std::string::npos)
+        << message;
+    EXPECT_EQ(plugins.Count(), 1u);
+    plugins.LoadEvent().Unsubscribe(handle);
+}
+
+// Readers on other threads see whole libraries (or a not-found at an index that just went away) while
+// one thread loads and unloads, and handlers read the list without deadlocking.
+TEST(PluginManager, ReadersSeeWholeLibrariesWhileAnotherThreadLoadsAndUnloads) {
+    PluginManager plugins;
+    std::atomic<bool> done{false};  // written by the test thread at the end
+    std::atomic<unsigned> handlerMismatches{0};
+    const auto handle = plugins.LoadEvent().Subscribe(
+        [&plugins, &handlerMismatches](const PluginLib& lib, PluginEvent event) {
+            // One change at a time: a new library is last, an unloading one is still listed.
+            if (event == PluginEvent::Loaded && &plugins.At(plugins.Count() - 1) != &lib) {
+                ++handlerMismatches;
+            }
+        });
+
+    auto reader = [&plugins, &done] {
+        unsigned unexpected = 0;
+        while (!done.load()) {
+            for (size_t i = 0; i < plugins.Count(); ++i) {
+                try {
+                    const PluginLib& lib = plugins.At(i);
+                    const size_t greeters = lib.PluginsByType(PluginTest::GreeterType).size();
+                    unexpected += (greeters != 2 && greeters != 0) || lib.FileName().empty();
+                } catch (const Ny::Exception& e) {
+                    unexpected += e.Status() != -999;
+                }
+            }
+            for (const auto& lib : plugins.Libraries()) {
+                unexpected += lib->FileName().empty();
+            }
+        }
+        return unexpected;
+    };
+    std::vector<unsigned> unexpected(2, 0);
+    std::vector<std::thread> readers;
+    for (size_t r = 0; r < unexpected.size(); ++r) {
+        readers.emplace_back([&reader, &unexpected, r] { unexpected[r] = reader(); });
+    }
+    for (int cycle = 0; cycle < 50; ++cycle) {
+        plugins.Load(Libs / "a_greeters.so");
+        plugins.Load(Libs / "e_greeters.so");
+        plugins.Unload(Libs / (cycle % 2 ? "a_greeters.so" : "e_greeters.so"));
+        plugins.Unload(0);
+    }
+    done = true;
+    for (auto& thread : readers) {
+        thread.join();
+    }
+    EXPECT_EQ(unexpected, (std::vector<unsigned>{0, 0}));
+    EXPECT_EQ(handlerMismatches.load(), 0u);
+    plugins.LoadEvent().Unsubscribe(handle);
+}
+
+TEST(PluginManager, OfTwoThreadsLoadingOneFileOneWins) {
+    PluginManager plugins;
+    for (int round = 0; round < 20; ++round) {
+        std::latch start(2);
+        std::atomic<int> loaded{0};
+        std::atomic<int> refusedAsLoaded{0};
+        auto load = [&plugins, &start, &loaded, &refusedAsLoaded] {
+            start.arrive_and_wait();
+            const int status = Failure([&plugins] { plugins.Load(Libs / "a_greeters.so"); }).first;
+            if (status == 1) {
+                ++loaded;
+            } else if (status == -1000) {
+                ++refusedAsLoaded;
+            }
+        };
+        std::thread first(load);
+        std::thread second(load);
+        first.join();
+        second.join();
+        ASSERT_EQ(loaded.load(), 1) << "round " << round;
+        ASSERT_EQ(refusedAsLoaded.load(), 1) << "round " << round;
+        ASSERT_EQ(plugins.Count(), 1u);
+        plugins.Unload(0);
+    }
+}
+
+TEST(PluginBuild, ExportsOnlyTheEntryPoints) {
+    void* handle = dlopen((Libs / "a_greeters.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(handle, nullptr) << dlerror();
+    EXPECT_NE(dlsym(handle, NyPlugin::ApiVersionSymbol), nullptr);
+    EXPECT_NE(dlsym(handle, NyPlugin::GetPluginsSymbol), nullptr);
+    EXPECT_EQ(dlsym(handle, "PluginTest_Hidden"), nullptr);
+    dlclose(handle);
+}
+
+}  // namespace
