@@ -41,7 +41,7 @@ class PluginSink {
     virtual void Add(std::shared_ptr<IPlugin> plugin) = 0;
 
   protected:
-    ~PluginSink() = default;
+    virtual ~PluginSink() = default;
 };
 
 using ApiVersionFx = int (*)();
