@@ -1,25 +1,34 @@
 // `NyHost::HttpServer`: the host's HTTP/1.1 transport with server-sent event streams.
 //
-// All I/O runs on one io_context served by 1-2 threads that never block; requests are handed to a
-// separate bounded pool of worker threads, so a handler that blocks for a long time (a creating request
-// waiting for another request's continue) never holds an I/O thread and other connections keep being
-// served. Beyond `maxQueuedRequests` waiting requests the server answers 503 at once rather than queue
-// without bound. The pool is sized for blocked creations plus ordinary traffic (16 by default): with a
-// routine limit of one, at most one creation blocks at a time.
+// What it is for: it carries requests between clients and one handler function (the host's REST
+// dispatch) and pushes events to stream clients. It adds nothing but transport; what a request means is
+// the handler's business. No HTTP library type appears here, so that only HttpServer.cpp pays for it.
 //
-// Per connection: a strand, TCP_NODELAY, keep-alive, a body limit (413, refused from the header without
-// reading the body), a header limit (431), read time-outs, JSON error replies and a lingering close after
-// a transport error. GET on `eventsPath` opens an event stream: a bounded queue per client, a keep-alive
-// comment on idle streams, a slow client is dropped and never waited for, and a cap on clients (503).
+// Threads. One io_context served by `ioThreads` (1 or 2) threads does all socket I/O, timers and the
+// filter; those threads never block. The handler runs on a separate pool of `workerThreads` threads, so a
+// handler that blocks for a long time (a creating request that waits for another request's continue)
+// never holds an I/O thread, and other connections keep being served. Requests waiting for a worker sit
+// in a queue of at most `maxQueuedRequests`; beyond it the server answers 503 at once rather than let
+// latency grow without bound.
 //
-// Lifetime: construct, Start(), then Stop() (or destroy). Stop() stops accepting, closes every
-// connection and stream, waits for handlers in progress and joins every thread; a handler that never
-// returns would block it, so the host releases blocked requests first. PublishEvent is thread-safe and
-// never blocks. The handler and the filter run on worker and I/O threads respectively and must be
-// thread-safe.
+// Per connection: a strand, TCP_NODELAY, HTTP/1.1 keep-alive, "Expect: 100-continue", a body limit (413,
+// refused from the header, the body is never read into memory), a header limit (431), a read time-out
+// for slow or idle clients, 400 for a malformed request, and a lingering close after such an error reply
+// (shut the sending side, drain briefly, close) so that the client reads the reply rather than a reset.
+// Every error reply of the transport is JSON (`JsonErrorReply`).
+//
+// Event streams: GET on `eventsPath` (after the filter) opens a stream. Each client has a queue of at
+// most `eventClientQueueBytes`; a client further behind, or one that has not taken a frame for
+// `readTimeout`, is dropped (its connection closed) and never waited for. Idle streams get a comment
+// line every `eventKeepAlive`. At most `maxEventClients` streams at once; beyond, 503.
+//
+// Ownership and lifetime: the owner constructs it, calls Start() once, and calls Stop() or destroys it.
+// The server owns every thread it starts and joins them in Stop(). The handler and the filter are
+// called until Stop() returns and must stay valid that long.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,33 +42,46 @@ namespace NyHost {
 
 struct HttpRequest {
     std::string method;
-    std::string target;
+    std::string target;  // as sent: path and query
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
-    std::string remote;
+    std::string remote;  // "address:port" of the client
 
-    // Case-insensitive; null when absent.
+    // The first header of that name, compared case-insensitively; null when absent.
     const std::string* Header(std::string_view name) const;
 };
 
 struct HttpResponse {
     int status = 200;
+    // Content-Type defaults to application/json when a body is given. Content-Length, Transfer-Encoding
+    // and Connection belong to the transport and are ignored here.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
 };
 
-// The host's own error replies (transport, static files, refusals) in the same JSON shape as the
-// router's: {"status": 0, "message": <text>, "causes": []}.
+// An error reply in the one JSON shape clients see for every error:
+// {"status": 0, "message": <message>, "causes": []} with Content-Type application/json.
 HttpResponse JsonErrorReply(int status, const std::string& message);
 
 struct HttpServerOptions {
     std::string address = "127.0.0.1";
-    std::uint16_t port = 8080;  // 0 picks a free port
+    std::uint16_t port = 8080;  // 0 picks a free port; Port() tells which
+    // Threads, chosen for a service where one request may block for as long as a person takes to answer:
+    // - I/O threads only parse, filter and copy bytes and never block, so one keeps up with far more
+    //   traffic than the handlers can serve; a second helps only with many busy connections on many
+    //   cores. More than 2 are not used.
+    // - Workers bound how many handlers run at once (memory, lock contention). Blocked creations are few
+    //   (the routine limit keeps them to one or two), so 16 leave plenty for reads, updates and the
+    //   continue that releases them.
+    // - The queue bounds the waiting: 256 requests of a few milliseconds each are well under a second
+    //   of backlog; a client beyond that is better told 503 to retry than kept waiting unseen.
     unsigned ioThreads = 1;
     unsigned workerThreads = 16;
     std::size_t maxQueuedRequests = 256;
-    std::size_t bodyLimit = 1 << 20;
-    std::size_t headerLimit = 16 * 1024;
+    std::size_t bodyLimit = 1 << 20;      // bytes; 413 beyond
+    std::size_t headerLimit = 16 * 1024;  // bytes of request line and headers; 431 beyond
+    // A request must arrive whole within this time, and a keep-alive connection may stay idle this
+    // long; an event client that takes no frame for this long is dropped.
     std::chrono::milliseconds readTimeout{30000};
     std::string eventsPath = "/events";
     std::size_t maxEventClients = 64;
@@ -69,28 +91,47 @@ struct HttpServerOptions {
 
 class HttpServer {
   public:
+    // Runs on a worker thread; may block (Stop() waits for it). An exception becomes a 500 JSON reply.
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
-    // Runs first for every request, the event stream included; a reply refuses the request.
+    // Runs first, on an I/O thread, for every request, the event stream included: it must be quick and
+    // must not block. A reply refuses the request (authentication, origin checks) before the handler
+    // or the stream sees it; an exception becomes a 500 JSON reply.
     using Filter = std::function<std::optional<HttpResponse>(const HttpRequest&)>;
 
+    // Nothing is bound or started yet. Throws nothing of its own.
     HttpServer(HttpServerOptions options, Handler handler, Filter filter = {});
+    // Stop(). Must not run on one of the server's own threads.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    // Binds and starts the threads. Throws std::system_error when the address cannot be bound.
+    // Binds, listens and starts the I/O and worker threads. Call once, before anything else but the
+    // constructor. Throws Ny::Exception 0 (with the system error nested) when the address is invalid or
+    // cannot be bound; nothing is started then. Throws Ny::Exception -1000 when called a second time.
     void Start();
+    // The bound port and address (the real port when 0 was asked). Valid after Start(); thread-safe.
     std::uint16_t Port() const;
     std::string Address() const;
-    // Queues "event: <event>\ndata: <data>\n\n" for every stream client.
+
+    // Queues "event: <event>\ndata: <data>\n\n" for every stream client (a `data` of several lines
+    // becomes one "data: " line each). `event` must be one line. Never waits for a client: the frame
+    // is handed to each client's strand, which drops a client whose queue is full. Does nothing once
+    // Stop() has begun. Thread-safe; must not race with destruction.
     void PublishEvent(const std::string& event, const std::string& data);
-    size_t EventClientCount() const;
+    // The event streams currently open. Thread-safe.
+    std::size_t EventClientCount() const;
+
+    // Stops accepting, closes every connection and event stream (a handler's reply still to come is
+    // not sent), waits for handlers in progress to return and joins every thread. A handler that never
+    // returns blocks Stop() forever: the owner releases blocked requests first. Connections still
+    // busy after a short grace period are cut. Idempotent; safe before Start(). Must not be called
+    // from the handler, the filter or any other code running on the server's threads. Thread-safe.
     void Stop();
 
     struct Impl;  // the transport's state, defined with the Beast code
 
   private:
-    std::shared_ptr<Impl> impl;
+    std::unique_ptr<Impl> impl;
 };
 
 }  // namespace NyHost
