@@ -83,6 +83,18 @@ struct HttpServerOptions {
     // A request must arrive whole within this time, and a keep-alive connection may stay idle this
     // long; an event client that takes no frame for this long is dropped.
     std::chrono::milliseconds readTimeout{30000};
+    // Connections open at once, event streams included; a connection beyond is closed at once.
+    std::size_t maxConnections = 512;
+    // Both set: serve HTTPS only (TLS 1.2 and later) with this PEM certificate chain and key; Start()
+    // throws Ny::Exception 0 when they cannot be loaded.
+    std::string tlsCertFile;
+    std::string tlsKeyFile;
+    // Requests for which this returns true may block for as long as a person takes (a creation that
+    // waits for its continue). They run on threads of their own, at most `maxWaitingRequests` at once
+    // (beyond, 503 with Retry-After), and never take a worker that the request releasing them needs.
+    // Called on an I/O thread after the filter: must be quick. Empty: every request goes to a worker.
+    std::function<bool(const HttpRequest&)> mayWait;
+    std::size_t maxWaitingRequests = 8;
     std::string eventsPath = "/events";
     std::size_t maxEventClients = 64;
     std::size_t eventClientQueueBytes = 1 << 20;

@@ -112,3 +112,42 @@ TEST(Event, ConcurrentSubscribeUnsubscribeAndRaiseStayConsistent) {
 }
 
 }  // namespace
+
+TEST(Event, ScopedSubscriptionRemovesItsHandlerWhenDestroyedMovedOverOrOutlivingTheEvent) {
+    std::vector<int> calls;
+    Ny::Subscription outliving;
+    {
+        Ny::Event<int> event;
+        {
+            Ny::Subscription first = event.SubscribeScoped([&calls](int v) { calls.push_back(v); });
+            event.Raise(1);
+        }
+        event.Raise(2);  // gone with its scope
+
+        Ny::Subscription kept = event.SubscribeScoped([&calls](int v) { calls.push_back(10 * v); });
+        Ny::Subscription moved = std::move(kept);
+        EXPECT_FALSE(kept);
+        event.Raise(3);
+        moved = event.SubscribeScoped([&calls](int v) { calls.push_back(100 * v); });  // releases the old one
+        event.Raise(4);
+        EXPECT_EQ(event.HandlerCount(), 1u);
+        outliving = std::move(moved);
+        EXPECT_TRUE(outliving);
+    }
+    EXPECT_FALSE(outliving);
+    outliving.Reset();  // the event died first: nothing to do, nothing touched
+    EXPECT_EQ(calls, (std::vector<int>{1, 30, 400}));
+}
+
+TEST(Event, ScopedSubscriptionResetFromItsOwnHandlerDoesNotWaitForItself) {
+    Ny::Event<> event;
+    int calls = 0;
+    Ny::Subscription self;
+    self = event.SubscribeScoped([&self, &calls] {
+        ++calls;
+        self.Reset();
+    });
+    event.Raise();
+    event.Raise();
+    EXPECT_EQ(calls, 1);
+}

@@ -1,0 +1,622 @@
+// The HTTP transport over real loopback sockets: a small blocking client (POSIX sockets with receive
+// time-outs, so every wait is bounded) against a server on a free port.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "HttpServer.h"
+#include "LogCapture.h"
+#include "NyApi/Exception.h"
+#include "Sync.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using NyHost::HttpRequest;
+using NyHost::HttpResponse;
+using NyHost::HttpServer;
+using NyHost::HttpServerOptions;
+
+struct Reply {
+    int status = 0;
+    std::map<std::string, std::string> headers;  // names in lower case
+    std::string body;
+};
+
+// One blocking connection. Every read gives up after `timeout`, so a missing reply fails the test
+// instead of hanging it.
+class Client {
+  public:
+    explicit Client(std::uint16_t port, int receiveBuffer = 0, std::chrono::seconds timeout = 10s) {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        const timeval limit{static_cast<time_t>(timeout.count()), 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        if (receiveBuffer > 0) {
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        }
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+        connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~Client() { ::close(fd); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    bool Connected() const { return connected; }
+    std::uint16_t LocalPort() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    int Fd() const { return fd; }
+
+    bool Send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent <= 0) {
+                return false;
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        }
+        return true;
+    }
+
+    // Reads until `received` holds `marker`; false on end of stream or time-out.
+    bool ReadUntil(std::string_view marker) {
+        while (received.find(marker) == std::string::npos) {
+            if (Fill() <= 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::string Take(std::size_t count) {
+        std::string taken = received.substr(0, count);
+        received.erase(0, count);
+        return taken;
+    }
+
+    // Takes everything up to and including `marker`, or nothing when it does not arrive.
+    std::string TakeThrough(std::string_view marker) {
+        if (!ReadUntil(marker)) {
+            return {};
+        }
+        return Take(received.find(marker) + marker.size());
+    }
+
+    std::optional<Reply> ReadReply() {
+        const std::string head = TakeThrough("\r\n\r\n");
+        if (head.size() < 12) {
+            return std::nullopt;
+        }
+        Reply reply;
+        reply.status = std::stoi(head.substr(9, 3));
+        std::size_t line = head.find("\r\n") + 2;
+        while (line < head.size() - 2) {
+            const std::size_t end = head.find("\r\n", line);
+            const std::size_t colon = head.find(':', line);
+            std::string name = head.substr(line, colon - line);
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char c) { return std::tolower(c); });
+            reply.headers[name] = head.substr(colon + 2, end - colon - 2);
+            line = end + 2;
+        }
+        const std::size_t length =
+            reply.headers.count("content-length") != 0 ? std::stoul(reply.headers["content-length"]) : 0;
+        while (received.size() < length) {
+            if (Fill() <= 0) {
+                return std::nullopt;
+            }
+        }
+        reply.body = Take(length);
+        return reply;
+    }
+
+    // True once the server has closed the connection (end of stream or reset) within the time-out.
+    bool ReadUntilClosed() {
+        for (;;) {
+            const ssize_t count = Fill();
+            if (count == 0 || (count < 0 && errno == ECONNRESET)) {
+                return true;
+            }
+            if (count < 0) {
+                return false;
+            }
+        }
+    }
+
+    std::string received;
+
+  private:
+    ssize_t Fill() {
+        char chunk[16384];
+        const ssize_t count = ::recv(fd, chunk, sizeof chunk, 0);
+        if (count > 0) {
+            received.append(chunk, static_cast<std::size_t>(count));
+        }
+        return count;
+    }
+
+    int fd = -1;
+    bool connected = false;
+};
+
+std::string Request(const std::string& method, const std::string& target, const std::string& body = "",
+                    const std::string& extraHeaders = "") {
+    return method + " " + target +
+           " HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
+           extraHeaders + "\r\n" + body;
+}
+
+nlohmann::json ErrorBody(const std::string& message) {
+    return {{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}};
+}
+
+HttpServerOptions Options() {
+    HttpServerOptions options;
+    options.port = 0;
+    return options;
+}
+
+class HttpServerTest : public ::testing::Test {
+  protected:
+    void TearDown() override { server.reset(); }
+
+    void StartServer(HttpServerOptions options = Options()) {
+        server = std::make_unique<HttpServer>(
+            std::move(options),
+            [this](const HttpRequest& request) {
+                ++handled;
+                return handler ? handler(request) : Echo(request);
+            },
+            [this](const HttpRequest& request) -> std::optional<HttpResponse> {
+                return filter ? filter(request) : std::nullopt;
+            });
+        server->Start();
+        ASSERT_NE(server->Port(), 0);
+    }
+
+    static HttpResponse Echo(const HttpRequest& request) {
+        const std::string* test = request.Header("x-TEST");
+        HttpResponse response;
+        response.body = nlohmann::json{{"method", request.method},
+                                       {"target", request.target},
+                                       {"body", request.body},
+                                       {"xTest", test != nullptr ? *test : ""},
+                                       {"remote", request.remote}}
+                            .dump();
+        return response;
+    }
+
+    // A handler for "/block" that holds its worker until `release` opens; other paths echo.
+    void BlockOn(const std::string& path) {
+        handler = [this, path](const HttpRequest& request) {
+            if (request.target == path) {
+                entered.Open();
+                release.Wait(30s);
+            }
+            return Echo(request);
+        };
+    }
+
+    NyTest::LogCapture log;  // declared first: outlives the server, which logs while it stops
+    std::function<HttpResponse(const HttpRequest&)> handler;
+    std::function<std::optional<HttpResponse>(const HttpRequest&)> filter;
+    std::atomic<int> handled{0};
+    NyTest::Gate entered;
+    NyTest::Gate release;
+    std::unique_ptr<HttpServer> server;
+};
+
+TEST_F(HttpServerTest, RequestsAndRepliesTravelWholeOverOneKeptAliveConnection) {
+    handler = [](const HttpRequest& request) {
+        if (request.target == "/text") {
+            return HttpResponse{201, {{"Content-Type", "text/plain"}, {"X-Reply", "yes"}}, "plain"};
+        }
+        return Echo(request);
+    };
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(client.Connected());
+
+    ASSERT_TRUE(client.Send(Request("POST", "/things?x=1", "{\"a\": 1}", "X-Test: value\r\n")));
+    auto first = client.ReadReply();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->status, 200);
+    EXPECT_EQ(first->headers["content-type"], "application/json");
+    const auto echoed = nlohmann::json::parse(first->body);
+    EXPECT_EQ(echoed["method"], "POST");
+    EXPECT_EQ(echoed["target"], "/things?x=1");
+    EXPECT_EQ(echoed["body"], "{\"a\": 1}");
+    EXPECT_EQ(echoed["xTest"], "value");
+    EXPECT_EQ(echoed["remote"].get<std::string>().rfind("127.0.0.1:", 0), 0u);
+
+    ASSERT_TRUE(client.Send(Request("GET", "/text")));
+    auto second = client.ReadReply();
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->status, 201);
+    EXPECT_EQ(second->headers["content-type"], "text/plain");
+    EXPECT_EQ(second->headers["x-reply"], "yes");
+    EXPECT_EQ(second->body, "plain");
+    EXPECT_EQ(handled, 2);
+}
+
+TEST_F(HttpServerTest, BodyIsSentOnlyAfterTheServerSaysContinue) {
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(
+        client.Send("PUT /x HTTP/1.1\r\nHost: test\r\nContent-Length: 5\r\nExpect: 100-continue\r\n\r\n"));
+    EXPECT_EQ(client.TakeThrough("\r\n\r\n"), "HTTP/1.1 100 Continue\r\n\r\n");
+    ASSERT_TRUE(client.Send("hello"));
+    auto reply = client.ReadReply();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(nlohmann::json::parse(reply->body)["body"], "hello");
+}
+
+TEST_F(HttpServerTest, HandlerFailuresAndInvalidRepliesBecomeJson500) {
+    handler = [](const HttpRequest& request) -> HttpResponse {
+        if (request.target == "/throw") {
+            throw NY_EXCEPTION(-997, "Broken on purpose.");
+        }
+        if (request.target == "/status") {
+            return HttpResponse{42, {}, ""};
+        }
+        // A header with a line break must not reach the wire as two headers.
+        return HttpResponse{204, {{"X-Evil", "a\r\nX-Injected: 1"}}, "dropped body"};
+    };
+    StartServer();
+    Client client(server->Port());
+
+    ASSERT_TRUE(client.Send(Request("GET", "/throw")));
+    auto thrown = client.ReadReply();
+    ASSERT_TRUE(thrown);
+    EXPECT_EQ(thrown->status, 500);
+    EXPECT_EQ(thrown->headers["content-type"], "application/json");
+    EXPECT_EQ(nlohmann::json::parse(thrown->body), ErrorBody("Broken on purpose."));
+
+    ASSERT_TRUE(client.Send(Request("GET", "/status")));
+    auto invalid = client.ReadReply();
+    ASSERT_TRUE(invalid);
+    EXPECT_EQ(invalid->status, 500);
+
+    ASSERT_TRUE(client.Send(Request("GET", "/empty")));
+    auto empty = client.ReadReply();
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty->status, 204);
+    EXPECT_EQ(empty->headers.count("x-injected"), 0u);
+    EXPECT_EQ(empty->headers.count("x-evil"), 0u);
+    EXPECT_EQ(empty->body, "");
+}
+
+struct Refusal {
+    std::string name;
+    std::string request;
+    int status;
+    std::string messageStart;
+};
+
+class TransportRefusal : public HttpServerTest, public ::testing::WithParamInterface<Refusal> {};
+
+// The reply must arrive although the client is not done sending (a huge body is announced but never
+// sent): the server answers from what it has read, without waiting for or buffering the rest.
+TEST_P(TransportRefusal, AnswersJsonErrorClosesAndKeepsServingOthers) {
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send(GetParam().request));
+    auto reply = client.ReadReply();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, GetParam().status);
+    EXPECT_EQ(reply->headers["content-type"], "application/json");
+    const auto body = nlohmann::json::parse(reply->body);
+    EXPECT_EQ(body["status"], 0);
+    EXPECT_EQ(body["causes"], nlohmann::json::array());
+    EXPECT_EQ(body["message"].get<std::string>().rfind(GetParam().messageStart, 0), 0u) << body.dump();
+    EXPECT_TRUE(client.ReadUntilClosed());
+    EXPECT_EQ(handled, 0);
+
+    Client other(server->Port());
+    ASSERT_TRUE(other.Send(Request("GET", "/after")));
+    auto after = other.ReadReply();
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->status, 200);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Http, TransportRefusal,
+    ::testing::Values(
+        Refusal{
+            "BodyOverLimit",
+            "POST /x HTTP/1.1\r\nHost: test\r\nContent-Length: 1000000000\r\nExpect: 100-continue\r\n\r\n" +
+                std::string(1000, 'x'),
+            413, "The request body is larger than 1048576 bytes."},
+        Refusal{"HeadersOverLimit",
+                Request("GET", "/x", "", "X-Big: " + std::string(32 * 1024, 'a') + "\r\n"), 431,
+                "The request headers are larger than 16384 bytes."},
+        Refusal{"GarbageRequestLine", "HELLO THERE\r\n\r\n", 400, "Malformed HTTP request"},
+        Refusal{"BinaryBytes", std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), 400,
+                "Malformed HTTP request"}),
+    [](const ::testing::TestParamInfo<Refusal>& info) { return info.param.name; });
+
+TEST_F(HttpServerTest, HandlerBlockedOnAnotherRequestDoesNotStopOtherConnections) {
+    BlockOn("/block");
+    StartServer();
+    Client blocked(server->Port());
+    ASSERT_TRUE(blocked.Send(Request("POST", "/block")));
+    ASSERT_TRUE(entered.Wait());
+
+    Client other(server->Port());
+    ASSERT_TRUE(other.Send(Request("GET", "/read")));
+    auto read = other.ReadReply();
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->status, 200);
+
+    release.Open();
+    auto released = blocked.ReadReply();
+    ASSERT_TRUE(released);
+    EXPECT_EQ(released->status, 200);
+}
+
+TEST_F(HttpServerTest, RequestBeyondTheBoundedQueueIsAnswered503AtOnce) {
+    BlockOn("/block");
+    auto options = Options();
+    options.workerThreads = 1;
+    options.maxQueuedRequests = 1;
+    StartServer(options);
+    Client busy(server->Port());
+    ASSERT_TRUE(busy.Send(Request("POST", "/block")));
+    ASSERT_TRUE(entered.Wait());
+
+    // One of the two waits in the queue, the other finds it full; which one is up to the server.
+    Client first(server->Port());
+    Client second(server->Port());
+    ASSERT_TRUE(first.Send(Request("GET", "/one")));
+    ASSERT_TRUE(second.Send(Request("GET", "/two")));
+    pollfd fds[2] = {{first.Fd(), POLLIN, 0}, {second.Fd(), POLLIN, 0}};
+    ASSERT_EQ(::poll(fds, 2, 10000), 1);
+    Client& refused = (fds[0].revents & POLLIN) != 0 ? first : second;
+    Client& queued = &refused == &first ? second : first;
+    auto refusal = refused.ReadReply();
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->status, 503);
+    EXPECT_EQ(refusal->headers["retry-after"], "1");
+    EXPECT_EQ(nlohmann::json::parse(refusal->body), ErrorBody("The server is busy; try again."));
+
+    release.Open();
+    for (Client* client : {&busy, &queued}) {
+        auto reply = client->ReadReply();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 200);
+    }
+}
+
+TEST_F(HttpServerTest, FilterRefusesBeforeTheHandlerOrTheStreamSeesTheRequest) {
+    filter = [](const HttpRequest& request) -> std::optional<HttpResponse> {
+        const std::string* authorization = request.Header("Authorization");
+        if (authorization == nullptr || *authorization != "Bearer good") {
+            return NyHost::JsonErrorReply(401, "A valid bearer token is required.");
+        }
+        return std::nullopt;
+    };
+    StartServer();
+    Client client(server->Port());
+    for (const std::string target : {"/things", "/events"}) {
+        ASSERT_TRUE(client.Send(Request("GET", target)));
+        auto reply = client.ReadReply();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 401);
+        EXPECT_EQ(nlohmann::json::parse(reply->body), ErrorBody("A valid bearer token is required."));
+    }
+    EXPECT_EQ(handled, 0);
+    EXPECT_EQ(server->EventClientCount(), 0u);
+
+    ASSERT_TRUE(client.Send(Request("GET", "/things", "", "Authorization: Bearer good\r\n")));
+    auto allowed = client.ReadReply();
+    ASSERT_TRUE(allowed);
+    EXPECT_EQ(allowed->status, 200);
+    EXPECT_EQ(handled, 1);
+}
+
+// Opens a stream and reads its header, after which the server has registered the client.
+std::unique_ptr<Client> OpenStream(std::uint16_t port, int receiveBuffer = 0) {
+    auto client = std::make_unique<Client>(port, receiveBuffer);
+    EXPECT_TRUE(client->Send(Request("GET", "/events")));
+    const std::string header = client->TakeThrough("\r\n\r\n");
+    EXPECT_EQ(header.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << header;
+    EXPECT_NE(header.find("Content-Type: text/event-stream\r\n"), std::string::npos) << header;
+    EXPECT_NE(header.find("Cache-Control: no-cache\r\n"), std::string::npos) << header;
+    return client;
+}
+
+TEST_F(HttpServerTest, EventStreamCarriesExactFramesInPublishedOrder) {
+    StartServer();
+    auto stream = OpenStream(server->Port());
+    server->PublishEvent("created", R"({"type":"created","path":"/routines/A-0"})");
+    server->PublishEvent("updated", R"({"type":"updated","path":"/routines/A-0"})");
+    server->PublishEvent("note", "two\nlines");
+    server->PublishEvent("deleted", R"({"type":"deleted","path":"/routines/A-0"})");
+    const std::string expected =
+        "event: created\ndata: {\"type\":\"created\",\"path\":\"/routines/A-0\"}\n\n"
+        "event: updated\ndata: {\"type\":\"updated\",\"path\":\"/routines/A-0\"}\n\n"
+        "event: note\ndata: two\ndata: lines\n\n"
+        "event: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/A-0\"}\n\n";
+    EXPECT_EQ(stream->TakeThrough("\"deleted\",\"path\":\"/routines/A-0\"}\n\n"), expected);
+}
+
+TEST_F(HttpServerTest, IdleStreamGetsKeepAliveComments) {
+    auto options = Options();
+    options.eventKeepAlive = 20ms;
+    StartServer(options);
+    auto stream = OpenStream(server->Port());
+    EXPECT_EQ(stream->TakeThrough("\n\n"), ": keep-alive\n\n");
+}
+
+TEST_F(HttpServerTest, EventsFromSeveralThreadsReachEveryClientInEachThreadsOrder) {
+    StartServer();
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(OpenStream(server->Port()));
+    }
+    constexpr int kThreads = 4;
+    constexpr int kEvents = 200;
+    std::vector<std::thread> publishers;
+    for (int t = 0; t < kThreads; ++t) {
+        publishers.emplace_back([server = server.get(), t] {
+            for (int i = 0; i < kEvents; ++i) {
+                server->PublishEvent("e", std::to_string(t) + " " + std::to_string(i));
+            }
+        });
+    }
+    for (auto& publisher : publishers) {
+        publisher.join();
+    }
+    server->PublishEvent("end", "");
+    for (auto& client : clients) {
+        const std::string frames = client->TakeThrough("event: end\ndata: \n\n");
+        ASSERT_FALSE(frames.empty());
+        std::vector<int> next(kThreads, 0);
+        std::size_t pos = 0;
+        while (frames.compare(pos, 9, "event: e\n") == 0) {
+            const std::size_t end = frames.find("\n\n", pos);
+            int thread = -1;
+            int index = -1;
+            ASSERT_EQ(std::sscanf(frames.c_str() + pos, "event: e\ndata: %d %d", &thread, &index), 2);
+            ASSERT_GE(thread, 0);
+            ASSERT_LT(thread, kThreads);
+            EXPECT_EQ(index, next[thread]++);
+            pos = end + 2;
+        }
+        EXPECT_EQ(next, std::vector<int>(kThreads, kEvents));
+    }
+}
+
+TEST_F(HttpServerTest, SlowStreamClientIsDroppedWhileAFastOneKeepsReceiving) {
+    auto options = Options();
+    options.eventClientQueueBytes = 64 * 1024;
+    StartServer(options);
+    auto fast = OpenStream(server->Port());
+    auto slow = OpenStream(server->Port(), 4096);  // reads nothing more from here on
+    ASSERT_EQ(server->EventClientCount(), 2u);
+
+    // Rounds small enough for the fast client's queue; the slow one falls further behind each round.
+    const std::string payload(1000, 'p');
+    int sequence = 0;
+    for (int round = 0; round < 4000 && server->EventClientCount() == 2; ++round) {
+        for (int i = 0; i < 8; ++i) {
+            server->PublishEvent("e", std::to_string(sequence++) + " " + payload);
+        }
+        const std::string last = "data: " + std::to_string(sequence - 1) + " ";
+        ASSERT_TRUE(fast->ReadUntil(last)) << "fast client stalled at " << sequence;
+    }
+    ASSERT_TRUE(NyTest::Eventually([this] { return server->EventClientCount() == 1; }));
+    EXPECT_TRUE(log.WaitFor("Event client 127.0.0.1:" + std::to_string(slow->LocalPort()) +
+                            " dropped: more than 65536 bytes behind."));
+
+    server->PublishEvent("e", std::to_string(sequence++) + " after");
+    ASSERT_TRUE(fast->ReadUntil(std::to_string(sequence - 1) + " after\n\n"));
+    std::size_t pos = 0;
+    for (int expected = 0; expected < sequence; ++expected) {
+        const std::string frame = "event: e\ndata: " + std::to_string(expected) + " ";
+        ASSERT_EQ(fast->received.compare(pos, frame.size(), frame), 0) << "frame " << expected;
+        pos = fast->received.find("\n\n", pos) + 2;
+    }
+    // The slow client got a prefix of the stream, then the server closed it.
+    EXPECT_TRUE(slow->ReadUntilClosed());
+    EXPECT_EQ(slow->received.rfind("event: e\ndata: 0 ", 0), 0u);
+}
+
+TEST_F(HttpServerTest, StreamsBeyondTheCapAreRefused503UntilOneCloses) {
+    auto options = Options();
+    options.maxEventClients = 1;
+    StartServer(options);
+    auto first = OpenStream(server->Port());
+
+    Client second(server->Port());
+    ASSERT_TRUE(second.Send(Request("GET", "/events")));
+    auto refusal = second.ReadReply();
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->status, 503);
+    EXPECT_EQ(nlohmann::json::parse(refusal->body), ErrorBody("Too many event-stream clients."));
+    EXPECT_TRUE(second.ReadUntilClosed());
+
+    first.reset();
+    ASSERT_TRUE(NyTest::Eventually([this] { return server->EventClientCount() == 0; }));
+    auto third = OpenStream(server->Port());
+    EXPECT_EQ(server->EventClientCount(), 1u);
+}
+
+TEST_F(HttpServerTest, StopClosesStreamsAndIdleConnectionsWithoutWaitingForTimeouts) {
+    auto options = Options();
+    options.readTimeout = 600s;
+    options.eventKeepAlive = 600s;
+    StartServer(options);
+    auto stream = OpenStream(server->Port());
+    Client idle(server->Port());
+    ASSERT_TRUE(idle.Send(Request("GET", "/x")));
+    ASSERT_TRUE(idle.ReadReply());
+    Client partial(server->Port());
+    ASSERT_TRUE(partial.Send("GET /x HTTP/1.1\r\nHost: te"));
+
+    const auto started = std::chrono::steady_clock::now();
+    server->Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 60s);  // far below any time-out above
+    for (Client* client : {stream.get(), &idle, &partial}) {
+        EXPECT_TRUE(client->ReadUntilClosed());
+    }
+    server->PublishEvent("late", "ignored");  // after Stop: nothing to do, nothing to crash
+    Client refused(server->Port());
+    EXPECT_FALSE(refused.Connected());
+}
+
+TEST_F(HttpServerTest, StopWaitsForTheHandlerInProgress) {
+    auto returned = std::make_shared<std::atomic<bool>>(false);
+    handler = [this, returned](const HttpRequest& request) {
+        entered.Open();
+        release.Wait(30s);
+        *returned = true;
+        return Echo(request);
+    };
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send(Request("POST", "/create")));
+    ASSERT_TRUE(entered.Wait());
+
+    auto stopped = std::async(std::launch::async, [server = server.get()] { server->Stop(); });
+    // Stop closes the connection first, then waits for the worker: the handler is still held.
+    EXPECT_TRUE(client.ReadUntilClosed());
+    EXPECT_EQ(stopped.wait_for(0s), std::future_status::timeout);
+    release.Open();
+    ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
+    EXPECT_TRUE(*returned);
+}
+
+TEST_F(HttpServerTest, StartFailsWithNyExceptionWhenThePortIsTaken) {
+    StartServer();
+    auto options = Options();
+    options.port = server->Port();
+    HttpServer second(options, [](const HttpRequest&) { return HttpResponse{}; });
+    try {
+        second.Start();
+        FAIL() << "bound a port already in use";
+    } catch (const Ny::Exception& e) {
+        EXPECT_EQ(e.Status(), 0);
+        EXPECT_NE(e.Message().find("Listening on 127.0.0.1:" + std::to_string(server->Port()) + " failed"),
+                  std::string::npos);
+    }
+}
+
+}  // namespace
