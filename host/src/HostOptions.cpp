@@ -1,11 +1,24 @@
 #include "HostOptions.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string_view>
 
 namespace NyHost {
 
 namespace {
+
+// Digits only, at most `maximum`: no sign, no blanks, nothing that strtoul would wrap or skip.
+bool ParseNumber(const std::string& text, unsigned long maximum, unsigned long& out) {
+    if (text.empty() || text.size() > 10 ||
+        !std::all_of(text.begin(), text.end(), [](unsigned char c) { return c >= '0' && c <= '9'; })) {
+        return false;
+    }
+    out = std::stoul(text);
+    return out <= maximum;
+}
 
 bool ParseListen(const std::string& value, HostOptions& options, std::string& error) {
     const auto colon = value.rfind(':');
@@ -17,9 +30,8 @@ bool ParseListen(const std::string& value, HostOptions& options, std::string& er
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);  // [::1]:8080
     }
-    char* end = nullptr;
-    const unsigned long port = std::strtoul(value.c_str() + colon + 1, &end, 10);
-    if (*end != '\0' || port > 65535) {
+    unsigned long port = 0;
+    if (!ParseNumber(value.substr(colon + 1), 65535, port)) {
         error = "--listen: invalid port in \"" + value + "\"";
         return false;
     }
@@ -29,13 +41,158 @@ bool ParseListen(const std::string& value, HostOptions& options, std::string& er
 }
 
 bool ParseCount(const std::string& name, const std::string& value, unsigned& out, std::string& error) {
-    char* end = nullptr;
-    const unsigned long n = std::strtoul(value.c_str(), &end, 10);
-    if (value.empty() || *end != '\0' || n == 0 || n > 100000) {
-        error = name + " expects a positive number, got \"" + value + "\"";
+    unsigned long n = 0;
+    if (!ParseNumber(value, 100000, n) || n == 0) {
+        error = name + " expects a number from 1 to 100000, got \"" + value + "\"";
         return false;
     }
     out = static_cast<unsigned>(n);
+    return true;
+}
+
+// Step 1: the command line, each option into its field; nothing is checked against another option yet.
+bool ReadArguments(int argc, char** argv, HostOptions& options, std::string& error) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= argc) {
+                error = arg + " expects a value";
+                return false;
+            }
+            out = argv[++i];
+            return true;
+        };
+        auto nonEmpty = [&](std::vector<std::string>& list) {
+            std::string text;
+            if (!value(text)) {
+                return false;
+            }
+            if (text.empty()) {
+                error = arg + " expects a name, got an empty text";
+                return false;
+            }
+            list.push_back(text);
+            return true;
+        };
+        std::string text;
+        bool ok = true;
+        if (arg == "--help" || arg == "-h") {
+            options.help = true;
+        } else if (arg == "--listen") {
+            ok = value(text) && ParseListen(text, options, error);
+        } else if (arg == "--plugins") {
+            ok = value(options.pluginDir);
+        } else if (arg == "--web") {
+            ok = value(options.webDir);
+        } else if (arg == "--log-level") {
+            ok = value(options.logLevel);
+            if (ok && options.logLevel != "none" && options.logLevel != "error" &&
+                options.logLevel != "info" && options.logLevel != "debug") {
+                error = "--log-level expects none, error, info or debug";
+                ok = false;
+            }
+        } else if (arg == "--token") {
+            ok = value(options.token);
+            options.warnings.push_back(
+                "--token puts the token on the command line, which is visible to local users; prefer "
+                "--token-file or NYR_TOKEN");
+        } else if (arg == "--token-file") {
+            ok = value(options.tokenFile);
+        } else if (arg == "--insecure-remote") {
+            options.insecureRemote = true;
+        } else if (arg == "--allow-host") {
+            ok = nonEmpty(options.allowHosts);
+        } else if (arg == "--allow-origin") {
+            ok = nonEmpty(options.allowOrigins);
+        } else if (arg == "--tls-cert") {
+            ok = value(options.tlsCertFile);
+        } else if (arg == "--tls-key") {
+            ok = value(options.tlsKeyFile);
+        } else if (arg == "--max-connections") {
+            ok = value(text) && ParseCount(arg, text, options.maxConnections, error);
+        } else if (arg == "--max-event-clients") {
+            ok = value(text) && ParseCount(arg, text, options.maxEventClients, error);
+        } else if (arg == "--bench-fixed-reply") {
+            ok = value(text) && ParseCount(arg, text, options.fixedReplyBytes, error);
+        } else if (arg == "--workers") {
+            ok = value(text) && ParseCount(arg, text, options.workerThreads, error);
+        } else {
+            error = "unknown option " + arg;
+            ok = false;
+        }
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Step 2: the token, from --token-file, --token or NYR_TOKEN (in that order of precedence; a file and
+// --token together are a mistake), checked for length.
+bool ReadToken(HostOptions& options, std::string& error) {
+    if (!options.tokenFile.empty()) {
+        if (!options.token.empty()) {
+            error = "--token and --token-file both give a token; use one";
+            return false;
+        }
+        std::ifstream file(options.tokenFile, std::ios::binary);
+        std::ostringstream content;
+        if (!file || !(content << file.rdbuf())) {
+            error = "--token-file: cannot read \"" + options.tokenFile + "\"";
+            return false;
+        }
+        options.token = content.str();
+        while (!options.token.empty() && (options.token.back() == '\n' || options.token.back() == '\r')) {
+            options.token.pop_back();
+        }
+        if (options.token.empty()) {
+            error = "--token-file: \"" + options.tokenFile + "\" is empty";
+            return false;
+        }
+    } else if (options.token.empty()) {
+        if (const char* token = std::getenv("NYR_TOKEN"); token != nullptr) {
+            options.token = token;
+        }
+    }
+    if (options.token.empty()) {
+        return true;
+    }
+    if (options.token.size() < HostOptions::kMinTokenLength) {
+        error = "the token must have at least 16 characters";
+        return false;
+    }
+    // A header cannot carry these, so such a token could never be presented.
+    if (std::any_of(options.token.begin(), options.token.end(),
+                    [](unsigned char c) { return c <= ' ' || c == 0x7F; })) {
+        error = "the token must not contain blanks or control characters";
+        return false;
+    }
+    return true;
+}
+
+// Step 3: TLS needs both files.
+bool CheckTls(const HostOptions& options, std::string& error) {
+    if (options.tlsCertFile.empty() != options.tlsKeyFile.empty()) {
+        error = options.tlsCertFile.empty() ? "--tls-key needs --tls-cert" : "--tls-cert needs --tls-key";
+        return false;
+    }
+    return true;
+}
+
+// Step 4: a port reachable from other machines gets TLS and a token, unless the operator says otherwise.
+bool CheckExposure(const HostOptions& options, std::string& error) {
+    if (options.help || IsLoopback(options.address) || options.insecureRemote) {
+        return true;
+    }
+    const bool tls = !options.tlsCertFile.empty();
+    const bool token = !options.token.empty();
+    if (!tls || !token) {
+        error = "listening on " + options.address + " needs TLS (--tls-cert and --tls-key) and a token " +
+                "(--token-file or NYR_TOKEN); missing: " + (tls ? "" : "TLS") +
+                (!tls && !token ? " and " : "") + (token ? "" : "token") +
+                " (--insecure-remote serves without them)";
+        return false;
+    }
     return true;
 }
 
@@ -49,9 +206,16 @@ std::string Usage() {
            "  --plugins DIR            plug-in folder (default: ../plugins beside the executable's folder)\n"
            "  --web DIR                folder of the web console\n"
            "  --log-level LEVEL        none, error, info (default) or debug\n"
-           "  --token TOKEN            require \"Authorization: Bearer TOKEN\" (or set NYR_TOKEN)\n"
-           "  --insecure-remote        allow a non-loopback address without a token\n"
+           "  --token-file PATH        require \"Authorization: Bearer TOKEN\", TOKEN read from PATH (or "
+           "set\n"
+           "                           NYR_TOKEN); at least 16 characters\n"
+           "  --token TOKEN            the same, from the command line (visible to local users)\n"
+           "  --allow-host NAME        also accept Host: NAME (with or without :PORT; repeatable)\n"
            "  --allow-origin ORIGIN    allow cross-origin requests from ORIGIN (repeatable)\n"
+           "  --tls-cert PEM           serve HTTPS with this certificate chain (with --tls-key)\n"
+           "  --tls-key PEM            the certificate's private key\n"
+           "  --insecure-remote        allow a non-loopback address without TLS and a token\n"
+           "  --max-connections N      connections open at once (default 512)\n"
            "  --max-event-clients N    event-stream clients at most (default 64)\n"
            "  --workers N              request worker threads (default 16)\n"
            "  --bench-fixed-reply N    serve a fixed reply of N bytes at /bench/fixed (for benchmarks)\n"
@@ -61,74 +225,13 @@ std::string Usage() {
 
 std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& error) {
     HostOptions options;
-    if (const char* token = std::getenv("NYR_TOKEN"); token != nullptr) {
-        options.token = token;
+    if (!ReadArguments(argc, argv, options, error)) {
+        return std::nullopt;
     }
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= argc) {
-                error = std::string(arg) + " expects a value";
-                return false;
-            }
-            out = argv[++i];
-            return true;
-        };
-        std::string text;
-        if (arg == "--help" || arg == "-h") {
-            options.help = true;
-        } else if (arg == "--listen") {
-            if (!value(text) || !ParseListen(text, options, error)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--plugins") {
-            if (!value(options.pluginDir)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--web") {
-            if (!value(options.webDir)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--log-level") {
-            if (!value(options.logLevel)) {
-                return std::nullopt;
-            }
-            if (options.logLevel != "none" && options.logLevel != "error" && options.logLevel != "info" &&
-                options.logLevel != "debug") {
-                error = "--log-level expects none, error, info or debug";
-                return std::nullopt;
-            }
-        } else if (arg == "--token") {
-            if (!value(options.token)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--insecure-remote") {
-            options.insecureRemote = true;
-        } else if (arg == "--allow-origin") {
-            if (!value(text)) {
-                return std::nullopt;
-            }
-            options.allowOrigins.push_back(text);
-        } else if (arg == "--max-event-clients") {
-            if (!value(text) || !ParseCount("--max-event-clients", text, options.maxEventClients, error)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--bench-fixed-reply") {
-            if (!value(text) || !ParseCount("--bench-fixed-reply", text, options.fixedReplyBytes, error)) {
-                return std::nullopt;
-            }
-        } else if (arg == "--workers") {
-            if (!value(text) || !ParseCount("--workers", text, options.workerThreads, error)) {
-                return std::nullopt;
-            }
-        } else {
-            error = "unknown option " + std::string(arg);
-            return std::nullopt;
-        }
+    if (options.help) {
+        return options;
     }
-    if (!options.help && !IsLoopback(options.address) && options.token.empty() && !options.insecureRemote) {
-        error = "listening on " + options.address +
-                " needs a token (--token or NYR_TOKEN), or --insecure-remote to serve without one";
+    if (!ReadToken(options, error) || !CheckTls(options, error) || !CheckExposure(options, error)) {
         return std::nullopt;
     }
     return options;

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "HostReplies.h"
 #include "NyApi/Logging.h"
 
 namespace NyHost {
@@ -23,14 +24,8 @@ const char* EventWord(NyRest::EventType type) {
     return "updated";
 }
 
-// Takes time that depends only on the expected text's length, so a caller cannot find the token byte by byte.
-bool ConstantTimeEquals(const std::string& given, const std::string& expected) {
-    unsigned char difference = given.size() == expected.size() ? 0 : 1;
-    for (size_t i = 0; i < expected.size(); ++i) {
-        const char byte = i < given.size() ? given[i] : '\0';
-        difference |= static_cast<unsigned char>(byte ^ expected[i]);
-    }
-    return difference == 0;
+std::string RequestPath(const HttpRequest& request) {
+    return request.target.substr(0, request.target.find('?'));
 }
 
 }  // namespace
@@ -44,7 +39,7 @@ HostService::~HostService() {
 }
 
 void HostService::Start() {
-    std::lock_guard guard(lifecycleMutex);
+    Ny::MutexLock lock(lifecycleMutex);
     for (const auto& refused : plugins.LoadDirectory(pluginDir)) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refused.c_str());
     }
@@ -56,16 +51,23 @@ void HostService::Start() {
     serverOptions.port = options.port;
     serverOptions.workerThreads = options.workerThreads;
     serverOptions.maxEventClients = options.maxEventClients;
+    serverOptions.maxConnections = options.maxConnections;
+    serverOptions.tlsCertFile = options.tlsCertFile;
+    serverOptions.tlsKeyFile = options.tlsKeyFile;
+    serverOptions.mayWait = [](const HttpRequest& request) { return MayWait(request); };
+    // The policy asks the server for the bound port; the server is set before it can take a request.
+    policy = std::make_unique<RequestPolicy>(
+        RequestPolicy::Settings{options.address, options.allowHosts, options.allowOrigins, options.token},
+        [this] { return server->Port(); });
     server = std::make_unique<HttpServer>(
         serverOptions, [this](const HttpRequest& request) { return Handle(request); },
-        [this](const HttpRequest& request) { return Filter(request); });
+        [this](const HttpRequest& request) { return policy->Check(request); });
     // Notifications come from request, routine and timer threads; PublishEvent only queues.
-    notificationHandle =
-        router.NotificationEvent().Subscribe([this](NyRest::EventType type, std::string path) {
-            // Written by hand so that "type" comes first, as clients read it.
+    notifications =
+        router.NotificationEvent().SubscribeScoped([this](NyRest::EventType type, std::string path) {
+            // Written by hand so that "type" comes first, as clients read it. A path is the client's text.
             const std::string word = EventWord(type);
-            server->PublishEvent(word,
-                                 "{\"type\":\"" + word + "\",\"path\":" + nlohmann::json(path).dump() + "}");
+            server->PublishEvent(word, "{\"type\":\"" + word + "\",\"path\":" + SafeDump(path) + "}");
         });
     server->Start();
 }
@@ -79,7 +81,7 @@ std::string HostService::Address() const {
 }
 
 void HostService::Rescan() {
-    std::lock_guard guard(lifecycleMutex);
+    Ny::MutexLock lock(lifecycleMutex);
     if (shutDown || !module) {
         return;
     }
@@ -88,37 +90,38 @@ void HostService::Rescan() {
     }
 }
 
-std::optional<HttpResponse> HostService::Filter(const HttpRequest& request) const {
-    // The console's own files hold no data: a browser must load them before it can ask for the token.
-    const std::string path = request.target.substr(0, request.target.find('?'));
-    const bool consoleFile = request.method == "GET" && StaticFiles::Handles(path);
-    if (!options.token.empty() && !consoleFile) {
-        const std::string* authorization = request.Header("Authorization");
-        const std::string expected = "Bearer " + options.token;
-        if (authorization == nullptr || !ConstantTimeEquals(*authorization, expected)) {
-            HttpResponse refusal = JsonErrorReply(401, "A valid bearer token is required.");
-            refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
-            return refusal;
-        }
-    }
-    // Browsers send Origin on cross-origin requests; the console itself is same-origin.
-    if (const std::string* origin = request.Header("Origin"); origin != nullptr) {
-        const std::string* host = request.Header("Host");
-        const bool sameOrigin =
-            host != nullptr && (*origin == "http://" + *host || *origin == "https://" + *host);
-        bool allowed = sameOrigin;
-        for (const auto& allowedOrigin : options.allowOrigins) {
-            allowed = allowed || *origin == allowedOrigin;
-        }
-        if (!allowed) {
-            return JsonErrorReply(403, "Cross-origin requests are not allowed from " + *origin + ".");
-        }
-    }
-    return std::nullopt;
+bool HostService::MayWait(const HttpRequest& request) {
+    // A creation waits for its continue, a deletion for the routine's code to stop, a factory restore
+    // clears every routine (and so waits for each).
+    const std::string path = RequestPath(request);
+    return (request.method == "POST" && (path == "/routines" || path == "/routines/")) ||
+           (request.method == "DELETE" && path.rfind("/routines", 0) == 0) ||
+           (request.method == "POST" && path == "/system/commands/factoryRestore");
 }
 
 HttpResponse HostService::Handle(const HttpRequest& request) {
-    const std::string path = request.target.substr(0, request.target.find('?'));
+    HttpResponse response;
+    try {
+        response = Serve(request);
+    } catch (const std::exception& e) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "%1$s %2$s failed: %3$s",
+               ForLog(request.method, 16).c_str(), ForLog(request.target).c_str(), ForLog(e.what()).c_str());
+        response = ErrorReply(500, "The request failed.");
+    } catch (...) {
+        response = ErrorReply(500, "The request failed with an unknown error.");
+    }
+    try {
+        const bool api = !StaticFiles::Handles(RequestPath(request));
+        policy->Decorate(request, response, api);
+        policy->Audit(request, response.status, policy->TokenRequired());
+    } catch (...) {
+        // Only an allocation can fail here; the reply stands without its extras.
+    }
+    return response;
+}
+
+HttpResponse HostService::Serve(const HttpRequest& request) {
+    const std::string path = RequestPath(request);
     if (StaticFiles::Handles(path)) {
         return webFiles.Serve(request.method, path);
     }
@@ -128,7 +131,10 @@ HttpResponse HostService::Handle(const HttpRequest& request) {
         ~Done() { --count; }
     } done{requestsInProgress};
     if (stopping.load()) {
-        return JsonErrorReply(503, "The service is shutting down.");
+        return ErrorReply(503, "The service is shutting down.");
+    }
+    if (!IsValidUtf8(request.body)) {
+        return ErrorReply(400, "The request body is not valid UTF-8.");
     }
     const NyRest::Response reply = router.DispatchRaw(request.method, request.target, request.body);
     HttpResponse response;
@@ -136,7 +142,8 @@ HttpResponse HostService::Handle(const HttpRequest& request) {
     response.headers = reply.headers;
     response.headers.emplace_back("Content-Type", "application/json");
     if (reply.status != 204) {
-        response.body = reply.body.dump();
+        // The body may quote the client's path or body, which need not be UTF-8.
+        response.body = SafeDump(reply.body);
     }
     return response;
 }
@@ -160,7 +167,7 @@ void HostService::ReleaseRequestsInProgress() {
 }
 
 void HostService::Shutdown() {
-    std::lock_guard guard(lifecycleMutex);
+    Ny::MutexLock lock(lifecycleMutex);
     if (shutDown) {
         return;
     }
@@ -170,9 +177,10 @@ void HostService::Shutdown() {
         ReleaseRequestsInProgress();
     }
     if (server) {
+        // Drains: every request received gets its reply (503 from here on) before the connections close.
         server->Stop();
-        router.NotificationEvent().Unsubscribe(notificationHandle);
     }
+    notifications.Reset();
     operatorResources.reset();
     module.reset();
     server.reset();

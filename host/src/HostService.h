@@ -2,25 +2,34 @@
 // manager (every plug-in library of the folder, in name order), the routine module and the host's
 // operator resources, and serves them over HTTP with live events and the web console.
 //
+// Every request passes the host's `RequestPolicy` (Host, Origin, token) on the transport's I/O thread
+// before it reaches the router; every reply is written so that no byte a client sent can make writing
+// it fail. Requests that may wait for a person or for routine code (creations, deletions, a factory
+// restore) run on the transport's waiting lane, so that they never hold a worker that the request
+// releasing them needs.
+//
 // Lifetime: `Start` once, then `Rescan` any number of times, then `Shutdown` (also run by the
-// destructor). Shut-down refuses new requests, releases creations that wait for a continue by
-// clearing every routine, closes the event streams, waits for requests in progress, and takes the
-// parts down in reverse order of construction. `Rescan` and `Shutdown` come from the signal thread.
+// destructor). Shut-down answers new requests 503, releases creations that wait for a continue by
+// clearing every routine, and then relies on the server's drain: every request it received gets a
+// whole reply before the connections close. The parts go down in reverse order of construction.
+// `Rescan` and `Shutdown` come from the signal thread.
 #pragma once
 
 #include <atomic>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "HostOptions.h"
 #include "HttpServer.h"
+#include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyCore/Core.h"
 #include "NyPlugin/PluginManager.h"
 #include "NyRest/ResourceRouter.h"
 #include "NyRoutine/RoutineModule.h"
 #include "OperatorResources.h"
+#include "RequestPolicy.h"
 #include "StaticFiles.h"
 
 namespace NyHost {
@@ -33,17 +42,20 @@ class HostService {
     HostService& operator=(const HostService&) = delete;
 
     // Loads the plug-ins, builds the module and starts serving. Throws when the address cannot be bound.
-    void Start();
+    void Start() NY_EXCLUDES(lifecycleMutex);
     std::uint16_t Port() const;
     std::string Address() const;
     // Loads new plug-in files of the folder and unloads removed ones.
-    void Rescan();
-    void Shutdown();
+    void Rescan() NY_EXCLUDES(lifecycleMutex);
+    void Shutdown() NY_EXCLUDES(lifecycleMutex);
 
   private:
+    // Runs on a worker or waiting thread; never throws.
     HttpResponse Handle(const HttpRequest& request);
-    std::optional<HttpResponse> Filter(const HttpRequest& request) const;
-    void ReleaseRequestsInProgress();
+    HttpResponse Serve(const HttpRequest& request);
+    // True for requests that may block for a person or for routine code; see the class comment.
+    static bool MayWait(const HttpRequest& request);
+    void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
 
     HostOptions options;
     std::filesystem::path pluginDir;
@@ -54,13 +66,15 @@ class HostService {
     NyPlugin::PluginManager plugins;
     std::unique_ptr<NyRoutine::RoutineModule> module;
     std::unique_ptr<OperatorResources> operatorResources;
+    std::unique_ptr<RequestPolicy> policy;
     std::unique_ptr<HttpServer> server;
-    Ny::Event<NyRest::EventType, std::string>::Handle notificationHandle = 0;
+    Ny::Subscription notifications;  // router notifications to event clients; reset before the server goes
 
     std::atomic<bool> stopping{false};       // set once by Shutdown; read by request threads
     std::atomic<int> requestsInProgress{0};  // router dispatches running now
-    std::mutex lifecycleMutex;               // serializes Start, Rescan and Shutdown
-    bool shutDown = false;                   // guarded by lifecycleMutex
+    // Serializes Start, Rescan and Shutdown; taken by nothing else, so it has no order with other locks.
+    Ny::Mutex lifecycleMutex;
+    bool shutDown NY_GUARDED_BY(lifecycleMutex) = false;
 };
 
 }  // namespace NyHost

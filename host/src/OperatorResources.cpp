@@ -10,11 +10,26 @@ nlohmann::json SystemResource::GetDocument(const NyRest::RequestInfo&, NyRest::R
 }
 
 void SystemResource::UpdateDocument(const NyRest::RequestInfo&, const nlohmann::json& body) {
-    if (!body.is_object() || !body.contains("runState") || !body["runState"].is_number_integer()) {
+    if (!body.is_object() || !body.contains("runState")) {
         throw NY_EXCEPTION(-997, "The body must be an object with an integer \"runState\".");
     }
-    core.SetRunState(body["runState"].get<int>());
+    core.SetRunState(RunStateFrom(body["runState"]));
     NotificationEvent().Raise(*this, NyRest::EventType::Updated, "/system");
+}
+
+int SystemResource::RunStateFrom(const nlohmann::json& value) {
+    // Read as the widest integer first and checked, never narrowed: a JSON number of any size must not
+    // wrap into a different state.
+    const bool inRange =
+        (value.is_number_unsigned() &&
+         value.get<std::uint64_t>() <= static_cast<std::uint64_t>(kMaxRunState)) ||
+        (value.is_number_integer() && !value.is_number_unsigned() &&
+         value.get<std::int64_t>() >= kMinRunState && value.get<std::int64_t>() <= kMaxRunState);
+    if (!inRange) {
+        throw NY_EXCEPTION(-997, "\"runState\" must be an integer from %1$d to %2$d.", kMinRunState,
+                           kMaxRunState);
+    }
+    return static_cast<int>(value.get<std::int64_t>());
 }
 
 nlohmann::json FactoryRestoreCommand::Call(const NyRest::RequestInfo&, const nlohmann::json&) {

@@ -6,6 +6,8 @@
 // Owned by the host service; registered for their lifetime. Request threads only.
 #pragma once
 
+#include <cstdint>
+#include <limits>
 #include <memory>
 
 #include <nlohmann/json.hpp>
@@ -22,8 +24,15 @@ class SystemResource : public NyRest::DocumentResourceBase {
   public:
     explicit SystemResource(NyCore::Core& core) : core(core) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
-    // Throws -997 unless the body is an object with an integer "runState".
+    // Throws -997 unless the body is an object with an integer "runState" within the run states.
     void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
+
+    // Run states are codes the core compares (1: running); the core stores an int, and no code is
+    // negative, so the domain is 0 to the largest int.
+    static constexpr int kMinRunState = 0;
+    static constexpr int kMaxRunState = std::numeric_limits<int>::max();
+    // The run state `value` names; throws -997 for anything but an integer in that domain.
+    static int RunStateFrom(const nlohmann::json& value);
 
   private:
     NyCore::Core& core;

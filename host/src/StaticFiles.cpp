@@ -5,6 +5,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "HostReplies.h"
+
 namespace NyHost {
 
 namespace {
@@ -63,13 +65,13 @@ std::optional<std::filesystem::path> StaticFiles::Resolve(const std::string& pat
 
 HttpResponse StaticFiles::Serve(const std::string& method, const std::string& path) const {
     if (method != "GET" && method != "HEAD") {
-        HttpResponse response = JsonErrorReply(405, "Method not allowed.");
+        HttpResponse response = ErrorReply(405, "Method not allowed.");
         response.headers.emplace_back("Allow", "GET, HEAD");
         return response;
     }
     const auto file = Resolve(path);
     if (!file) {
-        return JsonErrorReply(404, "Not found.");
+        return ErrorReply(404, "Not found.");
     }
     std::ifstream in(*file, std::ios::binary);
     std::ostringstream content;
@@ -78,6 +80,10 @@ HttpResponse StaticFiles::Serve(const std::string& method, const std::string& pa
     response.headers.emplace_back("Content-Type", ContentType(*file));
     response.headers.emplace_back("Cache-Control", "no-cache");
     response.headers.emplace_back("X-Content-Type-Options", "nosniff");
+    // The console runs only its own files (no inline code, no foreign sources) and may not be framed by
+    // another page; its address, which may carry a name of the device, is not handed on to links.
+    response.headers.emplace_back("Content-Security-Policy", "default-src 'self'; frame-ancestors 'none'");
+    response.headers.emplace_back("Referrer-Policy", "no-referrer");
     response.body = method == "HEAD" ? std::string() : content.str();
     return response;
 }

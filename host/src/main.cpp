@@ -8,11 +8,11 @@
 #include <ctime>
 #include <filesystem>
 #include <iostream>
-#include <mutex>
 
 #include "HostOptions.h"
 #include "HostService.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Mutex.h"
 #include "NyRuntime/Runtime.h"
 
 namespace {
@@ -50,7 +50,8 @@ bool Passes(const std::string& level, std::uint64_t word) {
 }
 
 void InstallLogSinks(const std::string& level) {
-    static std::mutex stderrMutex;  // one line at a time on stderr
+    // Guards stderr, one line at a time; taken by the log sinks only, with no other lock held.
+    static Ny::Mutex stderrMutex;
     auto timestamp = [] {
         const auto now = std::chrono::system_clock::now();
         const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
@@ -68,14 +69,14 @@ void InstallLogSinks(const std::string& level) {
         if (!Passes(level, record.levelWord)) {
             return;
         }
-        std::lock_guard guard(stderrMutex);
+        Ny::MutexLock lock(stderrMutex);
         std::fprintf(stderr, "%s 0x%016llx [%s] %s\n", timestamp().c_str(),
                      static_cast<unsigned long long>(record.levelWord), record.context.c_str(),
                      record.text.c_str());
     });
     if (level == "debug") {
         NyRt::SetLogSink([timestamp](std::string_view line) {
-            std::lock_guard guard(stderrMutex);
+            Ny::MutexLock lock(stderrMutex);
             std::fprintf(stderr, "%s runtime %.*s\n", timestamp().c_str(), static_cast<int>(line.size()),
                          line.data());
         });
@@ -105,6 +106,9 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    for (const auto& warning : options->warnings) {
+        std::cerr << "routine-host: warning: " << warning << "\n";
+    }
     InstallLogSinks(options->logLevel);
     const std::filesystem::path pluginDir = options->pluginDir.empty()
                                                 ? ExecutableDir() / ".." / "plugins"
@@ -121,8 +125,9 @@ int main(int argc, char** argv) {
     }
     const std::string address = service.Address();
     const bool ipv6 = address.find(':') != std::string::npos;
-    std::cout << "listening on http://" << (ipv6 ? "[" + address + "]" : address) << ":" << service.Port()
-              << std::endl;
+    const char* scheme = options->tlsCertFile.empty() ? "http" : "https";
+    std::cout << "listening on " << scheme << "://" << (ipv6 ? "[" + address + "]" : address) << ":"
+              << service.Port() << std::endl;
 
     for (;;) {
         int signal = 0;

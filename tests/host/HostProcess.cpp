@@ -1,6 +1,7 @@
 #include "HostProcess.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
@@ -101,29 +102,113 @@ HttpReply HttpConnection::ReadReply() {
     return reply;
 }
 
-HostProcess::HostProcess(std::vector<std::string> extraArguments) {
+namespace {
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (auto& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> Environment(const std::vector<std::string>& additions) {
+    std::vector<std::string> all;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        all.emplace_back(*entry);
+    }
+    all.insert(all.end(), additions.begin(), additions.end());
+    return all;
+}
+
+std::vector<std::string> Arguments(const std::vector<std::string>& extra) {
+    std::vector<std::string> arguments = {NYR_HOST, "--listen",  "127.0.0.1:0", "--plugins", NYR_PLUGIN_DIR,
+                                          "--web",  NYR_WEB_DIR, "--log-level", "error"};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return arguments;
+}
+
+std::string TemporaryFile() {
+    char name[] = "/tmp/host-test-XXXXXX";
+    const int fd = mkstemp(name);
+    if (fd < 0) {
+        throw std::runtime_error("mkstemp failed");
+    }
+    ::close(fd);
+    return name;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::string content;
+    if (FILE* file = std::fopen(path.c_str(), "r"); file != nullptr) {
+        char buffer[4096];
+        size_t n = 0;
+        while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+            content.append(buffer, n);
+        }
+        std::fclose(file);
+    }
+    return content;
+}
+
+}  // namespace
+
+HostExit RunHostToExit(const std::vector<std::string>& extraArguments,
+                       const std::vector<std::string>& environment, std::chrono::milliseconds timeout) {
+    std::vector<std::string> arguments = Arguments(extraArguments);
+    std::vector<std::string> variables = Environment(environment);
+    const std::string output = TemporaryFile();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_TRUNC, 0);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    pid_t pid = -1;
+    const bool spawned = posix_spawn(&pid, NYR_HOST, &actions, nullptr, Pointers(arguments).data(),
+                                     Pointers(variables).data()) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    HostExit result;
+    if (!spawned) {
+        throw std::runtime_error("cannot start routine-host");
+    }
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) != pid) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            result.output = ReadFile(output);
+            std::remove(output.c_str());
+            return result;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.output = ReadFile(output);
+    std::remove(output.c_str());
+    return result;
+}
+
+HostProcess::HostProcess(std::vector<std::string> extraArguments, std::vector<std::string> environment) {
     int output[2];
     if (pipe(output) != 0) {
         throw std::runtime_error("pipe failed");
     }
-    std::vector<std::string> arguments = {NYR_HOST, "--listen",  "127.0.0.1:0", "--plugins", NYR_PLUGIN_DIR,
-                                          "--web",  NYR_WEB_DIR, "--log-level", "error"};
-    arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<std::string> arguments = Arguments(extraArguments);
+    std::vector<std::string> variables = Environment(environment);
+    logFile = TemporaryFile();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, output[0]);
-    if (posix_spawn(&pid, NYR_HOST, &actions, nullptr, argv.data(), environ) != 0) {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile.c_str(), O_WRONLY | O_APPEND, 0);
+    if (posix_spawn(&pid, NYR_HOST, &actions, nullptr, Pointers(arguments).data(),
+                    Pointers(variables).data()) != 0) {
         throw std::runtime_error("cannot start routine-host");
     }
     posix_spawn_file_actions_destroy(&actions);
     ::close(output[1]);
-    // The host prints one line when it is ready: "listening on http://127.0.0.1:<port>".
+    // The host prints one line when it is ready: "listening on http(s)://127.0.0.1:<port>".
     std::string line;
     char c;
     timeval tv{30, 0};
@@ -138,10 +223,14 @@ HostProcess::HostProcess(std::vector<std::string> extraArguments) {
     }
     ::close(output[0]);
     const size_t colon = line.rfind(':');
-    if (line.rfind("listening on http://", 0) != 0 || colon == std::string::npos) {
-        throw std::runtime_error("routine-host did not start: " + line);
+    if (line.rfind("listening on http", 0) != 0 || colon == std::string::npos) {
+        throw std::runtime_error("routine-host did not start: " + line + ReadFile(logFile));
     }
     port = std::stoi(line.substr(colon + 1));
+}
+
+std::string HostProcess::Log() const {
+    return ReadFile(logFile);
 }
 
 HostProcess::~HostProcess() {
@@ -149,6 +238,7 @@ HostProcess::~HostProcess() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
+    std::remove(logFile.c_str());
 }
 
 long HostProcess::ResidentKiB() const {
@@ -186,7 +276,13 @@ int HostProcess::Terminate(std::chrono::milliseconds timeout) {
 HttpReply HostProcess::Request(const std::string& method, const std::string& target, const std::string& body,
                                const std::vector<std::string>& headers) {
     HttpConnection connection(port);
-    std::string request = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
+    // A Host among `headers` replaces the one that names this host.
+    bool ownHost = false;
+    for (const auto& header : headers) {
+        ownHost = ownHost || strncasecmp(header.c_str(), "Host:", 5) == 0;
+    }
+    std::string request = method + " " + target + " HTTP/1.1\r\n" + (ownHost ? "" : HostHeader() + "\r\n") +
+                          "Connection: close\r\n";
     for (const auto& header : headers) {
         request += header + "\r\n";
     }

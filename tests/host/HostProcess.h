@@ -38,14 +38,32 @@ class HttpConnection {
     std::string pending;
 };
 
+// What a host run that was expected to refuse its options left behind.
+struct HostExit {
+    int status = -1;     // exit status; -1: still running after the time-out (then killed)
+    std::string output;  // stdout and stderr together
+};
+
+// Runs routine-host with these arguments (after the test's own) and environment additions until it
+// exits, at most `timeout`.
+HostExit RunHostToExit(const std::vector<std::string>& extraArguments,
+                       const std::vector<std::string>& environment = {},
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
 class HostProcess {
   public:
-    explicit HostProcess(std::vector<std::string> extraArguments = {});
+    // `environment`: "NAME=value" entries added to the test's own environment.
+    explicit HostProcess(std::vector<std::string> extraArguments = {},
+                         std::vector<std::string> environment = {});
     ~HostProcess();  // SIGTERM, then SIGKILL if it does not exit
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
     int Port() const { return port; }
+    // "Host: 127.0.0.1:<port>", the header line that names this host.
+    std::string HostHeader() const { return "Host: 127.0.0.1:" + std::to_string(port); }
+    // What the host has written to stderr so far (its log).
+    std::string Log() const;
     // The host's resident memory in KiB, from /proc.
     long ResidentKiB() const;
     HttpReply Request(const std::string& method, const std::string& target, const std::string& body = "",
@@ -59,6 +77,7 @@ class HostProcess {
   private:
     pid_t pid = -1;
     int port = 0;
+    std::string logFile;  // the host's stderr; removed by the destructor
 };
 
 }  // namespace NyTest

@@ -33,7 +33,7 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     std::atomic<bool> streamDone{false};
     std::thread watcher([&] {
         HttpConnection events(host.Port(), std::chrono::seconds(seconds + 60));
-        events.SendRaw("GET /events HTTP/1.1\r\nHost: x\r\n\r\n");
+        events.SendRaw("GET /events HTTP/1.1\r\n" + host.HostHeader() + "\r\n\r\n");
         stream = events.ReadUntil([&](const std::string& data) {
             return streamDone.load() && data.find("\"path\":\"/soak-end\"") != std::string::npos;
         });
