@@ -27,8 +27,17 @@ std::string HttpReply::Header(const std::string& name) const {
     return {};
 }
 
-HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout) {
+HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout, const std::string& source) {
     socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (!source.empty()) {
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, source.c_str(), &local.sin_addr);
+        if (bind(socket, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+            ::close(socket);
+            throw std::runtime_error("cannot bind to " + source);
+        }
+    }
     timeval tv{static_cast<time_t>(timeout.count() / 1000),
                static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -38,6 +47,7 @@ HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout) {
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(socket);
         throw std::runtime_error("cannot connect to the host");
     }
 }
@@ -284,6 +294,9 @@ HttpReply HostProcess::Request(const std::string& method, const std::string& tar
     std::string request = method + " " + target + " HTTP/1.1\r\n" + (ownHost ? "" : HostHeader() + "\r\n") +
                           "Connection: close\r\n";
     for (const auto& header : headers) {
+        request += header + "\r\n";
+    }
+    for (const auto& header : alwaysHeaders) {
         request += header + "\r\n";
     }
     if (!body.empty() || method == "POST" || method == "PUT" || method == "PATCH") {

@@ -23,7 +23,10 @@ struct HttpReply {
 // One connection to the host, with a receive time-out so that no test waits without bound.
 class HttpConnection {
   public:
-    HttpConnection(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // `source`: the loopback address to connect from ("127.0.0.2" looks like another machine); empty:
+    // the system's choice.
+    HttpConnection(int port, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                   const std::string& source = "");
     ~HttpConnection();
     HttpConnection(const HttpConnection&) = delete;
     HttpConnection& operator=(const HttpConnection&) = delete;
@@ -71,6 +74,8 @@ class HostProcess {
     HttpReply Request(const std::string& method, const std::string& target, const nlohmann::json& body) {
         return Request(method, target, body.dump());
     }
+    // Headers sent with every Request from now on (set before clients run; not thread-safe).
+    void SendAlways(std::string header) { alwaysHeaders.push_back(std::move(header)); }
     // Sends SIGTERM and waits (bounded) for the exit; returns the exit status, or -1 on time-out.
     int Terminate(std::chrono::milliseconds timeout);
 
@@ -78,6 +83,7 @@ class HostProcess {
     pid_t pid = -1;
     int port = 0;
     std::string logFile;  // the host's stderr; removed by the destructor
+    std::vector<std::string> alwaysHeaders;
 };
 
 }  // namespace NyTest

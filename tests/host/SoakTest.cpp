@@ -1,8 +1,10 @@
-// Concurrency soak over real HTTP: eight clients do random creations, reads, parameter writes (valid
-// and refused), continues, aborts, deletions, delete-all and factory restores for a bounded time
-// (NYR_SOAK_SECONDS, 20 by default; run it longer by hand). Then: no 5xx reply, every request answered
-// within its time-out, every creation returned, nothing left after a final delete-all, the event stream
-// consistent with what was created, and the host's memory back near where it started.
+// Concurrency soak over real HTTP: eight clients with the token do random creations, reads, parameter
+// writes (valid and refused), continues, aborts, deletions, delete-all and factory restores for a
+// bounded time (NYR_SOAK_SECONDS, 20 by default; run it longer by hand), while hostile clients from
+// another loopback address send slowly, too much, garbage, no token, a foreign Host and bytes that are
+// not text. Then: no 5xx reply and no refusal for the good clients, every request answered within its
+// time-out, every creation returned, no hostile request served, nothing left after a final delete-all,
+// the event stream consistent with what was created, and the host's memory back near where it started.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -23,17 +25,66 @@ using nlohmann::json;
 using NyTest::HostProcess;
 using NyTest::HttpConnection;
 
+// The hostile clients connect from another loopback address, as another machine would.
+const std::string kHostileAddress = "127.0.0.2";
+constexpr unsigned kHostileKinds = 6;
+
+// One attack of the given kind; returns the status it got (0: none, the connection closed).
+int Attack(HostProcess& host, unsigned kind) {
+    HttpConnection connection(host.Port(), std::chrono::seconds(5), kHostileAddress);
+    const std::string hostLine = host.HostHeader() + "\r\n";
+    switch (kind) {
+        case 0: {
+            // Slow: a request line a few bytes at a time, abandoned before it ends.
+            const std::string start = "GET /routines HTTP/1.1\r\n" + hostLine;
+            for (size_t i = 0; i < start.size(); i += 8) {
+                connection.SendRaw(start.substr(i, 8));
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            return 0;
+        }
+        case 1:  // oversized body, then an oversized header
+            connection.SendRaw("POST /routines HTTP/1.1\r\n" + hostLine +
+                               "Content-Length: 100000000\r\n\r\n{");
+            return connection.ReadReply().status;
+        case 2: {
+            // Malformed: bytes that are no request.
+            std::string garbage(512, '\0');
+            for (size_t i = 0; i < garbage.size(); ++i) {
+                garbage[i] = static_cast<char>((i * 131 + 7) % 256);
+            }
+            connection.SendRaw(garbage + "\r\n\r\n");
+            return connection.ReadReply().status;
+        }
+        case 3:  // no token: refused, and soon slowed down, for this address only
+            connection.SendRaw("DELETE /routines/* HTTP/1.1\r\n" + hostLine +
+                               "Authorization: Bearer guess\r\n\r\n");
+            return connection.ReadReply().status;
+        case 4:  // a foreign Host, as a rebound web page sends it
+            connection.SendRaw("DELETE /routines/* HTTP/1.1\r\nHost: evil.example:" +
+                               std::to_string(host.Port()) + "\r\n\r\n");
+            return connection.ReadReply().status;
+        default:  // not text, with a token it does not have
+            connection.SendRaw("POST /routines HTTP/1.1\r\n" + hostLine +
+                               "Content-Length: 14\r\n\r\n{\"type\":\"\xff\xfe\"}");
+            return connection.ReadReply().status;
+    }
+}
+
 TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     const char* configured = std::getenv("NYR_SOAK_SECONDS");
     const int seconds = configured != nullptr ? std::atoi(configured) : 20;
-    HostProcess host;
+    const std::string token = "soak-token-0123456789";
+    HostProcess host({"--token", token});
+    host.SendAlways("Authorization: Bearer " + token);
 
     // The event stream, read to the end of the test on a thread of its own.
     std::string stream;
     std::atomic<bool> streamDone{false};
     std::thread watcher([&] {
         HttpConnection events(host.Port(), std::chrono::seconds(seconds + 60));
-        events.SendRaw("GET /events HTTP/1.1\r\n" + host.HostHeader() + "\r\n\r\n");
+        events.SendRaw("GET /events HTTP/1.1\r\n" + host.HostHeader() + "\r\nAuthorization: Bearer " + token +
+                       "\r\n\r\n");
         stream = events.ReadUntil([&](const std::string& data) {
             return streamDone.load() && data.find("\"path\":\"/soak-end\"") != std::string::npos;
         });
@@ -50,6 +101,9 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     std::atomic<int> requests{0};
     std::atomic<int> serverErrors{0};
     std::atomic<int> unanswered{0};
+    std::atomic<int> refusedGood{0};
+    std::atomic<int> hostileRequests{0};
+    std::atomic<int> hostileServed{0};
     std::mutex statusesMutex;
     std::map<int, int> statuses;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -116,6 +170,8 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
                                                        .count()));
             } else if (reply.status >= 500) {
                 ++serverErrors;
+            } else if (reply.status == 401 || reply.status == 421 || reply.status == 429) {
+                ++refusedGood;  // the hostile clients' refusals must not spill over to the good ones
             }
             std::lock_guard guard(statusesMutex);
             ++statuses[reply.status];
@@ -125,9 +181,24 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     for (unsigned i = 0; i < 8; ++i) {
         clients.emplace_back(client, 100 + i);
     }
+    std::vector<std::thread> hostile;
+    for (unsigned i = 0; i < kHostileKinds; ++i) {
+        hostile.emplace_back([&, i] {
+            while (std::chrono::steady_clock::now() < deadline) {
+                const int status = Attack(host, i);
+                ++hostileRequests;
+                if (status >= 200 && status < 300) {
+                    ++hostileServed;
+                }
+            }
+        });
+    }
     // A creation waiting for its continue is released by the continues and deletions of the others.
     // Once the others have stopped, nobody would continue the last one: clear until every client is done.
     std::this_thread::sleep_until(deadline);
+    for (auto& thread : hostile) {
+        thread.join();
+    }
     for (auto& thread : clients) {
         auto done = std::async(std::launch::async, [&thread] { thread.join(); });
         while (done.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
@@ -149,9 +220,12 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     for (const auto& [status, count] : statuses) {
         summary << status << ":" << count << " ";
     }
-    std::printf("soak: %d requests in %d s (%s), RSS %ld -> %ld KiB\n", requests.load(), seconds,
-                summary.str().c_str(), startKiB, endKiB);
+    std::printf("soak: %d requests in %d s (%s), %d hostile, RSS %ld -> %ld KiB\n", requests.load(), seconds,
+                summary.str().c_str(), hostileRequests.load(), startKiB, endKiB);
     EXPECT_GT(requests.load(), 100);
+    EXPECT_GT(hostileRequests.load(), 10);
+    EXPECT_EQ(hostileServed.load(), 0);
+    EXPECT_EQ(refusedGood.load(), 0);
     EXPECT_EQ(serverErrors.load(), 0);
     EXPECT_EQ(unanswered.load(), 0);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
