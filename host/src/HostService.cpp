@@ -55,6 +55,9 @@ void HostService::Start() {
     serverOptions.tlsCertFile = options.tlsCertFile;
     serverOptions.tlsKeyFile = options.tlsKeyFile;
     serverOptions.mayWait = [](const HttpRequest& request) { return MayWait(request); };
+    // One routine at a time may wait for its continue, but deletions and factory restores of several
+    // clients can overlap for a moment: room for a few dozen, each a thread, before 503.
+    serverOptions.maxWaitingRequests = kMaxWaitingRequests;
     // The policy asks the server for the bound port; the server is set before it can take a request.
     policy = std::make_unique<RequestPolicy>(
         RequestPolicy::Settings{options.address, options.allowHosts, options.allowOrigins, options.token},

@@ -50,6 +50,8 @@ class HostService {
     void Shutdown() NY_EXCLUDES(lifecycleMutex);
 
   private:
+    static constexpr std::size_t kMaxWaitingRequests = 32;
+
     // Runs on a worker or waiting thread; never throws.
     HttpResponse Handle(const HttpRequest& request);
     HttpResponse Serve(const HttpRequest& request);

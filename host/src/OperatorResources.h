@@ -20,7 +20,7 @@
 
 namespace NyHost {
 
-class SystemResource : public NyRest::DocumentResourceBase {
+class SystemResource final : public NyRest::DocumentResourceBase {
   public:
     explicit SystemResource(NyCore::Core& core) : core(core) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
@@ -38,7 +38,7 @@ class SystemResource : public NyRest::DocumentResourceBase {
     NyCore::Core& core;
 };
 
-class FactoryRestoreCommand : public NyRest::CommandResourceBase {
+class FactoryRestoreCommand final : public NyRest::CommandResourceBase {
   public:
     explicit FactoryRestoreCommand(NyCore::Core& core) : core(core) {}
     nlohmann::json Call(const NyRest::RequestInfo& request, const nlohmann::json& arguments) override;
@@ -47,7 +47,7 @@ class FactoryRestoreCommand : public NyRest::CommandResourceBase {
     NyCore::Core& core;
 };
 
-class PluginsResource : public NyRest::DocumentResourceBase {
+class PluginsResource final : public NyRest::DocumentResourceBase {
   public:
     explicit PluginsResource(NyPlugin::PluginManager& plugins) : plugins(plugins) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
@@ -58,7 +58,7 @@ class PluginsResource : public NyRest::DocumentResourceBase {
 
 // A fixed document of a given size, served through the same router and transport as routine documents,
 // so that a benchmark can tell the cost of the engine from the cost of serving.
-class FixedReplyResource : public NyRest::DocumentResourceBase {
+class FixedReplyResource final : public NyRest::DocumentResourceBase {
   public:
     explicit FixedReplyResource(unsigned bytes);
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
