@@ -194,7 +194,7 @@ TEST(HostPolicy, StateChangesWriteOneAuditLineThatCannotBreakTheLog) {
     EXPECT_NE(audits[0].find("127.0.0.1"), std::string::npos);
     EXPECT_NE(audits[0].find("POST /routines"), std::string::npos);
     EXPECT_NE(audits[0].find("201"), std::string::npos);
-    EXPECT_NE(audits[0].find("authenticated"), std::string::npos);
+    EXPECT_NE(audits[0].find(" authenticated"), std::string::npos);
     EXPECT_NE(audits[1].find("404"), std::string::npos);
     EXPECT_EQ(log.find("\nforged"), std::string::npos);
     EXPECT_NE(audits[2].find("unauthenticated"), std::string::npos);
