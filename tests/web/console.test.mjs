@@ -109,11 +109,18 @@ try {
     await page.getByRole('button', { name: 'Delete all' }).click();
     await page.getByText('No routine is running.').waitFor();
 
-    // SelfTest runs to completion by itself.
+    // SelfTest runs to completion by itself. Its document is given help HTML on the way, to show that
+    // the sandboxed help frame still renders under the page's policy.
+    await page.route(/\/routines\/SelfTest-1\?schema=true$/, async (route) => {
+      const original = await route.fetch();
+      const doc = await original.json();
+      await route.fulfill({ response: original, json: { ...doc, helpHtml: '<p>Self test help</p>' } });
+    });
     await page.locator('.types li', { hasText: 'Self test' }).getByRole('button', { name: 'Start' }).click();
     const selfTest = page.locator('article.routine', { hasText: 'SelfTest-1' });
     await selfTest.getByText('Stopped due to completion').waitFor();
     await selfTest.locator('table.results').getByText('All checks passed.').waitFor();
+    await selfTest.frameLocator('iframe.help').getByText('Self test help').waitFor();
     await selfTest.getByRole('button', { name: 'Delete' }).click();
     await page.getByText('No routine is running.').waitFor();
 
