@@ -24,11 +24,13 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
 #include <nlohmann/json.hpp>
 
 #include "NyApi/Exception.h"
@@ -42,6 +44,9 @@ namespace http = beast::http;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
 using Clock = std::chrono::steady_clock;
+// A connection is served over one of these; the session code is the same for both.
+using PlainStream = beast::tcp_stream;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 namespace {
 
@@ -249,6 +254,29 @@ void RaiseDescriptorLimit() {
     }
 }
 
+// TLS 1.2 and later only, no renegotiation (a client could make the server repeat handshakes at will).
+// Throws Ny::Exception 0 when the certificate or key cannot be used.
+net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
+    if (options.tlsCertFile.empty() || options.tlsKeyFile.empty()) {
+        throw NY_EXCEPTION(0, "HTTPS needs both a certificate file and a key file.");
+    }
+    net::ssl::context context(net::ssl::context::tls_server);
+    context.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                        net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 |
+                        net::ssl::context::no_tlsv1_1 | net::ssl::context::single_dh_use);
+    SSL_CTX_set_min_proto_version(context.native_handle(), TLS1_2_VERSION);
+    SSL_CTX_set_options(context.native_handle(), SSL_OP_NO_RENEGOTIATION);
+    try {
+        context.use_certificate_chain_file(options.tlsCertFile);
+        context.use_private_key_file(options.tlsKeyFile, net::ssl::context::pem);
+    } catch (const std::exception& e) {
+        std::throw_with_nested(NY_EXCEPTION(0, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
+                                            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(),
+                                            e.what()));
+    }
+    return context;
+}
+
 HttpResponse ShuttingDownReply() {
     return JsonErrorReply(503, "The service is shutting down.");
 }
@@ -405,8 +433,24 @@ class WaitingThreads {
 
 }  // namespace
 
-class Session;
-class EventSession;
+// What the server's state knows of a connection and of an event client, whatever stream carries them.
+class Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    virtual ~Connection() = default;
+    virtual void Start() = 0;
+    // For Stop(), from any thread (see Session::Close).
+    virtual void Close() = 0;
+};
+
+class EventClient : public std::enable_shared_from_this<EventClient> {
+  public:
+    virtual ~EventClient() = default;
+    virtual const net::any_io_executor& Executor() const = 0;
+    // On the client's strand.
+    virtual void Start() = 0;
+    virtual void Enqueue(std::shared_ptr<const std::string> frame) = 0;
+    virtual void Close() = 0;
+};
 
 struct HttpServer::Impl {
     Impl(HttpServerOptions optionsIn, Handler handlerIn, Filter filterIn)
@@ -421,11 +465,12 @@ struct HttpServer::Impl {
     void OnAccepted(beast::error_code ec, tcp::socket socket);  // acceptor strand
     void PauseAccepting(beast::error_code ec);                  // acceptor strand
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
-    bool Track(const std::shared_ptr<Session>& session) NY_EXCLUDES(sessionsMutex);
-    // Takes the socket out of `stream` into a new event client, unless the cap is reached or Stop() has
-    // begun (null then, and `stream` keeps its socket).
-    std::shared_ptr<EventSession> AddEventClient(beast::tcp_stream& stream, const std::string& remote,
-                                                 std::shared_ptr<void> ticket) NY_EXCLUDES(sessionsMutex);
+    bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
+    // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
+    // and `stream` is left as it was).
+    template <typename Stream>
+    std::shared_ptr<EventClient> AddEventClient(Stream& stream, const std::string& remote,
+                                                std::shared_ptr<void> ticket) NY_EXCLUDES(sessionsMutex);
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
     bool CallMayWait(const HttpRequest& request) const;
@@ -450,8 +495,8 @@ struct HttpServer::Impl {
 
     // Innermost: only Asio's non-blocking post runs under it.
     mutable Ny::Mutex sessionsMutex;
-    std::vector<std::weak_ptr<Session>> sessions NY_GUARDED_BY(sessionsMutex);
-    std::vector<std::weak_ptr<EventSession>> eventSessions NY_GUARDED_BY(sessionsMutex);
+    std::vector<std::weak_ptr<Connection>> sessions NY_GUARDED_BY(sessionsMutex);
+    std::vector<std::weak_ptr<EventClient>> eventSessions NY_GUARDED_BY(sessionsMutex);
 
     Ny::Mutex ioMutex;  // innermost
     Ny::CondVar ioFinished;
@@ -462,6 +507,10 @@ struct HttpServer::Impl {
     std::chrono::milliseconds acceptPause{kAcceptRetry};
     bool acceptPaused = false;
     bool connectionCapLogged = false;
+
+    // Set by Start() when serving HTTPS, before any connection; read-only after. Outlives the
+    // connections (destroyed after `io`).
+    std::optional<net::ssl::context> tls;
 
     // Declared last so that they are destroyed first: destroying the io_context destroys the handlers it
     // still holds (after a cut-off Stop), and with them the connections they own, while the rest of this
@@ -490,26 +539,30 @@ struct ConnectionTicket {
 // bounded queue and are written one at a time; a client too far behind, or one that takes no data for
 // `readTimeout`, is closed: a slow client never holds up the others or the publisher. Owned by the
 // completion handlers in flight; the server keeps only a weak reference.
-class EventSession : public std::enable_shared_from_this<EventSession> {
+template <typename Stream>
+class EventSession final : public EventClient {
   public:
-    EventSession(tcp::socket socketIn, HttpServer::Impl& serverIn, std::string remoteIn,
+    EventSession(Stream streamIn, HttpServer::Impl& serverIn, std::string remoteIn,
                  std::shared_ptr<void> ticketIn)
         : ticket(std::move(ticketIn)),
-          socket(std::move(socketIn)),
-          executor(socket.get_executor()),
+          stream(std::move(streamIn)),
+          executor(stream.get_executor()),
           server(serverIn),
           remote(std::move(remoteIn)),
-          timer(executor) {}
+          timer(executor) {
+        // The stream watches its clients itself (Tick); a request's deadline must not cut it.
+        beast::get_lowest_layer(stream).expires_never();
+    }
 
-    const net::any_io_executor& Executor() const { return executor; }
+    const net::any_io_executor& Executor() const override { return executor; }
 
-    void Start() {
+    void Start() override {
         Enqueue(std::make_shared<const std::string>(kStreamHeader));
         WatchForClose();
         Tick();
     }
 
-    void Enqueue(std::shared_ptr<const std::string> frame) {
+    void Enqueue(std::shared_ptr<const std::string> frame) override {
         if (closed) {
             return;
         }
@@ -528,22 +581,22 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
         }
     }
 
-    void Close() {
+    void Close() override {
         if (closed) {
             return;
         }
         closed = true;
         timer.cancel();
         beast::error_code ignored;
-        socket.shutdown(tcp::socket::shutdown_both, ignored);
-        socket.close(ignored);
+        beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_both, ignored);
+        beast::get_lowest_layer(stream).close();
     }
 
   private:
     void WriteNext() {
         writeStarted = Clock::now();
-        net::async_write(socket, net::buffer(*queue.front()),
-                         [self = shared_from_this()](beast::error_code ec, std::size_t) {
+        net::async_write(stream, net::buffer(*queue.front()),
+                         [self = Self()](beast::error_code ec, std::size_t) {
                              if (ec) {
                                  self->Close();
                                  return;
@@ -558,24 +611,23 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
 
     // A stream client sends nothing after its request: a completed read means it went away.
     void WatchForClose() {
-        socket.async_read_some(
-            net::buffer(discard), [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                if (ec) {
-                    if (!self->closed) {
-                        NY_LOG(Ny::Logging::Level::Progress, "Event client %s left.", self->remote.c_str());
-                    }
-                    self->Close();
-                    return;
+        stream.async_read_some(net::buffer(discard), [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                if (!self->closed) {
+                    NY_LOG(Ny::Logging::Level::Progress, "Event client %s left.", self->remote.c_str());
                 }
-                self->WatchForClose();
-            });
+                self->Close();
+                return;
+            }
+            self->WatchForClose();
+        });
     }
 
     // Keep-alive comments on idle streams, and the check for a client that stopped reading altogether
     // (its write never completes, and with no new events its queue would never overflow).
     void Tick() {
         timer.expires_after(std::min(server.options.eventKeepAlive, server.options.readTimeout));
-        timer.async_wait([self = shared_from_this()](beast::error_code ec) {
+        timer.async_wait([self = Self()](beast::error_code ec) {
             if (ec || self->closed) {
                 return;
             }
@@ -595,8 +647,12 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
         });
     }
 
+    std::shared_ptr<EventSession> Self() {
+        return std::static_pointer_cast<EventSession>(shared_from_this());
+    }
+
     const std::shared_ptr<void> ticket;  // counts the connection for the cap while the stream lives
-    tcp::socket socket;
+    Stream stream;
     const net::any_io_executor executor;  // the connection's strand
     HttpServer::Impl& server;             // outlives every session (see Impl's member order)
     const std::string remote;
@@ -616,41 +672,66 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
 // by `headerLimit`, any other unparsed bytes (chunk-size lines, extensions, trailers) by kChunkLineLimit
 // on top of it, the body by `bodyLimit`. Owned by the completion handlers and jobs in flight; the server
 // keeps only a weak reference.
-class Session : public std::enable_shared_from_this<Session> {
+template <typename Stream>
+class Session final : public Connection {
   public:
-    Session(tcp::socket socket, HttpServer::Impl& serverIn, std::shared_ptr<void> ticketIn)
+    Session(Stream streamIn, HttpServer::Impl& serverIn, std::shared_ptr<void> ticketIn)
         : ticket(std::move(ticketIn)),
-          executor(socket.get_executor()),
-          stream(std::move(socket)),
+          stream(std::move(streamIn)),
+          executor(stream.get_executor()),
           server(serverIn),
           buffer(server.options.headerLimit + kChunkLineLimit) {}
 
-    void Start() {
-        net::dispatch(executor, [self = shared_from_this()] { self->Begin(); });
+    void Start() override {
+        net::dispatch(executor, [self = Self()] { self->Begin(); });
     }
 
     // For Stop(), from any thread: closes the connection unless a request has been fully received and
     // not yet answered; that one gets its reply (Connection: close) first.
-    void Close() {
-        net::post(executor, [self = shared_from_this()] {
-            if (self->busy) {
-                return;  // Write sees `stopping` and closes after the reply
+    void Close() override {
+        net::post(executor, [self = Self()] {
+            if (self->busy || self->closing) {
+                return;  // Write sees `stopping` and closes after the reply; or closed already
             }
             self->closing = true;
             beast::error_code ignored;
-            self->stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
-            self->stream.close();
+            self->Lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+            self->Lowest().close();
         });
     }
 
   private:
+    static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
+
+    std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
+    beast::tcp_stream& Lowest() { return beast::get_lowest_layer(stream); }
+
     void Begin() {
         beast::error_code ec;
-        stream.socket().set_option(tcp::no_delay(true), ec);
-        const auto endpoint = stream.socket().remote_endpoint(ec);
+        Lowest().socket().set_option(tcp::no_delay(true), ec);
+        const auto endpoint = Lowest().socket().remote_endpoint(ec);
         remote =
             ec ? std::string("?") : endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
-        Read();
+        if constexpr (kTls) {
+            Handshake();
+        } else {
+            Read();
+        }
+    }
+
+    // Under the read time-out, so that a client that never finishes it is closed like a slow one. A
+    // client speaking plain HTTP fails here and is closed: it gets no HTTP reply in clear text.
+    void Handshake() {
+        Lowest().expires_after(server.options.readTimeout);
+        stream.async_handshake(net::ssl::stream_base::server, [self = Self()](beast::error_code ec) {
+            if (ec) {
+                NY_LOG(Ny::Logging::Level::Progress, "TLS handshake with %1$s failed: %2$s",
+                       self->remote.c_str(), ec.message().c_str());
+                self->CloseSocket();
+                return;
+            }
+            self->Read();
+        });
     }
 
     void Read() {
@@ -665,15 +746,14 @@ class Session : public std::enable_shared_from_this<Session> {
         parser->body_limit(server.options.bodyLimit);
         // One deadline for the whole request, so that a client trickling bytes cannot hold the
         // connection longer than an idle one.
-        stream.expires_after(server.options.readTimeout);
-        http::async_read_header(stream, buffer, *parser,
-                                [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                    if (ec) {
-                                        self->OnReadError(ec);
-                                        return;
-                                    }
-                                    self->OnHeader();
-                                });
+        Lowest().expires_after(server.options.readTimeout);
+        http::async_read_header(stream, buffer, *parser, [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->OnReadError(ec);
+                return;
+            }
+            self->OnHeader();
+        });
     }
 
     // The limits and the framing are checked with the header, so a client that asks for "100-continue"
@@ -685,7 +765,7 @@ class Session : public std::enable_shared_from_this<Session> {
         }
         if (!parser->is_done() && beast::iequals(parser->get()[http::field::expect], "100-continue")) {
             net::async_write(stream, net::buffer(kContinueLine),
-                             [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                             [self = Self()](beast::error_code ec, std::size_t) {
                                  if (ec) {
                                      self->CloseSocket();
                                      return;
@@ -740,14 +820,13 @@ class Session : public std::enable_shared_from_this<Session> {
             OnRequest();
             return;
         }
-        http::async_read(stream, buffer, *parser,
-                         [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                             if (ec) {
-                                 self->OnReadError(ec);
-                                 return;
-                             }
-                             self->OnRequest();
-                         });
+        http::async_read(stream, buffer, *parser, [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->OnReadError(ec);
+                return;
+            }
+            self->OnRequest();
+        });
     }
 
     void OnReadError(beast::error_code ec) {
@@ -810,7 +889,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // To a waiting thread when the request may wait for a person, else to the worker pool.
     void Dispatch(HttpRequest requestIn) {
-        auto self = shared_from_this();
+        auto self = Self();
         auto request = std::make_shared<HttpRequest>(std::move(requestIn));  // std::function copies jobs
         auto run = [self, request] {
             HttpResponse response = self->server.CallHandler(*request);
@@ -866,15 +945,14 @@ class Session : public std::enable_shared_from_this<Session> {
         }
         auto message = ToMessage(std::move(response));
         message->keep_alive(keepAlive && !server.stopping);
-        stream.expires_after(server.options.readTimeout);
-        http::async_write(stream, *message,
-                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-                              if (ec || !message->keep_alive()) {
-                                  self->CloseSocket();
-                                  return;
-                              }
-                              self->Read();
-                          });
+        Lowest().expires_after(server.options.readTimeout);
+        http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            if (ec || !message->keep_alive()) {
+                self->CloseSocket();
+                return;
+            }
+            self->Read();
+        });
     }
 
     std::shared_ptr<http::response<http::string_body>> ToMessage(HttpResponse response) const {
@@ -919,44 +997,42 @@ class Session : public std::enable_shared_from_this<Session> {
         headOnly = false;
         auto message = ToMessage(JsonErrorReply(status, text));
         message->keep_alive(false);
-        stream.expires_after(kErrorWriteTimeout);
-        http::async_write(stream, *message,
-                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-                              self->busy = false;
-                              if (ec || self->server.stopping) {
-                                  self->CloseSocket();
-                                  return;
-                              }
-                              beast::error_code ignored;
-                              self->stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-                              self->stream.expires_after(kLingerDrain);
-                              self->Drain();
-                          });
+        Lowest().expires_after(kErrorWriteTimeout);
+        http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            self->busy = false;
+            if (ec || self->server.stopping) {
+                self->CloseSocket();
+                return;
+            }
+            beast::error_code ignored;
+            self->Lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+            self->Lowest().expires_after(kLingerDrain);
+            self->Drain();
+        });
     }
 
     void Drain() {
-        stream.async_read_some(net::buffer(discard),
-                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                   if (ec) {
-                                       self->stream.close();
-                                       return;
-                                   }
-                                   self->Drain();
-                               });
+        stream.async_read_some(net::buffer(discard), [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->Lowest().close();
+                return;
+            }
+            self->Drain();
+        });
     }
 
     void CloseSocket() {
         closing = true;
         busy = false;
         beast::error_code ignored;
-        stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-        stream.close();
+        Lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+        Lowest().close();
     }
 
     std::shared_ptr<void> ticket;         // counts the connection for the cap; handed to an event stream
+    Stream stream;                        // moved to an event stream by OpenEventStream
     const net::any_io_executor executor;  // the connection's strand; read by workers to hand back replies
-    beast::tcp_stream stream;
-    HttpServer::Impl& server;   // outlives every session (see Impl's member order)
+    HttpServer::Impl& server;             // outlives every session (see Impl's member order)
     beast::flat_buffer buffer;  // capped (see the class comment): a longer line is refused, not buffered
     std::optional<http::request_parser<http::string_body>> parser;
     std::string remote;
@@ -998,7 +1074,14 @@ void HttpServer::Impl::OnAccepted(beast::error_code ec, tcp::socket socket) {
         socket.close(ignored);
     } else {
         connectionCapLogged = false;
-        auto session = std::make_shared<Session>(std::move(socket), *this, std::move(ticket));
+        std::shared_ptr<Connection> session;
+        if (tls) {
+            session = std::make_shared<Session<TlsStream>>(TlsStream(std::move(socket), *tls), *this,
+                                                           std::move(ticket));
+        } else {
+            session = std::make_shared<Session<PlainStream>>(PlainStream(std::move(socket)), *this,
+                                                             std::move(ticket));
+        }
         if (Track(session)) {
             session->Start();
         }
@@ -1025,7 +1108,7 @@ void HttpServer::Impl::PauseAccepting(beast::error_code ec) {
     });
 }
 
-bool HttpServer::Impl::Track(const std::shared_ptr<Session>& session) {
+bool HttpServer::Impl::Track(const std::shared_ptr<Connection>& session) {
     Ny::MutexLock guard(sessionsMutex);
     // Checked under the lock that Stop() takes to close the sessions: a session is either seen by Stop()
     // or never started.
@@ -1037,15 +1120,15 @@ bool HttpServer::Impl::Track(const std::shared_ptr<Session>& session) {
     return true;
 }
 
-std::shared_ptr<EventSession> HttpServer::Impl::AddEventClient(beast::tcp_stream& stream,
-                                                               const std::string& remote,
-                                                               std::shared_ptr<void> ticket) {
+template <typename Stream>
+std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, const std::string& remote,
+                                                              std::shared_ptr<void> ticket) {
     Ny::MutexLock guard(sessionsMutex);
     std::erase_if(eventSessions, [](const auto& weak) { return weak.expired(); });
     if (stopping || eventSessions.size() >= options.maxEventClients) {
         return nullptr;
     }
-    auto events = std::make_shared<EventSession>(stream.release_socket(), *this, remote, std::move(ticket));
+    auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket));
     eventSessions.push_back(events);
     return events;
 }
@@ -1130,6 +1213,9 @@ void HttpServer::Start() {
         throw NY_EXCEPTION(-1000, "The HTTP server can be started only once.");
     }
     const HttpServerOptions& options = impl->options;
+    if (!options.tlsCertFile.empty() || !options.tlsKeyFile.empty()) {
+        impl->tls.emplace(MakeTlsContext(options));
+    }
     RaiseDescriptorLimit();
     try {
         const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
@@ -1159,8 +1245,8 @@ void HttpServer::Start() {
     for (unsigned i = 0; i < ioThreads; ++i) {
         impl->ioThreads.emplace_back([state = impl.get()] { state->RunIo(); });
     }
-    NY_LOG(Ny::Logging::Level::Notice, "Serving HTTP on %1$s:%2$u.", impl->boundAddress.c_str(),
-           static_cast<unsigned>(impl->boundPort));
+    NY_LOG(Ny::Logging::Level::Notice, "Serving %1$s on %2$s:%3$u.", impl->tls ? "HTTPS" : "HTTP",
+           impl->boundAddress.c_str(), static_cast<unsigned>(impl->boundPort));
 }
 
 std::uint16_t HttpServer::Port() const {

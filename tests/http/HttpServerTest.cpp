@@ -6,6 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 
@@ -54,7 +59,35 @@ class Client {
         ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
         connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
-    ~Client() { ::close(fd); }
+    ~Client() {
+        if (ssl != nullptr) {
+            SSL_free(ssl);
+        }
+        if (tlsContext != nullptr) {
+            SSL_CTX_free(tlsContext);
+        }
+        ::close(fd);
+    }
+
+    // Speaks TLS from here on, trusting only `certFile`. `version` pins the protocol (0: any the
+    // library allows); an old one is allowed on this side so that the server's refusal is what counts.
+    bool StartTls(const std::string& certFile, int version = 0) {
+        tlsContext = SSL_CTX_new(TLS_client_method());
+        SSL_CTX_set_options(tlsContext, SSL_OP_IGNORE_UNEXPECTED_EOF);
+        SSL_CTX_load_verify_locations(tlsContext, certFile.c_str(), nullptr);
+        SSL_CTX_set_verify(tlsContext, SSL_VERIFY_PEER, nullptr);
+        if (version != 0) {
+            SSL_CTX_set_security_level(tlsContext, 0);
+            SSL_CTX_set_cipher_list(tlsContext, "DEFAULT@SECLEVEL=0");
+            SSL_CTX_set_min_proto_version(tlsContext, version);
+            SSL_CTX_set_max_proto_version(tlsContext, version);
+        }
+        ssl = SSL_new(tlsContext);
+        SSL_set_fd(ssl, fd);
+        const bool connectedTls = SSL_connect(ssl) == 1;
+        ERR_clear_error();
+        return connectedTls;
+    }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
@@ -69,7 +102,8 @@ class Client {
 
     bool Send(std::string_view bytes) {
         while (!bytes.empty()) {
-            const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            const ssize_t sent = ssl != nullptr ? SSL_write(ssl, bytes.data(), static_cast<int>(bytes.size()))
+                                                : ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent <= 0) {
                 return false;
             }
@@ -148,7 +182,15 @@ class Client {
   private:
     ssize_t Fill() {
         char chunk[16384];
-        const ssize_t count = ::recv(fd, chunk, sizeof chunk, 0);
+        ssize_t count = 0;
+        if (ssl != nullptr) {
+            const int read = SSL_read(ssl, chunk, sizeof chunk);
+            const int error = read > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl, read);
+            ERR_clear_error();
+            count = read > 0 ? read : error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+        } else {
+            count = ::recv(fd, chunk, sizeof chunk, 0);
+        }
         if (count > 0) {
             received.append(chunk, static_cast<std::size_t>(count));
         }
@@ -157,6 +199,50 @@ class Client {
 
     int fd = -1;
     bool connected = false;
+    SSL_CTX* tlsContext = nullptr;
+    SSL* ssl = nullptr;
+};
+
+// A self-signed certificate for 127.0.0.1 and its key, made with the TLS library, in temporary PEM files.
+class TestCertificate {
+  public:
+    TestCertificate() {
+        EVP_PKEY* key = EVP_EC_gen("P-256");
+        X509* cert = X509_new();
+        X509_set_version(cert, 2);
+        ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+        X509_gmtime_adj(X509_getm_notBefore(cert), -60);
+        X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+        X509_set_pubkey(cert, key);
+        X509_NAME* name = X509_get_subject_name(cert);
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+        X509_set_issuer_name(cert, name);
+        X509_sign(cert, key, EVP_sha256());
+        char pattern[] = "/tmp/nyr-tls-XXXXXX";
+        dir = ::mkdtemp(pattern);
+        certFile = dir + "/cert.pem";
+        keyFile = dir + "/key.pem";
+        FILE* out = std::fopen(certFile.c_str(), "w");
+        PEM_write_X509(out, cert);
+        std::fclose(out);
+        out = std::fopen(keyFile.c_str(), "w");
+        PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
+        std::fclose(out);
+        X509_free(cert);
+        EVP_PKEY_free(key);
+    }
+    ~TestCertificate() {
+        ::unlink(certFile.c_str());
+        ::unlink(keyFile.c_str());
+        ::rmdir(dir.c_str());
+    }
+    TestCertificate(const TestCertificate&) = delete;
+    TestCertificate& operator=(const TestCertificate&) = delete;
+
+    std::string dir;
+    std::string certFile;
+    std::string keyFile;
 };
 
 std::string Request(const std::string& method, const std::string& target, const std::string& body = "",
@@ -869,6 +955,58 @@ TEST_F(HttpServerTest, AtTheDescriptorLimitAcceptPausesAndOpenConnectionsAreServ
     ASSERT_TRUE(after);
     EXPECT_EQ(after->status, 200);
     EXPECT_TRUE(log.WaitFor("Accepting connections again."));
+}
+
+TEST_F(HttpServerTest, OverTlsRequestsAndEventStreamsWork) {
+    TestCertificate certificate;
+    auto options = Options();
+    options.tlsCertFile = certificate.certFile;
+    options.tlsKeyFile = certificate.keyFile;
+    StartServer(options);
+
+    Client client(server->Port());
+    ASSERT_TRUE(client.StartTls(certificate.certFile));
+    for (const std::string target : {"/one", "/two"}) {
+        ASSERT_TRUE(client.Send(Request("POST", target, "{}")));
+        auto reply = client.ReadReply();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 200);
+        EXPECT_EQ(nlohmann::json::parse(reply->body)["target"], target);
+    }
+
+    Client stream(server->Port());
+    ASSERT_TRUE(stream.StartTls(certificate.certFile));
+    ASSERT_TRUE(stream.Send(Request("GET", "/events")));
+    EXPECT_EQ(stream.TakeThrough("\r\n\r\n").rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+    server->PublishEvent("created", "{}");
+    EXPECT_TRUE(stream.ReadUntil("event: created\ndata: {}\n\n"));
+}
+
+TEST_F(HttpServerTest, TlsPortClosesPlainHttpAndOldProtocolsAndBadFilesFailStart) {
+    TestCertificate certificate;
+    auto options = Options();
+    options.tlsCertFile = certificate.certFile;
+    options.tlsKeyFile = certificate.keyFile;
+    StartServer(options);
+
+    Client plain(server->Port());
+    ASSERT_TRUE(plain.Send(Request("GET", "/x")));
+    EXPECT_TRUE(plain.ReadUntilClosed());
+    EXPECT_EQ(plain.received.find("HTTP/1.1"), std::string::npos);
+
+    Client old(server->Port());
+    EXPECT_FALSE(old.StartTls(certificate.certFile, TLS1_1_VERSION));
+    EXPECT_EQ(handled, 0);
+
+    options.port = 0;
+    options.tlsKeyFile = certificate.dir + "/missing.pem";
+    HttpServer broken(options, [](const HttpRequest&) { return HttpResponse{}; });
+    try {
+        broken.Start();
+        FAIL() << "started without its key";
+    } catch (const Ny::Exception& e) {
+        EXPECT_EQ(e.Status(), 0);
+    }
 }
 
 TEST_F(HttpServerTest, StartFailsWithNyExceptionWhenThePortIsTaken) {
