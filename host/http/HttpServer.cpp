@@ -520,9 +520,9 @@ struct HttpServer::Impl {
     net::steady_timer acceptRetry;
     // Keeps the I/O threads in io.run() from Start() until Stop() has handed them its last work: a
     // connection waiting for its handler has no operation pending, and without the guard the threads
-    // could leave between Stop()'s posts and never close it. Guarded by stopMutex (not annotated: Asio
-    // type in an optional).
-    std::optional<net::executor_work_guard<net::io_context::executor_type>> keepRunning;
+    // could leave between Stop()'s posts and never close it.
+    std::optional<net::executor_work_guard<net::io_context::executor_type>> keepRunning
+        NY_GUARDED_BY(stopMutex);
 };
 
 // Counts one open connection for the cap: made by Accept, handed from a connection to its event stream,
