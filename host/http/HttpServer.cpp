@@ -442,14 +442,37 @@ class Connection : public std::enable_shared_from_this<Connection> {
     virtual void Close() = 0;
 };
 
+// A client's frames count against its cap from the moment they are handed over, not only once its
+// strand has queued them: a publisher faster than the I/O thread would otherwise pile up hand-overs
+// (each holding its frame) for clients that are far behind.
 class EventClient : public std::enable_shared_from_this<EventClient> {
   public:
     virtual ~EventClient() = default;
     virtual const net::any_io_executor& Executor() const = 0;
     // On the client's strand.
     virtual void Start() = 0;
+    // A frame whose cost (FrameCost) Reserve() has granted.
     virtual void Enqueue(std::shared_ptr<const std::string> frame) = 0;
+    // Logs and closes a client that was refused a frame.
+    virtual void DropBehind() = 0;
     virtual void Close() = 0;
+
+    static std::size_t FrameCost(const std::string& frame) { return frame.size() + kQueuedFrameOverhead; }
+    // False, reserving nothing, when the frames held would pass `cap`. Any thread.
+    bool Reserve(std::size_t cost, std::size_t cap) {
+        if (heldBytes.fetch_add(cost) + cost > cap) {
+            heldBytes.fetch_sub(cost);
+            return false;
+        }
+        return true;
+    }
+    void Release(std::size_t cost) { heldBytes.fetch_sub(cost); }
+    // True the first time only, so that one drop is handed over per client.
+    bool MarkBehind() { return !behind.exchange(true); }
+
+  private:
+    std::atomic<std::size_t> heldBytes{0};  // frames handed over and not yet written, with their overhead
+    std::atomic<bool> behind{false};
 };
 
 struct HttpServer::Impl {
@@ -557,28 +580,30 @@ class EventSession final : public EventClient {
     const net::any_io_executor& Executor() const override { return executor; }
 
     void Start() override {
-        Enqueue(std::make_shared<const std::string>(kStreamHeader));
+        EnqueueOwn(std::make_shared<const std::string>(kStreamHeader));
         WatchForClose();
         Tick();
     }
 
     void Enqueue(std::shared_ptr<const std::string> frame) override {
         if (closed) {
+            Release(FrameCost(*frame));
             return;
         }
-        const std::size_t cost = frame->size() + kQueuedFrameOverhead;
-        if (queuedBytes + cost > server.options.eventClientQueueBytes) {
-            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
-                   remote.c_str(), server.options.eventClientQueueBytes);
-            Close();
-            return;
-        }
-        queuedBytes += cost;
         queue.push_back(std::move(frame));
         lastEnqueue = Clock::now();
         if (queue.size() == 1) {
             WriteNext();
         }
+    }
+
+    void DropBehind() override {
+        if (closed) {
+            return;
+        }
+        NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
+               remote.c_str(), server.options.eventClientQueueBytes);
+        Close();
     }
 
     void Close() override {
@@ -593,6 +618,15 @@ class EventSession final : public EventClient {
     }
 
   private:
+    // A frame of the stream's own (its header, keep-alive comments).
+    void EnqueueOwn(std::shared_ptr<const std::string> frame) {
+        if (!Reserve(FrameCost(*frame), server.options.eventClientQueueBytes)) {
+            DropBehind();
+            return;
+        }
+        Enqueue(std::move(frame));
+    }
+
     void WriteNext() {
         writeStarted = Clock::now();
         net::async_write(stream, net::buffer(*queue.front()),
@@ -601,7 +635,7 @@ class EventSession final : public EventClient {
                                  self->Close();
                                  return;
                              }
-                             self->queuedBytes -= self->queue.front()->size() + kQueuedFrameOverhead;
+                             self->Release(FrameCost(*self->queue.front()));
                              self->queue.pop_front();
                              if (!self->closed && !self->queue.empty()) {
                                  self->WriteNext();
@@ -641,7 +675,7 @@ class EventSession final : public EventClient {
             }
             if (now - self->lastEnqueue >= self->server.options.eventKeepAlive) {
                 static const auto keepAlive = std::make_shared<const std::string>(": keep-alive\n\n");
-                self->Enqueue(keepAlive);
+                self->EnqueueOwn(keepAlive);
             }
             self->Tick();
         });
@@ -658,7 +692,6 @@ class EventSession final : public EventClient {
     const std::string remote;
     net::steady_timer timer;
     std::deque<std::shared_ptr<const std::string>> queue;  // frames shared between clients
-    std::size_t queuedBytes = 0;                           // frames' bytes plus kQueuedFrameOverhead each
     bool closed = false;
     Clock::time_point lastEnqueue = Clock::now();
     Clock::time_point writeStarted = Clock::now();
@@ -1262,10 +1295,17 @@ void HttpServer::PublishEvent(const std::string& event, const std::string& data)
         return;
     }
     const auto frame = std::make_shared<const std::string>(EventFrame(event, data));
+    const std::size_t cost = EventClient::FrameCost(*frame);
     Ny::MutexLock guard(impl->sessionsMutex);
     for (const auto& weak : impl->eventSessions) {
-        if (auto session = weak.lock()) {
+        auto session = weak.lock();
+        if (!session) {
+            continue;
+        }
+        if (session->Reserve(cost, impl->options.eventClientQueueBytes)) {
             net::post(session->Executor(), [session, frame] { session->Enqueue(frame); });
+        } else if (session->MarkBehind()) {
+            net::post(session->Executor(), [session] { session->DropBehind(); });
         }
     }
 }

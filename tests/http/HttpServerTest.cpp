@@ -15,6 +15,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <fstream>
 #include <future>
 #include <map>
 #include <thread>
@@ -670,6 +671,50 @@ TEST_F(HttpServerTest, SlowStreamClientIsDroppedWhileAFastOneKeepsReceiving) {
     // The slow client got a prefix of the stream, then the server closed it.
     EXPECT_TRUE(slow->ReadUntilClosed());
     EXPECT_EQ(slow->received.rfind("event: e\ndata: 0 ", 0), 0u);
+}
+
+// The peak resident memory of this process since the last reset, in bytes (0 where not readable).
+std::size_t PeakResidentBytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return std::stoul(line.substr(6)) * 1024;
+        }
+    }
+    return 0;
+}
+
+// Clients that never read, a publisher far faster than they: what the server holds for them stays near
+// their caps, frames waiting to be handed to a client's strand included.
+TEST_F(HttpServerTest, EventClientsThatNeverReadHoldLittleMoreThanTheirCaps) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own bookkeeping dominates the process's memory";
+#endif
+    constexpr std::size_t kClients = 64;
+    constexpr std::size_t kCap = 64 * 1024;
+    constexpr std::size_t kEventBytes = 32 * 1024;
+    constexpr int kEvents = 8192;  // 256 MiB published
+    auto options = Options();
+    options.eventClientQueueBytes = kCap;
+    options.maxEventClients = kClients;
+    StartServer(options);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (std::size_t i = 0; i < kClients; ++i) {
+        clients.push_back(OpenStream(server->Port(), 4096));
+    }
+    ASSERT_EQ(server->EventClientCount(), kClients);
+    std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak below
+    const std::size_t before = PeakResidentBytes();
+    ASSERT_GT(before, 0u);
+
+    const std::string payload(kEventBytes, 'p');
+    for (int i = 0; i < kEvents; ++i) {
+        server->PublishEvent("e", payload);
+    }
+    ASSERT_TRUE(NyTest::Eventually([this] { return server->EventClientCount() == 0; }, 60s));
+    const std::size_t growth = PeakResidentBytes() - before;
+    // 64 caps plus room for the allocator; a server that let hand-overs pile up went well beyond.
+    EXPECT_LT(growth, kClients * kCap + (2u << 20)) << growth;
 }
 
 TEST_F(HttpServerTest, StreamsBeyondTheCapAreRefused503UntilOneCloses) {
