@@ -790,13 +790,15 @@ TEST_F(HttpServerTest, StopWaitsForTheHandlerInProgressAndDeliversItsReply) {
 // queued ones 503; none a bare close.
 TEST_F(HttpServerTest, StopAnswersEveryRequestReceivedBeforeIt) {
     constexpr int kClients = 50;
-    handler = [this](const HttpRequest& request) {
-        entered.Open();
+    constexpr unsigned kWorkers = 4;
+    auto running = std::make_shared<std::atomic<unsigned>>(0);  // outlives the test body with the handler
+    handler = [this, running](const HttpRequest& request) {
+        ++*running;
         release.Wait(30s);
         return Echo(request);
     };
     auto options = Options();
-    options.workerThreads = 4;
+    options.workerThreads = kWorkers;
     StartServer(options);
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < kClients; ++i) {
@@ -804,10 +806,17 @@ TEST_F(HttpServerTest, StopAnswersEveryRequestReceivedBeforeIt) {
         ASSERT_TRUE(clients.back()->Send(Request("POST", "/things", "{}")));
     }
     ASSERT_TRUE(NyTest::Eventually([this] { return filtered == kClients; }));
-    ASSERT_TRUE(entered.Wait());
+    ASSERT_TRUE(NyTest::Eventually([&running] { return *running == kWorkers; }));  // every worker is busy
 
     auto stopped = std::async(std::launch::async, [server = server.get()] { server->Stop(); });
     ASSERT_TRUE(NyTest::Eventually([this] { return !Client(server->Port()).Connected(); }));
+    // The handlers are held, so the first reply to arrive is a queued request's refusal: only then are
+    // they released, so that they cannot take the queued requests before Stop() has answered them.
+    std::vector<pollfd> fds;
+    for (auto& client : clients) {
+        fds.push_back({client->Fd(), POLLIN, 0});
+    }
+    ASSERT_GT(::poll(fds.data(), fds.size(), 10000), 0);
     release.Open();
     int answered = 0;
     int refused = 0;
@@ -824,8 +833,8 @@ TEST_F(HttpServerTest, StopAnswersEveryRequestReceivedBeforeIt) {
         }
         EXPECT_TRUE(client->ReadUntilClosed());
     }
-    EXPECT_GE(answered, 4);
-    EXPECT_GE(refused, 1);
+    EXPECT_EQ(answered, static_cast<int>(kWorkers));
+    EXPECT_EQ(refused, kClients - static_cast<int>(kWorkers));
     ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
 }
 
