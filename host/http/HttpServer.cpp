@@ -4,16 +4,18 @@
 #include "HttpServer.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <condition_variable>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <limits>
-#include <mutex>
+#include <list>
 #include <optional>
 #include <thread>
 
@@ -22,15 +24,18 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
 #include <nlohmann/json.hpp>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Mutex.h"
 
 namespace NyHost {
 
@@ -39,6 +44,9 @@ namespace http = beast::http;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
 using Clock = std::chrono::steady_clock;
+// A connection is served over one of these; the session code is the same for both.
+using PlainStream = beast::tcp_stream;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 namespace {
 
@@ -64,8 +72,11 @@ HttpResponse JsonErrorReply(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
     response.headers.emplace_back("Content-Type", "application/json");
+    // A message may quote what a client sent (a handler's exception text): invalid UTF-8 is replaced,
+    // never thrown on a network thread.
     response.body =
-        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump();
+        nlohmann::json{{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}}.dump(
+            -1, ' ', false, nlohmann::json::error_handler_t::replace);
     return response;
 }
 
@@ -77,12 +88,20 @@ constexpr auto kLingerDrain = std::chrono::seconds(1);
 constexpr auto kErrorWriteTimeout = std::chrono::seconds(5);
 // How long Stop() lets closed connections finish their last completions before it cuts them off.
 constexpr auto kStopGrace = std::chrono::seconds(2);
-// An accept that fails for lack of resources (descriptors) is retried after a pause, not in a hot loop.
+// An accept that fails for lack of resources (descriptors) is retried after a pause that doubles up to a
+// second, not in a hot loop: the pending connection keeps the listening socket readable.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
+constexpr auto kAcceptRetryMax = std::chrono::milliseconds(1000);
+// What one connection may hold of bytes not yet parsed, beyond the header limit: a chunk-size line with
+// its extensions, or a trailer, must fit in this; a longer one is refused rather than buffered.
+constexpr std::size_t kChunkLineLimit = 4096;
+// What an event client's queue costs beyond the frame's bytes: the queue slot, the shared reference and
+// the hand-over to its strand. Counted so that a flood of tiny frames is bounded like a few large ones.
+constexpr std::size_t kQueuedFrameOverhead = 128;
 
 const std::string kStreamHeader =
     "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
-    "Connection: keep-alive\r\n\r\n";
+    "X-Content-Type-Options: nosniff\r\nConnection: keep-alive\r\n\r\n";
 const std::string kContinueLine = "HTTP/1.1 100 Continue\r\n\r\n";
 
 void NameThread(const char* name) {
@@ -122,12 +141,159 @@ std::string EventFrame(const std::string& event, const std::string& data) {
     return frame;
 }
 
+// RFC 3629: no overlong forms, no surrogates, nothing beyond U+10FFFF.
+bool IsValidUtf8(std::string_view text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t length = 0;
+        unsigned char low = 0x80;
+        unsigned char high = 0xBF;
+        if (byte >= 0xC2 && byte <= 0xDF) {
+            length = 2;
+        } else if (byte >= 0xE0 && byte <= 0xEF) {
+            length = 3;
+            low = byte == 0xE0 ? 0xA0 : 0x80;
+            high = byte == 0xED ? 0x9F : 0xBF;
+        } else if (byte >= 0xF0 && byte <= 0xF4) {
+            length = 4;
+            low = byte == 0xF0 ? 0x90 : 0x80;
+            high = byte == 0xF4 ? 0x8F : 0xBF;
+        } else {
+            return false;
+        }
+        if (i + length > text.size()) {
+            return false;
+        }
+        for (std::size_t k = 1; k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) {
+                return false;
+            }
+        }
+        i += length;
+    }
+    return true;
+}
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+// Decodes every well-formed "%XX"; anything else is kept as it is (the handler judges it).
+std::string PercentDecoded(std::string_view text) {
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && HexDigit(text[i + 1]) >= 0 &&
+            HexDigit(text[i + 2]) >= 0) {
+            decoded += static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2]));
+            i += 2;
+        } else {
+            decoded += text[i];
+        }
+    }
+    return decoded;
+}
+
+// "http://host:port/path?q" becomes "/path?q"; an origin-form target is returned as it is.
+std::string OriginForm(std::string_view target) {
+    const std::size_t scheme = target.find("://");
+    if (target.empty() || target.front() == '/' || scheme == std::string_view::npos ||
+        !(EqualsIgnoringCase(target.substr(0, scheme), "http") ||
+          EqualsIgnoringCase(target.substr(0, scheme), "https"))) {
+        return std::string(target);
+    }
+    const std::string_view rest = target.substr(scheme + 3);
+    const std::size_t path = rest.find_first_of("/?");
+    if (path == std::string_view::npos) {
+        return "/";
+    }
+    return (rest[path] == '?' ? "/" : "") + std::string(rest.substr(path));
+}
+
+std::string_view View(beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+std::string_view Trimmed(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+// Raises the soft limit on open descriptors to the hard one, so that connections are refused by the
+// connection cap long before accept runs out of descriptors.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) {
+        return;
+    }
+    const rlim_t previous = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        NY_LOG(Ny::Logging::Level::Notice, "Open-file limit raised from %1$llu to %2$llu.",
+               static_cast<unsigned long long>(previous), static_cast<unsigned long long>(limit.rlim_max));
+    }
+}
+
+// TLS 1.2 and later only, no renegotiation (a client could make the server repeat handshakes at will).
+// Throws Ny::Exception 0 when the certificate or key cannot be used.
+net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
+    if (options.tlsCertFile.empty() || options.tlsKeyFile.empty()) {
+        throw NY_EXCEPTION(0, "HTTPS needs both a certificate file and a key file.");
+    }
+    net::ssl::context context(net::ssl::context::tls_server);
+    context.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                        net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 |
+                        net::ssl::context::no_tlsv1_1 | net::ssl::context::single_dh_use);
+    SSL_CTX_set_min_proto_version(context.native_handle(), TLS1_2_VERSION);
+    SSL_CTX_set_options(context.native_handle(), SSL_OP_NO_RENEGOTIATION);
+    try {
+        context.use_certificate_chain_file(options.tlsCertFile);
+        context.use_private_key_file(options.tlsKeyFile, net::ssl::context::pem);
+    } catch (const std::exception& e) {
+        std::throw_with_nested(NY_EXCEPTION(0, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
+                                            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(),
+                                            e.what()));
+    }
+    return context;
+}
+
+HttpResponse ShuttingDownReply() {
+    return JsonErrorReply(503, "The service is shutting down.");
+}
+
 const beast::error_category& HttpErrors() {
     return http::make_error_code(http::error::bad_method).category();
 }
 
+// A request handed to a thread: `run` calls the handler and hands the reply back; `cancel` answers a
+// request that will never run (the server is stopping) so that its client still gets a reply.
+struct Job {
+    std::function<void()> run;
+    std::function<void()> cancel;
+};
+
 // The threads that run handlers. Submit never blocks: a full queue is refused and the caller answers 503.
-// Owned by the server's state; started by its constructor, joined by Stop() (or the destructor).
+// Owned by the server's state; started by Start(), joined by Stop() (or the destructor).
 class WorkerPool {
   public:
     WorkerPool(unsigned threads, std::size_t maxQueuedIn) : maxQueued(maxQueuedIn) {
@@ -140,28 +306,32 @@ class WorkerPool {
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     // False when the queue is full or the pool is stopping. Thread-safe.
-    bool Submit(std::function<void()> job) {
+    bool Submit(Job job) NY_EXCLUDES(mutex) {
         {
-            std::lock_guard guard(mutex);
+            Ny::MutexLock guard(mutex);
             if (stopping || queue.size() >= maxQueued) {
                 return false;
             }
             queue.push_back(std::move(job));
         }
-        wake.notify_one();
+        wake.NotifyOne();
         return true;
     }
 
-    // Drops the jobs still queued (their connections are being closed anyway) and joins the workers
-    // once their jobs in progress have returned. Not from a worker.
-    void Stop() {
-        std::deque<std::function<void()>> dropped;  // destroyed outside the lock: jobs own connections
+    // Cancels the jobs still queued and joins the workers once their jobs in progress have returned.
+    // Not from a worker.
+    void Stop() NY_EXCLUDES(mutex) {
+        std::deque<Job> dropped;
         {
-            std::lock_guard guard(mutex);
+            Ny::MutexLock guard(mutex);
             stopping = true;
             dropped.swap(queue);
         }
-        wake.notify_all();
+        wake.NotifyAll();
+        for (auto& job : dropped) {  // outside the lock: a cancel hands a reply to a connection
+            job.cancel();
+        }
+        dropped.clear();
         for (auto& worker : workers) {
             if (worker.joinable()) {
                 worker.join();
@@ -170,53 +340,164 @@ class WorkerPool {
     }
 
   private:
-    void Loop() {
+    void Loop() NY_EXCLUDES(mutex) {
         NameThread("NyHttp.Worker");
         for (;;) {
-            std::function<void()> job;
+            Job job;
             {
-                std::unique_lock guard(mutex);
-                wake.wait(guard, [this] { return stopping || !queue.empty(); });
+                Ny::MutexLock guard(mutex);
+                while (!stopping && queue.empty()) {
+                    wake.Wait(mutex);
+                }
                 if (stopping) {
                     return;
                 }
                 job = std::move(queue.front());
                 queue.pop_front();
             }
-            job();  // catches its own exceptions
+            job.run();  // catches its own exceptions
         }
     }
 
-    std::mutex mutex;  // guards queue and stopping; innermost, nothing runs under it
-    std::condition_variable wake;
-    std::deque<std::function<void()>> queue;  // guarded by mutex
-    bool stopping = false;                    // guarded by mutex
+    Ny::Mutex mutex;  // innermost: nothing runs under it
+    Ny::CondVar wake;
+    std::deque<Job> queue NY_GUARDED_BY(mutex);
+    bool stopping NY_GUARDED_BY(mutex) = false;
     const std::size_t maxQueued;
-    std::vector<std::thread> workers;  // joined by Stop
+    std::vector<std::thread> workers;  // touched only by the constructor and Stop
+};
+
+// Threads of their own for requests that may wait for a person (see `mayWait`): started on demand, at most
+// `maxThreads` at once, so that a held request never takes a worker that the request releasing it needs.
+// A finished thread is joined by the next Start() or by Stop().
+class WaitingThreads {
+  public:
+    explicit WaitingThreads(std::size_t maxThreadsIn) : maxThreads(maxThreadsIn) {}
+    ~WaitingThreads() { Stop(); }
+    WaitingThreads(const WaitingThreads&) = delete;
+    WaitingThreads& operator=(const WaitingThreads&) = delete;
+
+    // False when `maxThreads` run already or Stop() has begun. Thread-safe.
+    bool Start(std::function<void()> job) NY_EXCLUDES(mutex) {
+        std::list<std::thread> joinable;
+        bool started = false;
+        {
+            Ny::MutexLock guard(mutex);
+            joinable.splice(joinable.end(), finished);
+            if (!stopping && active < maxThreads) {
+                ++active;
+                auto slot = running.emplace(running.end());
+                // The thread takes the lock to retire, so it cannot see its slot before it is filled.
+                *slot = std::thread([this, slot, job = std::move(job)] {
+                    NameThread("NyHttp.Waiting");
+                    job();  // catches its own exceptions
+                    Ny::MutexLock retire(mutex);
+                    finished.splice(finished.end(), running, slot);
+                    --active;
+                    done.NotifyAll();
+                });
+                started = true;
+            }
+        }
+        for (auto& thread : joinable) {  // retired: they only return now
+            thread.join();
+        }
+        return started;
+    }
+
+    // Refuses new jobs, waits for the running ones to return and joins every thread. Thread-safe.
+    void Stop() NY_EXCLUDES(mutex) {
+        std::list<std::thread> joinable;
+        {
+            Ny::MutexLock guard(mutex);
+            stopping = true;
+            while (active > 0) {
+                done.Wait(mutex);
+            }
+            joinable.swap(finished);
+        }
+        for (auto& thread : joinable) {
+            thread.join();
+        }
+    }
+
+  private:
+    Ny::Mutex mutex;  // innermost: only thread creation runs under it
+    Ny::CondVar done;
+    std::list<std::thread> running NY_GUARDED_BY(mutex);
+    std::list<std::thread> finished NY_GUARDED_BY(mutex);
+    std::size_t active NY_GUARDED_BY(mutex) = 0;
+    bool stopping NY_GUARDED_BY(mutex) = false;
+    const std::size_t maxThreads;
 };
 
 }  // namespace
 
-class Session;
-class EventSession;
+// What the server's state knows of a connection and of an event client, whatever stream carries them.
+class Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    virtual ~Connection() = default;
+    virtual void Start() = 0;
+    // For Stop(), from any thread (see Session::Close).
+    virtual void Close() = 0;
+};
+
+// A client's frames count against its cap from the moment they are handed over, not only once its
+// strand has queued them: a publisher faster than the I/O thread would otherwise pile up hand-overs
+// (each holding its frame) for clients that are far behind.
+class EventClient : public std::enable_shared_from_this<EventClient> {
+  public:
+    virtual ~EventClient() = default;
+    virtual const net::any_io_executor& Executor() const = 0;
+    // On the client's strand.
+    virtual void Start() = 0;
+    // A frame whose cost (FrameCost) Reserve() has granted.
+    virtual void Enqueue(std::shared_ptr<const std::string> frame) = 0;
+    // Logs and closes a client that was refused a frame.
+    virtual void DropBehind() = 0;
+    virtual void Close() = 0;
+
+    static std::size_t FrameCost(const std::string& frame) { return frame.size() + kQueuedFrameOverhead; }
+    // False, reserving nothing, when the frames held would pass `cap`. Any thread.
+    bool Reserve(std::size_t cost, std::size_t cap) {
+        if (heldBytes.fetch_add(cost) + cost > cap) {
+            heldBytes.fetch_sub(cost);
+            return false;
+        }
+        return true;
+    }
+    void Release(std::size_t cost) { heldBytes.fetch_sub(cost); }
+    // True the first time only, so that one drop is handed over per client.
+    bool MarkBehind() { return !behind.exchange(true); }
+
+  private:
+    std::atomic<std::size_t> heldBytes{0};  // frames handed over and not yet written, with their overhead
+    std::atomic<bool> behind{false};
+};
 
 struct HttpServer::Impl {
     Impl(HttpServerOptions optionsIn, Handler handlerIn, Filter filterIn)
         : options(std::move(optionsIn)),
           handler(std::move(handlerIn)),
           filter(std::move(filterIn)),
+          waiting(options.maxWaitingRequests),
           acceptor(net::make_strand(io)),
           acceptRetry(acceptor.get_executor()) {}
 
     void Accept();  // acceptor strand (or Start, before the I/O threads run)
+    void OnAccepted(beast::error_code ec, tcp::socket socket);  // acceptor strand
+    void PauseAccepting(beast::error_code ec);                  // acceptor strand
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
-    bool Track(const std::shared_ptr<Session>& session);
-    // Takes the socket out of `stream` into a new event client, unless the cap is reached or Stop() has
-    // begun (null then, and `stream` keeps its socket).
-    std::shared_ptr<EventSession> AddEventClient(beast::tcp_stream& stream, const std::string& remote);
+    bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
+    // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
+    // and `stream` is left as it was).
+    template <typename Stream>
+    std::shared_ptr<EventClient> AddEventClient(Stream& stream, const std::string& remote,
+                                                std::shared_ptr<void> ticket) NY_EXCLUDES(sessionsMutex);
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
-    void RunIo();
+    bool CallMayWait(const HttpRequest& request) const;
+    void RunIo() NY_EXCLUDES(ioMutex);
 
     const HttpServerOptions options;
     const Handler handler;
@@ -224,22 +505,35 @@ struct HttpServer::Impl {
     std::atomic<bool> stopping{false};  // set once by Stop(), read on every thread (seq_cst)
     std::uint16_t boundPort = 0;        // written by Start() before any thread starts; read-only after
     std::string boundAddress;           // likewise
+    // Connections open now, event streams included; each holds one ticket (see Accept).
+    std::atomic<std::size_t> openConnections{0};
 
-    // Serializes Start() and Stop() (guards started, workers and ioThreads). Lock order: stopMutex, then
-    // sessionsMutex or ioMutex; never taken on the server's own threads.
-    std::mutex stopMutex;
-    bool started = false;                 // guarded by stopMutex
+    // Serializes Start() and Stop(). Taken first, before sessionsMutex and ioMutex; never taken on the
+    // server's own threads.
+    Ny::Mutex stopMutex NY_ACQUIRED_BEFORE(sessionsMutex, ioMutex);
+    bool started NY_GUARDED_BY(stopMutex) = false;
     std::unique_ptr<WorkerPool> workers;  // set by Start() before the I/O threads run; read-only after
-    std::vector<std::thread> ioThreads;   // guarded by stopMutex; joined by Stop()
+    std::vector<std::thread> ioThreads NY_GUARDED_BY(stopMutex);  // joined by Stop()
+    WaitingThreads waiting;                                       // thread-safe on its own
 
-    // Guards sessions and eventSessions. Innermost: only Asio's non-blocking post runs under it.
-    mutable std::mutex sessionsMutex;
-    std::vector<std::weak_ptr<Session>> sessions;            // guarded by sessionsMutex
-    std::vector<std::weak_ptr<EventSession>> eventSessions;  // guarded by sessionsMutex
+    // Innermost: only Asio's non-blocking post runs under it.
+    mutable Ny::Mutex sessionsMutex;
+    std::vector<std::weak_ptr<Connection>> sessions NY_GUARDED_BY(sessionsMutex);
+    std::vector<std::weak_ptr<EventClient>> eventSessions NY_GUARDED_BY(sessionsMutex);
 
-    std::mutex ioMutex;  // guards ioRunning; innermost
-    std::condition_variable ioFinished;
-    unsigned ioRunning = 0;  // guarded by ioMutex: I/O threads still inside io.run()
+    Ny::Mutex ioMutex;  // innermost
+    Ny::CondVar ioFinished;
+    unsigned ioRunning NY_GUARDED_BY(ioMutex) = 0;  // I/O threads still inside io.run()
+
+    // On the acceptor's strand only: the pause after a failed accept, and whether the failures were
+    // logged (once per episode).
+    std::chrono::milliseconds acceptPause{kAcceptRetry};
+    bool acceptPaused = false;
+    bool connectionCapLogged = false;
+
+    // Set by Start() when serving HTTPS, before any connection; read-only after. Outlives the
+    // connections (destroyed after `io`).
+    std::optional<net::ssl::context> tls;
 
     // Declared last so that they are destroyed first: destroying the io_context destroys the handlers it
     // still holds (after a cut-off Stop), and with them the connections they own, while the rest of this
@@ -249,42 +543,53 @@ struct HttpServer::Impl {
     net::steady_timer acceptRetry;
     // Keeps the I/O threads in io.run() from Start() until Stop() has handed them its last work: a
     // connection waiting for its handler has no operation pending, and without the guard the threads
-    // could leave between Stop()'s posts and never close it. Guarded by stopMutex.
-    std::optional<net::executor_work_guard<net::io_context::executor_type>> keepRunning;
+    // could leave between Stop()'s posts and never close it.
+    std::optional<net::executor_work_guard<net::io_context::executor_type>> keepRunning
+        NY_GUARDED_BY(stopMutex);
+};
+
+// Counts one open connection for the cap: made by Accept, handed from a connection to its event stream,
+// released when the last of them goes.
+struct ConnectionTicket {
+    explicit ConnectionTicket(std::atomic<std::size_t>& countIn) : count(countIn) { ++count; }
+    ~ConnectionTicket() { --count; }
+    ConnectionTicket(const ConnectionTicket&) = delete;
+    ConnectionTicket& operator=(const ConnectionTicket&) = delete;
+    std::atomic<std::size_t>& count;
 };
 
 // One event-stream client. Everything but construction runs on its connection's strand. Frames wait in a
 // bounded queue and are written one at a time; a client too far behind, or one that takes no data for
 // `readTimeout`, is closed: a slow client never holds up the others or the publisher. Owned by the
 // completion handlers in flight; the server keeps only a weak reference.
-class EventSession : public std::enable_shared_from_this<EventSession> {
+template <typename Stream>
+class EventSession final : public EventClient {
   public:
-    EventSession(tcp::socket socketIn, HttpServer::Impl& serverIn, std::string remoteIn)
-        : socket(std::move(socketIn)),
-          executor(socket.get_executor()),
+    EventSession(Stream streamIn, HttpServer::Impl& serverIn, std::string remoteIn,
+                 std::shared_ptr<void> ticketIn)
+        : ticket(std::move(ticketIn)),
+          stream(std::move(streamIn)),
+          executor(stream.get_executor()),
           server(serverIn),
           remote(std::move(remoteIn)),
-          timer(executor) {}
+          timer(executor) {
+        // The stream watches its clients itself (Tick); a request's deadline must not cut it.
+        beast::get_lowest_layer(stream).expires_never();
+    }
 
-    const net::any_io_executor& Executor() const { return executor; }
+    const net::any_io_executor& Executor() const override { return executor; }
 
-    void Start() {
-        Enqueue(std::make_shared<const std::string>(kStreamHeader));
+    void Start() override {
+        EnqueueOwn(std::make_shared<const std::string>(kStreamHeader));
         WatchForClose();
         Tick();
     }
 
-    void Enqueue(std::shared_ptr<const std::string> frame) {
+    void Enqueue(std::shared_ptr<const std::string> frame) override {
         if (closed) {
+            Release(FrameCost(*frame));
             return;
         }
-        if (queuedBytes + frame->size() > server.options.eventClientQueueBytes) {
-            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
-                   remote.c_str(), server.options.eventClientQueueBytes);
-            Close();
-            return;
-        }
-        queuedBytes += frame->size();
         queue.push_back(std::move(frame));
         lastEnqueue = Clock::now();
         if (queue.size() == 1) {
@@ -292,27 +597,45 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
         }
     }
 
-    void Close() {
+    void DropBehind() override {
+        if (closed) {
+            return;
+        }
+        NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
+               remote.c_str(), server.options.eventClientQueueBytes);
+        Close();
+    }
+
+    void Close() override {
         if (closed) {
             return;
         }
         closed = true;
         timer.cancel();
         beast::error_code ignored;
-        socket.shutdown(tcp::socket::shutdown_both, ignored);
-        socket.close(ignored);
+        beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_both, ignored);
+        beast::get_lowest_layer(stream).close();
     }
 
   private:
+    // A frame of the stream's own (its header, keep-alive comments).
+    void EnqueueOwn(std::shared_ptr<const std::string> frame) {
+        if (!Reserve(FrameCost(*frame), server.options.eventClientQueueBytes)) {
+            DropBehind();
+            return;
+        }
+        Enqueue(std::move(frame));
+    }
+
     void WriteNext() {
         writeStarted = Clock::now();
-        net::async_write(socket, net::buffer(*queue.front()),
-                         [self = shared_from_this()](beast::error_code ec, std::size_t) {
+        net::async_write(stream, net::buffer(*queue.front()),
+                         [self = Self()](beast::error_code ec, std::size_t) {
                              if (ec) {
                                  self->Close();
                                  return;
                              }
-                             self->queuedBytes -= self->queue.front()->size();
+                             self->Release(FrameCost(*self->queue.front()));
                              self->queue.pop_front();
                              if (!self->closed && !self->queue.empty()) {
                                  self->WriteNext();
@@ -322,24 +645,23 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
 
     // A stream client sends nothing after its request: a completed read means it went away.
     void WatchForClose() {
-        socket.async_read_some(
-            net::buffer(discard), [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                if (ec) {
-                    if (!self->closed) {
-                        NY_LOG(Ny::Logging::Level::Progress, "Event client %s left.", self->remote.c_str());
-                    }
-                    self->Close();
-                    return;
+        stream.async_read_some(net::buffer(discard), [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                if (!self->closed) {
+                    NY_LOG(Ny::Logging::Level::Progress, "Event client %s left.", self->remote.c_str());
                 }
-                self->WatchForClose();
-            });
+                self->Close();
+                return;
+            }
+            self->WatchForClose();
+        });
     }
 
     // Keep-alive comments on idle streams, and the check for a client that stopped reading altogether
     // (its write never completes, and with no new events its queue would never overflow).
     void Tick() {
         timer.expires_after(std::min(server.options.eventKeepAlive, server.options.readTimeout));
-        timer.async_wait([self = shared_from_this()](beast::error_code ec) {
+        timer.async_wait([self = Self()](beast::error_code ec) {
             if (ec || self->closed) {
                 return;
             }
@@ -353,85 +675,130 @@ class EventSession : public std::enable_shared_from_this<EventSession> {
             }
             if (now - self->lastEnqueue >= self->server.options.eventKeepAlive) {
                 static const auto keepAlive = std::make_shared<const std::string>(": keep-alive\n\n");
-                self->Enqueue(keepAlive);
+                self->EnqueueOwn(keepAlive);
             }
             self->Tick();
         });
     }
 
-    tcp::socket socket;
+    std::shared_ptr<EventSession> Self() {
+        return std::static_pointer_cast<EventSession>(shared_from_this());
+    }
+
+    const std::shared_ptr<void> ticket;  // counts the connection for the cap while the stream lives
+    Stream stream;
     const net::any_io_executor executor;  // the connection's strand
     HttpServer::Impl& server;             // outlives every session (see Impl's member order)
     const std::string remote;
     net::steady_timer timer;
     std::deque<std::shared_ptr<const std::string>> queue;  // frames shared between clients
-    std::size_t queuedBytes = 0;
     bool closed = false;
     Clock::time_point lastEnqueue = Clock::now();
     Clock::time_point writeStarted = Clock::now();
     char discard[256];
 };
 
-// One HTTP connection. Everything but construction, Close() and the hand-over of a worker's reply runs
-// on the connection's strand. Reads a request, filters it, hands it to a worker (or turns the connection
-// into an event stream), writes the reply and reads the next one while the client keeps it alive. Owned
-// by the completion handlers and worker jobs in flight; the server keeps only a weak reference.
-class Session : public std::enable_shared_from_this<Session> {
+// One HTTP connection. Everything but construction, Close() and the hand-over of a reply from a handler's
+// thread runs on the connection's strand. Reads a request in steps (header, checks, body), filters it,
+// hands it to a worker or a waiting thread (or turns the connection into an event stream), writes the
+// reply and reads the next one while the client keeps it alive. What it buffers is capped: the header
+// by `headerLimit`, any other unparsed bytes (chunk-size lines, extensions, trailers) by kChunkLineLimit
+// on top of it, the body by `bodyLimit`. Owned by the completion handlers and jobs in flight; the server
+// keeps only a weak reference.
+template <typename Stream>
+class Session final : public Connection {
   public:
-    Session(tcp::socket socket, HttpServer::Impl& serverIn)
-        : executor(socket.get_executor()), stream(std::move(socket)), server(serverIn) {}
+    Session(Stream streamIn, HttpServer::Impl& serverIn, std::shared_ptr<void> ticketIn)
+        : ticket(std::move(ticketIn)),
+          stream(std::move(streamIn)),
+          executor(stream.get_executor()),
+          server(serverIn),
+          buffer(server.options.headerLimit + kChunkLineLimit) {}
 
-    void Start() {
-        net::dispatch(executor, [self = shared_from_this()] { self->Begin(); });
+    void Start() override {
+        net::dispatch(executor, [self = Self()] { self->Begin(); });
     }
 
-    // Any thread.
-    void Close() {
-        net::post(executor, [self = shared_from_this()] {
+    // For Stop(), from any thread: closes the connection unless a request has been fully received and
+    // not yet answered; that one gets its reply (Connection: close) first.
+    void Close() override {
+        net::post(executor, [self = Self()] {
+            if (self->busy || self->closing) {
+                return;  // Write sees `stopping` and closes after the reply; or closed already
+            }
             self->closing = true;
             beast::error_code ignored;
-            self->stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
-            self->stream.close();
+            self->Lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+            self->Lowest().close();
         });
     }
 
   private:
+    static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
+
+    std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
+    beast::tcp_stream& Lowest() { return beast::get_lowest_layer(stream); }
+
     void Begin() {
         beast::error_code ec;
-        stream.socket().set_option(tcp::no_delay(true), ec);
-        const auto endpoint = stream.socket().remote_endpoint(ec);
+        Lowest().socket().set_option(tcp::no_delay(true), ec);
+        const auto endpoint = Lowest().socket().remote_endpoint(ec);
         remote =
             ec ? std::string("?") : endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
-        Read();
+        if constexpr (kTls) {
+            Handshake();
+        } else {
+            Read();
+        }
+    }
+
+    // Under the read time-out, so that a client that never finishes it is closed like a slow one. A
+    // client speaking plain HTTP fails here and is closed: it gets no HTTP reply in clear text.
+    void Handshake() {
+        Lowest().expires_after(server.options.readTimeout);
+        stream.async_handshake(net::ssl::stream_base::server, [self = Self()](beast::error_code ec) {
+            if (ec) {
+                NY_LOG(Ny::Logging::Level::Progress, "TLS handshake with %1$s failed: %2$s",
+                       self->remote.c_str(), ec.message().c_str());
+                self->CloseSocket();
+                return;
+            }
+            self->Read();
+        });
     }
 
     void Read() {
-        if (closing) {
+        if (closing || server.stopping) {
+            CloseSocket();
             return;
         }
+        busy = false;
         parser.emplace();
         parser->header_limit(static_cast<std::uint32_t>(
             std::min<std::size_t>(server.options.headerLimit, std::numeric_limits<std::uint32_t>::max())));
         parser->body_limit(server.options.bodyLimit);
         // One deadline for the whole request, so that a client trickling bytes cannot hold the
         // connection longer than an idle one.
-        stream.expires_after(server.options.readTimeout);
-        http::async_read_header(stream, buffer, *parser,
-                                [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                    if (ec) {
-                                        self->OnReadError(ec);
-                                        return;
-                                    }
-                                    self->OnHeader();
-                                });
+        Lowest().expires_after(server.options.readTimeout);
+        http::async_read_header(stream, buffer, *parser, [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->OnReadError(ec);
+                return;
+            }
+            self->OnHeader();
+        });
     }
 
-    // The limits are checked with the header (a too-large Content-Length fails there), so a client that
-    // asks for "100-continue" is only told to go on once its body is acceptable.
+    // The limits and the framing are checked with the header, so a client that asks for "100-continue"
+    // is told to go on only once its request is acceptable, and is told the final error at once if not.
     void OnHeader() {
+        if (auto refusal = CheckHeader()) {
+            Refuse(refusal->first, refusal->second);
+            return;
+        }
         if (!parser->is_done() && beast::iequals(parser->get()[http::field::expect], "100-continue")) {
             net::async_write(stream, net::buffer(kContinueLine),
-                             [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                             [self = Self()](beast::error_code ec, std::size_t) {
                                  if (ec) {
                                      self->CloseSocket();
                                      return;
@@ -443,28 +810,69 @@ class Session : public std::enable_shared_from_this<Session> {
         ReadBody();
     }
 
+    // A framing the transport does not understand exactly would let the body be read as a request of
+    // its own (smuggling): anything but one final "chunked" is refused, and so is a Content-Length
+    // beside it. Text the handler gets must be valid UTF-8, so that no reply or log built from it throws.
+    std::optional<std::pair<int, std::string>> CheckHeader() const {
+        const auto& header = parser->get();
+        std::size_t hosts = 0;
+        std::size_t codings = 0;
+        std::string_view coding;
+        for (const auto& field : header) {
+            if (field.name() == http::field::host) {
+                ++hosts;
+            } else if (field.name() == http::field::transfer_encoding) {
+                ++codings;
+                coding = Trimmed(View(field.value()));
+            }
+            if (!IsValidUtf8(View(field.value()))) {
+                return std::pair{400, std::string("A header value is not valid UTF-8.")};
+            }
+        }
+        if (hosts != 1) {
+            return std::pair{400, std::string("A request needs exactly one Host header.")};
+        }
+        if (codings > 0) {
+            if (codings != 1 || !EqualsIgnoringCase(coding, "chunked")) {
+                return std::pair{501, std::string("Only the chunked transfer coding is supported.")};
+            }
+            if (header.count(http::field::content_length) != 0) {
+                return std::pair{400,
+                                 std::string("Transfer-Encoding and Content-Length exclude each other.")};
+            }
+        }
+        const std::string_view target = View(header.target());
+        if (!IsValidUtf8(PercentDecoded(target.substr(0, target.find('?'))))) {
+            return std::pair{400, std::string("The request path is not valid UTF-8.")};
+        }
+        return std::nullopt;
+    }
+
     void ReadBody() {
         if (parser->is_done()) {
             OnRequest();
             return;
         }
-        http::async_read(stream, buffer, *parser,
-                         [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                             if (ec) {
-                                 self->OnReadError(ec);
-                                 return;
-                             }
-                             self->OnRequest();
-                         });
+        http::async_read(stream, buffer, *parser, [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->OnReadError(ec);
+                return;
+            }
+            self->OnRequest();
+        });
     }
 
     void OnReadError(beast::error_code ec) {
         if (ec == http::error::body_limit) {
             Refuse(413,
                    "The request body is larger than " + std::to_string(server.options.bodyLimit) + " bytes.");
-        } else if (ec == http::error::header_limit) {
+        } else if (ec == http::error::header_limit ||
+                   (ec == http::error::buffer_overflow && !parser->is_header_done())) {
             Refuse(431, "The request headers are larger than " + std::to_string(server.options.headerLimit) +
                             " bytes.");
+        } else if (ec == http::error::buffer_overflow) {
+            Refuse(400,
+                   "A chunk line or trailer is longer than " + std::to_string(kChunkLineLimit) + " bytes.");
         } else if (ec.category() == HttpErrors() && ec != http::error::end_of_stream &&
                    ec != http::error::partial_message) {
             Refuse(400, "Malformed HTTP request: " + ec.message() + ".");
@@ -479,47 +887,74 @@ class Session : public std::enable_shared_from_this<Session> {
         }
     }
 
+    // The request is whole: from here until its reply is written the connection is busy, and Stop()
+    // lets it finish.
     void OnRequest() {
-        http::request<http::string_body> message = parser->release();
-        keepAlive = message.keep_alive();
-        HttpRequest request;
-        request.method = std::string(message.method_string());
-        request.target = std::string(message.target());
-        for (const auto& field : message) {
-            request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-        }
-        request.body = std::move(message.body());
-        request.remote = remote;
-
+        busy = true;
+        HttpRequest request = TakeRequest();
         if (auto refusal = server.CallFilter(request)) {
             Write(std::move(*refusal));
             return;
         }
         const std::string path = request.target.substr(0, request.target.find('?'));
-        if (request.method == "GET" && path == server.options.eventsPath) {
+        if (request.method == "GET" && !headOnly && path == server.options.eventsPath) {
             OpenEventStream();
             return;
         }
-        auto self = shared_from_this();
-        auto shared =
-            std::make_shared<HttpRequest>(std::move(request));  // std::function needs a copyable job
-        const bool queued = server.workers->Submit([self, shared] {
-            HttpResponse response = self->server.CallHandler(*shared);
+        Dispatch(std::move(request));
+    }
+
+    // A HEAD is handled as the GET it asks about; Write leaves out the body.
+    HttpRequest TakeRequest() {
+        http::request<http::string_body> message = parser->release();
+        keepAlive = message.keep_alive();
+        headOnly = message.method() == http::verb::head;
+        HttpRequest request;
+        request.method = headOnly ? std::string("GET") : std::string(message.method_string());
+        request.target = OriginForm(View(message.target()));
+        for (const auto& field : message) {
+            request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+        }
+        request.body = std::move(message.body());
+        request.remote = remote;
+        return request;
+    }
+
+    // To a waiting thread when the request may wait for a person, else to the worker pool.
+    void Dispatch(HttpRequest requestIn) {
+        auto self = Self();
+        auto request = std::make_shared<HttpRequest>(std::move(requestIn));  // std::function copies jobs
+        auto run = [self, request] {
+            HttpResponse response = self->server.CallHandler(*request);
             net::post(self->executor,
                       [self, response = std::move(response)]() mutable { self->Write(std::move(response)); });
-        });
-        if (!queued) {
-            NY_LOG(Ny::Logging::Level::Notice,
-                   "Request of %1$s refused: %2$zu requests already wait for a worker.", remote.c_str(),
-                   server.options.maxQueuedRequests);
-            HttpResponse busy = JsonErrorReply(503, "The server is busy; try again.");
-            busy.headers.emplace_back("Retry-After", "1");
-            Write(std::move(busy));
+        };
+        if (server.CallMayWait(*request)) {
+            if (!server.waiting.Start(run)) {
+                Busy(server.options.maxWaitingRequests, "requests already wait");
+            }
+            return;
+        }
+        auto cancel = [self] { net::post(self->executor, [self] { self->Write(ShuttingDownReply()); }); };
+        if (!server.workers->Submit(Job{run, cancel})) {
+            Busy(server.options.maxQueuedRequests, "requests already wait for a worker");
         }
     }
 
+    void Busy(std::size_t limit, const char* what) {
+        if (server.stopping) {
+            Write(ShuttingDownReply());
+            return;
+        }
+        NY_LOG(Ny::Logging::Level::Notice, "Request of %1$s refused: %2$zu %3$s.", remote.c_str(), limit,
+               what);
+        HttpResponse busyReply = JsonErrorReply(503, "The server is busy; try again.");
+        busyReply.headers.emplace_back("Retry-After", "1");
+        Write(std::move(busyReply));
+    }
+
     void OpenEventStream() {
-        auto events = server.AddEventClient(stream, remote);
+        auto events = server.AddEventClient(stream, remote, ticket);
         if (!events) {
             NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.",
                    remote.c_str(), server.options.maxEventClients);
@@ -541,6 +976,19 @@ class Session : public std::enable_shared_from_this<Session> {
                    response.status);
             response = JsonErrorReply(500, "The server made an invalid reply.");
         }
+        auto message = ToMessage(std::move(response));
+        message->keep_alive(keepAlive && !server.stopping);
+        Lowest().expires_after(server.options.readTimeout);
+        http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            if (ec || !message->keep_alive()) {
+                self->CloseSocket();
+                return;
+            }
+            self->Read();
+        });
+    }
+
+    std::shared_ptr<http::response<http::string_body>> ToMessage(HttpResponse response) const {
         auto message = std::make_shared<http::response<http::string_body>>();
         message->version(11);
         message->result(static_cast<unsigned>(response.status));
@@ -553,6 +1001,7 @@ class Session : public std::enable_shared_from_this<Session> {
             message->insert(name, value);
             hasType = hasType || EqualsIgnoringCase(name, "Content-Type");
         }
+        message->set("X-Content-Type-Options", "nosniff");
         const bool noBody = response.status == 204 || response.status == 304;
         if (!noBody) {
             if (!hasType && !response.body.empty()) {
@@ -560,17 +1009,14 @@ class Session : public std::enable_shared_from_this<Session> {
             }
             message->body() = std::move(response.body);
         }
-        message->keep_alive(keepAlive && !server.stopping);
         message->prepare_payload();
-        stream.expires_after(server.options.readTimeout);
-        http::async_write(stream, *message,
-                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-                              if (ec || !message->keep_alive()) {
-                                  self->CloseSocket();
-                                  return;
-                              }
-                              self->Read();
-                          });
+        if (headOnly && !noBody) {
+            // The length GET would have sent, and no body.
+            const std::size_t length = message->body().size();
+            message->body().clear();
+            message->content_length(length);
+        }
+        return message;
     }
 
     // An error of the transport itself: reply, then close lingering (see kLingerDrain).
@@ -579,81 +1025,124 @@ class Session : public std::enable_shared_from_this<Session> {
             NY_LOG(Ny::Logging::Level::Notice, "Client %1$s refused with %2$d: %3$s", remote.c_str(), status,
                    text.c_str());
         }
-        auto message = std::make_shared<http::response<http::string_body>>();
-        message->version(11);
-        message->result(static_cast<unsigned>(status));
-        message->set(http::field::content_type, "application/json");
-        message->body() = JsonErrorReply(status, text).body;
+        busy = true;  // until the reply is out, so that Stop() lets it finish
+        keepAlive = false;
+        headOnly = false;
+        auto message = ToMessage(JsonErrorReply(status, text));
         message->keep_alive(false);
-        message->prepare_payload();
-        stream.expires_after(kErrorWriteTimeout);
-        http::async_write(stream, *message,
-                          [self = shared_from_this(), message](beast::error_code ec, std::size_t) {
-                              if (ec) {
-                                  self->CloseSocket();
-                                  return;
-                              }
-                              beast::error_code ignored;
-                              self->stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-                              self->stream.expires_after(kLingerDrain);
-                              self->Drain();
-                          });
+        Lowest().expires_after(kErrorWriteTimeout);
+        http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            self->busy = false;
+            if (ec || self->server.stopping) {
+                self->CloseSocket();
+                return;
+            }
+            beast::error_code ignored;
+            self->Lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+            self->Lowest().expires_after(kLingerDrain);
+            self->Drain();
+        });
     }
 
     void Drain() {
-        stream.async_read_some(net::buffer(discard),
-                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                   if (ec) {
-                                       self->stream.close();
-                                       return;
-                                   }
-                                   self->Drain();
-                               });
+        stream.async_read_some(net::buffer(discard), [self = Self()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                self->Lowest().close();
+                return;
+            }
+            self->Drain();
+        });
     }
 
     void CloseSocket() {
+        closing = true;
+        busy = false;
         beast::error_code ignored;
-        stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-        stream.close();
+        Lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+        Lowest().close();
     }
 
+    std::shared_ptr<void> ticket;         // counts the connection for the cap; handed to an event stream
+    Stream stream;                        // moved to an event stream by OpenEventStream
     const net::any_io_executor executor;  // the connection's strand; read by workers to hand back replies
-    beast::tcp_stream stream;
-    HttpServer::Impl& server;  // outlives every session (see Impl's member order)
-    beast::flat_buffer buffer;
+    HttpServer::Impl& server;             // outlives every session (see Impl's member order)
+    beast::flat_buffer buffer;  // capped (see the class comment): a longer line is refused, not buffered
     std::optional<http::request_parser<http::string_body>> parser;
     std::string remote;
     bool keepAlive = true;
-    bool closing = false;  // set by Close() or the hand-over to an event stream: no further I/O
+    bool headOnly = false;  // the request being answered is a HEAD
+    bool busy = false;      // a request is whole and its reply not yet written
+    bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
     char discard[4096];
 };
 
 void HttpServer::Impl::Accept() {
     acceptor.async_accept(net::make_strand(io), [this](beast::error_code ec, tcp::socket socket) {
-        if (stopping) {
-            return;
-        }
-        if (ec) {
-            NY_LOG(Ny::Logging::Level::CaughtFailure, "Accepting a connection failed: %s",
-                   ec.message().c_str());
-            acceptRetry.expires_after(kAcceptRetry);
-            acceptRetry.async_wait([this](beast::error_code waitError) {
-                if (!waitError && !stopping) {
-                    Accept();
-                }
-            });
-            return;
-        }
-        auto session = std::make_shared<Session>(std::move(socket), *this);
-        if (Track(session)) {
-            session->Start();
-        }
-        Accept();
+        OnAccepted(ec, std::move(socket));
     });
 }
 
-bool HttpServer::Impl::Track(const std::shared_ptr<Session>& session) {
-    std::lock_guard guard(sessionsMutex);
+void HttpServer::Impl::OnAccepted(beast::error_code ec, tcp::socket socket) {
+    if (stopping) {
+        return;
+    }
+    if (ec) {
+        PauseAccepting(ec);
+        return;
+    }
+    if (acceptPaused) {
+        acceptPaused = false;
+        acceptPause = kAcceptRetry;
+        NY_LOG(Ny::Logging::Level::Notice, "Accepting connections again.");
+    }
+    // Counted before the check, so that the cap holds however fast connections arrive.
+    auto ticket = std::make_shared<ConnectionTicket>(openConnections);
+    if (openConnections > options.maxConnections) {
+        if (!connectionCapLogged) {
+            NY_LOG(Ny::Logging::Level::Notice, "Connections beyond %zu are closed at once.",
+                   options.maxConnections);
+            connectionCapLogged = true;
+        }
+        beast::error_code ignored;
+        socket.close(ignored);
+    } else {
+        connectionCapLogged = false;
+        std::shared_ptr<Connection> session;
+        if (tls) {
+            session = std::make_shared<Session<TlsStream>>(TlsStream(std::move(socket), *tls), *this,
+                                                           std::move(ticket));
+        } else {
+            session = std::make_shared<Session<PlainStream>>(PlainStream(std::move(socket)), *this,
+                                                             std::move(ticket));
+        }
+        if (Track(session)) {
+            session->Start();
+        }
+    }
+    Accept();
+}
+
+// Out of descriptors (or memory), accept fails at once for as long as a connection is pending: wait,
+// doubling the pause, and log the episode once rather than every try. Open connections go on being served.
+void HttpServer::Impl::PauseAccepting(beast::error_code ec) {
+    if (!acceptPaused) {
+        acceptPaused = true;
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Accepting connections failed (%s); retrying with a pause.",
+               ec.message().c_str());
+    } else {
+        acceptPause =
+            std::min(acceptPause * 2, std::chrono::duration_cast<std::chrono::milliseconds>(kAcceptRetryMax));
+    }
+    acceptRetry.expires_after(acceptPause);
+    acceptRetry.async_wait([this](beast::error_code waitError) {
+        if (!waitError && !stopping) {
+            Accept();
+        }
+    });
+}
+
+bool HttpServer::Impl::Track(const std::shared_ptr<Connection>& session) {
+    Ny::MutexLock guard(sessionsMutex);
     // Checked under the lock that Stop() takes to close the sessions: a session is either seen by Stop()
     // or never started.
     if (stopping) {
@@ -664,16 +1153,34 @@ bool HttpServer::Impl::Track(const std::shared_ptr<Session>& session) {
     return true;
 }
 
-std::shared_ptr<EventSession> HttpServer::Impl::AddEventClient(beast::tcp_stream& stream,
-                                                               const std::string& remote) {
-    std::lock_guard guard(sessionsMutex);
+template <typename Stream>
+std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, const std::string& remote,
+                                                              std::shared_ptr<void> ticket) {
+    Ny::MutexLock guard(sessionsMutex);
     std::erase_if(eventSessions, [](const auto& weak) { return weak.expired(); });
     if (stopping || eventSessions.size() >= options.maxEventClients) {
         return nullptr;
     }
-    auto events = std::make_shared<EventSession>(stream.release_socket(), *this, remote);
+    auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket));
     eventSessions.push_back(events);
     return events;
+}
+
+bool HttpServer::Impl::CallMayWait(const HttpRequest& request) const {
+    if (!options.mayWait) {
+        return false;
+    }
+    try {
+        return options.mayWait(request);
+    } catch (const std::exception& e) {
+        // A predicate that cannot decide gives the safer answer: a thread of its own never starves others.
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed: %3$s",
+               request.method.c_str(), request.target.c_str(), e.what());
+    } catch (...) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed with an unknown error.",
+               request.method.c_str(), request.target.c_str());
+    }
+    return true;
 }
 
 HttpResponse HttpServer::Impl::CallHandler(const HttpRequest& request) const {
@@ -720,10 +1227,10 @@ void HttpServer::Impl::RunIo() {
         }
     }
     {
-        std::lock_guard guard(ioMutex);
+        Ny::MutexLock guard(ioMutex);
         --ioRunning;
     }
-    ioFinished.notify_all();
+    ioFinished.NotifyAll();
 }
 
 HttpServer::HttpServer(HttpServerOptions options, Handler handler, Filter filter)
@@ -734,11 +1241,15 @@ HttpServer::~HttpServer() {
 }
 
 void HttpServer::Start() {
-    std::lock_guard startGuard(impl->stopMutex);
+    Ny::MutexLock startGuard(impl->stopMutex);
     if (impl->started || impl->stopping) {
         throw NY_EXCEPTION(-1000, "The HTTP server can be started only once.");
     }
     const HttpServerOptions& options = impl->options;
+    if (!options.tlsCertFile.empty() || !options.tlsKeyFile.empty()) {
+        impl->tls.emplace(MakeTlsContext(options));
+    }
+    RaiseDescriptorLimit();
     try {
         const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
         impl->acceptor.open(endpoint.protocol());
@@ -761,14 +1272,14 @@ void HttpServer::Start() {
     impl->Accept();
     const unsigned ioThreads = std::clamp(options.ioThreads, 1u, 2u);
     {
-        std::lock_guard guard(impl->ioMutex);
+        Ny::MutexLock guard(impl->ioMutex);
         impl->ioRunning = ioThreads;
     }
     for (unsigned i = 0; i < ioThreads; ++i) {
         impl->ioThreads.emplace_back([state = impl.get()] { state->RunIo(); });
     }
-    NY_LOG(Ny::Logging::Level::Notice, "Serving HTTP on %1$s:%2$u.", impl->boundAddress.c_str(),
-           static_cast<unsigned>(impl->boundPort));
+    NY_LOG(Ny::Logging::Level::Notice, "Serving %1$s on %2$s:%3$u.", impl->tls ? "HTTPS" : "HTTP",
+           impl->boundAddress.c_str(), static_cast<unsigned>(impl->boundPort));
 }
 
 std::uint16_t HttpServer::Port() const {
@@ -784,22 +1295,32 @@ void HttpServer::PublishEvent(const std::string& event, const std::string& data)
         return;
     }
     const auto frame = std::make_shared<const std::string>(EventFrame(event, data));
-    std::lock_guard guard(impl->sessionsMutex);
+    const std::size_t cost = EventClient::FrameCost(*frame);
+    Ny::MutexLock guard(impl->sessionsMutex);
     for (const auto& weak : impl->eventSessions) {
-        if (auto session = weak.lock()) {
+        auto session = weak.lock();
+        if (!session) {
+            continue;
+        }
+        if (session->Reserve(cost, impl->options.eventClientQueueBytes)) {
             net::post(session->Executor(), [session, frame] { session->Enqueue(frame); });
+        } else if (session->MarkBehind()) {
+            net::post(session->Executor(), [session] { session->DropBehind(); });
         }
     }
 }
 
 std::size_t HttpServer::EventClientCount() const {
-    std::lock_guard guard(impl->sessionsMutex);
+    Ny::MutexLock guard(impl->sessionsMutex);
     return static_cast<std::size_t>(std::count_if(impl->eventSessions.begin(), impl->eventSessions.end(),
                                                   [](const auto& weak) { return !weak.expired(); }));
 }
 
+// Drains in this order: no new connections; idle connections closed; requests queued but not started
+// answered 503; handlers in progress (workers and waiting threads) awaited, their replies written with
+// Connection: close; then the I/O threads leave once the last writes are done (or the grace runs out).
 void HttpServer::Stop() {
-    std::lock_guard stopGuard(impl->stopMutex);
+    Ny::MutexLock stopGuard(impl->stopMutex);
     if (impl->stopping.exchange(true)) {
         return;
     }
@@ -809,7 +1330,7 @@ void HttpServer::Stop() {
         state->acceptRetry.cancel();
     });
     {
-        std::lock_guard guard(impl->sessionsMutex);
+        Ny::MutexLock guard(impl->sessionsMutex);
         for (const auto& weak : impl->sessions) {
             if (auto session = weak.lock()) {
                 session->Close();
@@ -822,19 +1343,22 @@ void HttpServer::Stop() {
         }
     }
     if (impl->workers) {
-        impl->workers->Stop();  // waits for handlers in progress; their replies find the connection closed
+        impl->workers->Stop();  // cancels queued requests (503), waits for handlers in progress
     }
-    // With the acceptor and every connection closed and no worker left to hand back a reply, nothing
-    // starts new work, so the I/O threads leave io.run() by themselves once the last completions have
-    // run. Waiting for that (rather than stopping the io_context at once) lets every close above
-    // actually happen now, not at destruction.
+    impl->waiting.Stop();
+    // Every reply is now handed to its connection's strand and nothing starts new work, so the I/O
+    // threads leave io.run() by themselves once the last writes and closes have run.
     impl->keepRunning.reset();
     {
-        std::unique_lock guard(impl->ioMutex);
-        if (!impl->ioFinished.wait_for(guard, kStopGrace, [this] { return impl->ioRunning == 0; })) {
-            NY_LOG(Ny::Logging::Level::Notice, "HTTP connections still busy after %lld ms are cut off.",
-                   static_cast<long long>(
-                       std::chrono::duration_cast<std::chrono::milliseconds>(kStopGrace).count()));
+        Ny::MutexLock guard(impl->ioMutex);
+        const auto deadline = Clock::now() + kStopGrace;
+        while (impl->ioRunning != 0) {
+            if (!impl->ioFinished.WaitUntil(impl->ioMutex, deadline) && Clock::now() >= deadline) {
+                NY_LOG(Ny::Logging::Level::Notice, "HTTP connections still busy after %lld ms are cut off.",
+                       static_cast<long long>(
+                           std::chrono::duration_cast<std::chrono::milliseconds>(kStopGrace).count()));
+                break;
+            }
         }
     }
     impl->io.stop();

@@ -4,27 +4,41 @@
 // dispatch) and pushes events to stream clients. It adds nothing but transport; what a request means is
 // the handler's business. No HTTP library type appears here, so that only HttpServer.cpp pays for it.
 //
-// Threads. One io_context served by `ioThreads` (1 or 2) threads does all socket I/O, timers and the
-// filter; those threads never block. The handler runs on a separate pool of `workerThreads` threads, so a
-// handler that blocks for a long time (a creating request that waits for another request's continue)
-// never holds an I/O thread, and other connections keep being served. Requests waiting for a worker sit
-// in a queue of at most `maxQueuedRequests`; beyond it the server answers 503 at once rather than let
-// latency grow without bound.
+// Threads. One io_context served by `ioThreads` (1 or 2) threads does all socket I/O, timers, the
+// checks of a request's framing and the filter; those threads never block. The handler runs on a pool of
+// `workerThreads` threads, so a handler that blocks never holds an I/O thread. Requests waiting for a
+// worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers 503 at once. A
+// request for which `mayWait` says so (one that may wait for another request, e.g. its continue) runs on
+// a thread of its own instead, at most `maxWaitingRequests` at once (beyond, 503), so that it never
+// takes the worker the releasing request needs.
 //
-// Per connection: a strand, TCP_NODELAY, HTTP/1.1 keep-alive, "Expect: 100-continue", a body limit (413,
-// refused from the header, the body is never read into memory), a header limit (431), a read time-out
-// for slow or idle clients, 400 for a malformed request, and a lingering close after such an error reply
-// (shut the sending side, drain briefly, close) so that the client reads the reply rather than a reset.
-// Every error reply of the transport is JSON (`JsonErrorReply`).
+// Limits, all enforced before the filter sees anything: at most `maxConnections` connections (beyond,
+// closed at once); per connection a read buffer capped at `headerLimit` plus a few KiB, so that a
+// chunk-size line, its extensions or a trailer that never ends is refused (400) rather than buffered;
+// headers (431); body (413, refused from the header, never read into memory); a read time-out for the
+// whole request (slow or idle clients closed). Framing as HTTP/1.1 requires: a Transfer-Encoding other
+// than exactly one "chunked", or beside a Content-Length, is refused and the connection closed (never
+// read as a next request); exactly one Host; a path (percent-decoded) and header values that are valid
+// UTF-8. "Expect: 100-continue" is answered once the header passes these checks, or with the final
+// error at once. HEAD is handled as GET and answered without the body. An absolute-form target reaches
+// the handler in origin form. After an error reply the connection closes lingering (shut the sending
+// side, drain briefly, close) so that the client reads the reply rather than a reset. Every error reply
+// of the transport is JSON (`JsonErrorReply`) and every reply carries "X-Content-Type-Options: nosniff".
+// Accept failures for lack of descriptors pause accepting (100 ms doubling to 1 s, logged once per
+// episode) while open connections go on being served; Start() raises the soft open-file limit.
+//
+// TLS: with `tlsCertFile` and `tlsKeyFile` the port speaks HTTPS only (TLS 1.2 and later, no
+// renegotiation), the handshake under the read time-out; a client speaking plain HTTP is closed.
 //
 // Event streams: GET on `eventsPath` (after the filter) opens a stream. Each client has a queue of at
-// most `eventClientQueueBytes`; a client further behind, or one that has not taken a frame for
-// `readTimeout`, is dropped (its connection closed) and never waited for. Idle streams get a comment
-// line every `eventKeepAlive`. At most `maxEventClients` streams at once; beyond, 503.
+// most `eventClientQueueBytes`, counting each frame's bytes and a fixed overhead per queued frame; a
+// client further behind, or one that has not taken a frame for `readTimeout`, is dropped (its connection
+// closed) and never waited for. Idle streams get a comment line every `eventKeepAlive`. At most
+// `maxEventClients` streams at once; beyond, 503.
 //
 // Ownership and lifetime: the owner constructs it, calls Start() once, and calls Stop() or destroys it.
-// The server owns every thread it starts and joins them in Stop(). The handler and the filter are
-// called until Stop() returns and must stay valid that long.
+// The server owns every thread it starts and joins them in Stop(). The handler, the filter and
+// `mayWait` are called until Stop() returns and must stay valid that long.
 #pragma once
 
 #include <chrono>
@@ -133,11 +147,13 @@ class HttpServer {
     // The event streams currently open. Thread-safe.
     std::size_t EventClientCount() const;
 
-    // Stops accepting, closes every connection and event stream (a handler's reply still to come is
-    // not sent), waits for handlers in progress to return and joins every thread. A handler that never
-    // returns blocks Stop() forever: the owner releases blocked requests first. Connections still
-    // busy after a short grace period are cut. Idempotent; safe before Start(). Must not be called
-    // from the handler, the filter or any other code running on the server's threads. Thread-safe.
+    // Drains and stops: stops accepting (new connections are refused), closes idle connections and event
+    // streams, answers every request received whole but not yet started 503 "The service is shutting
+    // down.", waits for handlers in progress and writes their replies, all with "Connection: close", and
+    // joins every thread. Connections still busy a short grace period after the last handler returned
+    // are cut. A handler that never returns blocks Stop() forever: the owner releases blocked requests
+    // first. Idempotent; safe before Start(). Must not be called from the handler, the filter or any
+    // other code running on the server's threads. Thread-safe.
     void Stop();
 
     struct Impl;  // the transport's state, defined with the Beast code
