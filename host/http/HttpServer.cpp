@@ -88,6 +88,8 @@ constexpr auto kLingerDrain = std::chrono::seconds(1);
 constexpr auto kErrorWriteTimeout = std::chrono::seconds(5);
 // How long Stop() lets closed connections finish their last completions before it cuts them off.
 constexpr auto kStopGrace = std::chrono::seconds(2);
+// How long Stop() keeps an idle or half-read connection open for a request already on its way.
+constexpr auto kStopRead = std::chrono::milliseconds(200);
 // An accept that fails for lack of resources (descriptors) is retried after a pause that doubles up to a
 // second, not in a hot loop: the pending connection keeps the listening socket readable.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
@@ -719,17 +721,21 @@ class Session final : public Connection {
         net::dispatch(executor, [self = Self()] { self->Begin(); });
     }
 
-    // For Stop(), from any thread: closes the connection unless a request has been fully received and
-    // not yet answered; that one gets its reply (Connection: close) first.
+    // For Stop(), from any thread. A request fully received and not yet answered gets its reply
+    // (Connection: close) first. An idle or half-read connection is closed after kStopRead: a request
+    // its client sent just before the stop may still be on its way through the kernel, and is answered
+    // 503 rather than cut off unanswered.
     void Close() override {
         net::post(executor, [self = Self()] {
             if (self->busy || self->closing) {
                 return;  // Write sees `stopping` and closes after the reply; or closed already
             }
-            self->closing = true;
-            beast::error_code ignored;
-            self->Lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
-            self->Lowest().close();
+            self->stopTimer.expires_after(kStopRead);
+            self->stopTimer.async_wait([self](beast::error_code ec) {
+                if (!ec && !self->busy) {
+                    self->CloseNow();
+                }
+            });
         });
     }
 
@@ -1054,6 +1060,16 @@ class Session final : public Connection {
         });
     }
 
+    void CloseNow() {
+        if (closing) {
+            return;
+        }
+        closing = true;
+        beast::error_code ignored;
+        Lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+        Lowest().close();
+    }
+
     void CloseSocket() {
         closing = true;
         busy = false;
@@ -1073,6 +1089,7 @@ class Session final : public Connection {
     bool headOnly = false;  // the request being answered is a HEAD
     bool busy = false;      // a request is whole and its reply not yet written
     bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
+    net::steady_timer stopTimer{executor};  // Close()'s grace for a request still on its way
     char discard[4096];
 };
 
