@@ -39,8 +39,14 @@ RoutineRegistry& RoutineRegistry::operator=(RoutineRegistry&& other) noexcept {
 
 RoutineRegistry::~RoutineRegistry() = default;
 
-void RoutineRegistry::Add(const RoutineInfo& info) {
-    auto copy = std::make_shared<const RoutineInfo>(info);
+std::shared_ptr<const RoutineInfo> RoutineRegistry::MakeRecord(const RoutineInfo& info,
+                                                               std::shared_ptr<const void> owner) {
+    auto record = std::make_shared<const Record>(Record{info, std::move(owner)});
+    return std::shared_ptr<const RoutineInfo>(record, &record->info);
+}
+
+void RoutineRegistry::Add(const RoutineInfo& info, std::shared_ptr<const void> owner) {
+    auto copy = MakeRecord(info, std::move(owner));
     std::unique_lock guard(mutex);
     if (!entries.emplace(copy->TypeName(), std::move(copy)).second) {
         guard.unlock();

@@ -24,8 +24,10 @@ class RoutineRegistry {
     RoutineRegistry& operator=(RoutineRegistry&& other) noexcept;
     ~RoutineRegistry();
 
-    // Registers a copy of `info` under its type name. Throws -987 when the name is taken.
-    void Add(const RoutineInfo& info);
+    // Registers a copy of `info` under its type name. Throws -987 when the name is taken. `owner` is
+    // whatever keeps the record's factory alive (the plug-in object that owns it); every reference to
+    // the record returned by FindShared and ListShared holds it too.
+    void Add(const RoutineInfo& info, std::shared_ptr<const void> owner = nullptr);
     // Throws -999 when no type of that name is registered.
     void Remove(const std::string& typeName);
     // The record, or null. Valid until the type is removed; prefer FindShared beside plug-in unloads.
@@ -38,6 +40,13 @@ class RoutineRegistry {
     std::vector<std::shared_ptr<const RoutineInfo>> ListShared() const;
 
   private:
+    struct Record {
+        RoutineInfo info;
+        std::shared_ptr<const void> owner;  // released after the copy of the record
+    };
+    static std::shared_ptr<const RoutineInfo> MakeRecord(const RoutineInfo& info,
+                                                         std::shared_ptr<const void> owner);
+
     mutable std::shared_mutex mutex;  // guards entries; taken alone, never while calling out
     std::map<std::string, std::shared_ptr<const RoutineInfo>> entries;
 };

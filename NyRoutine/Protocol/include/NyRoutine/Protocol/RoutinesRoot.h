@@ -9,19 +9,22 @@
 // Owned by `RoutinesDir`; must be destroyed before the manager it was given. Its operations run on
 // REST request threads in parallel; a creation may block until another request continues the new
 // routine. Notifications are raised on the thread of the triggering event (request threads, routine
-// threads, the flush timer's thread) with no lock of this class held.
+// threads, the flush timer's thread). Per routine path they come in the order created, updated...,
+// deleted, and nothing after: each instance it follows is tracked by id until that routine's deletion
+// (or the clear that dropped it), and dropping its subscriptions waits for a handler in progress.
 #pragma once
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "NyApi/AsyncTimer.h"
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyCommon/IRoutineController.h"
 #include "NyRest/DocumentResourceBase.h"
 #include "NyRest/IParentResource.h"
@@ -62,13 +65,13 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
         nlohmann::json schema;
     };
 
-    // Instance subscriptions kept so that the destructor can remove them: no instance event may reach
-    // a destroyed resource.
-    struct Subscription {
-        std::weak_ptr<RoutineInstance> instance;
-        Ny::Event<std::string>::Handle updated = 0;
-        Ny::Event<std::string>::Handle stepsUpdated = 0;
+    // The subscriptions to one instance, removed when the routine is deleted, cleared, or this resource
+    // is destroyed: no instance event may reach a destroyed resource or follow a deleted notification.
+    struct Tracked {
+        Ny::Subscription updated;
+        Ny::Subscription stepsUpdated;
     };
+    using TrackedMap = std::map<std::string, Tracked>;
 
     Document BuildRoutineDocument(const std::string& id, RoutineInstance& instance, bool withSchema);
     nlohmann::json BuildCollectionDocument(const NyRest::RequestInfo& request,
@@ -83,18 +86,26 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     void OnRoutineStepsUpdated(const std::string& id);
     void FlushStepUpdates();
     void Notify(NyRest::EventType type, const std::string& path);
+    // Takes the tracking of the given ids (all not in `keep` when `keep` is given) out of the map.
+    TrackedMap UntrackLocked(const std::string& id, const std::vector<std::string>* keep)
+        NY_REQUIRES(pendingMutex);
 
     NyCommon::IRoutineController& manager;
     std::unique_ptr<Ny::AsyncTimer> timer;
 
-    // Guards `pending` and `subscriptions`. Never held while notifying or while calling the manager
-    // or an instance; taken last (no other lock is taken while it is held).
-    std::mutex pendingMutex;
-    std::set<std::string> pending;                      // ids with an unsent step notification
-    std::map<std::string, Subscription> subscriptions;  // live routines we listen to
+    // Locks, in order:
+    // 1. `flushMutex` is held while the flush notifies one routine's step update and while a deletion
+    //    untracks its routine, on purpose across that notification: a step update can then never follow
+    //    the routine's deleted notification.
+    // 2. `pendingMutex` guards the pending set and the tracked instances. Never held while notifying or
+    //    while calling the manager or an instance; taken last.
+    Ny::Mutex flushMutex NY_ACQUIRED_BEFORE(pendingMutex);
+    Ny::Mutex pendingMutex;
+    std::set<std::string> pending NY_GUARDED_BY(pendingMutex);  // ids with an unsent step notification
+    TrackedMap tracked NY_GUARDED_BY(pendingMutex);             // live routines we listen to
 
-    Ny::Event<std::string>::Handle createdHandle = 0;
-    Ny::Event<std::string>::Handle deletedHandle = 0;
+    Ny::Subscription createdSubscription;
+    Ny::Subscription deletedSubscription;
 };
 
 }  // namespace NyRoutine::Internal
