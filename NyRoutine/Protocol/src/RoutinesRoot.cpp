@@ -234,9 +234,12 @@ void RoutinesRoot::OnRoutineDeleted(const std::string& id) {
     }
     TrackedMap dropped;
     {
-        Ny::MutexLock flush(flushMutex);
         Ny::MutexLock guard(pendingMutex);
         dropped = UntrackLocked(id, all ? &survivors : nullptr);
+        // The flush may have checked this routine just before: let its notification go out first.
+        while (!flushing.empty() && flushThread != std::this_thread::get_id() && (all || flushing == id)) {
+            flushDone.Wait(pendingMutex);
+        }
     }
     // Waits for an updated handler in progress: its notification goes out before the deletion's.
     dropped.clear();
@@ -255,17 +258,30 @@ void RoutinesRoot::FlushStepUpdates() {
         Ny::MutexLock guard(pendingMutex);
         due.swap(pending);
     }
-    for (auto it = due.begin(); it != due.end(); ++it) {
-        try {
-            Ny::MutexLock flush(flushMutex);
-            bool live = false;
+    struct Flushing {
+        RoutinesRoot& root;
+        ~Flushing() {
             {
-                Ny::MutexLock guard(pendingMutex);
-                live = tracked.count(*it) != 0;
+                Ny::MutexLock guard(root.pendingMutex);
+                root.flushing.clear();
             }
-            if (live) {
-                Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {*it}));
+            root.flushDone.NotifyAll();
+        }
+    };
+    for (auto it = due.begin(); it != due.end(); ++it) {
+        {
+            // Membership is checked where a deletion would wait for us: a routine deleted before this
+            // point is skipped, one deleted after it is announced after this notification.
+            Ny::MutexLock guard(pendingMutex);
+            if (tracked.count(*it) == 0) {
+                continue;
             }
+            flushing = *it;
+            flushThread = std::this_thread::get_id();
+        }
+        const Flushing done{*this};
+        try {
+            Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {*it}));
         } catch (...) {
             // The failed id and every larger one stay pending for the next period.
             Ny::MutexLock guard(pendingMutex);

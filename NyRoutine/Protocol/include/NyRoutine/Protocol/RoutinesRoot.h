@@ -18,6 +18,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -93,14 +94,14 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     NyCommon::IRoutineController& manager;
     std::unique_ptr<Ny::AsyncTimer> timer;
 
-    // Locks, in order:
-    // 1. `flushMutex` is held while the flush notifies one routine's step update and while a deletion
-    //    untracks its routine, on purpose across that notification: a step update can then never follow
-    //    the routine's deleted notification.
-    // 2. `pendingMutex` guards the pending set and the tracked instances. Never held while notifying or
-    //    while calling the manager or an instance; taken last.
-    Ny::Mutex flushMutex NY_ACQUIRED_BEFORE(pendingMutex);
+    // Guards the pending set, the tracked instances and the flush in progress. Never held while
+    // notifying or while calling the manager or an instance; taken last. A deletion waits (on
+    // `flushDone`) while the flush notifies that same routine on another thread, so that a step update
+    // can never follow its deleted notification; a handler of that very notification may still delete.
     Ny::Mutex pendingMutex;
+    Ny::CondVar flushDone;
+    std::string flushing NY_GUARDED_BY(pendingMutex);           // the id the flush notifies now, or empty
+    std::thread::id flushThread NY_GUARDED_BY(pendingMutex);    // the thread that notifies it
     std::set<std::string> pending NY_GUARDED_BY(pendingMutex);  // ids with an unsent step notification
     TrackedMap tracked NY_GUARDED_BY(pendingMutex);             // live routines we listen to
 
