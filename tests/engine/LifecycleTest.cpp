@@ -95,6 +95,7 @@ TEST_F(LifecycleTest, HeldCreationCountsOnceTowardTheLimit) {
 
 TEST_F(LifecycleTest, CreationDuringAClearNeitherPassesTheLimitNorSurvivesIt) {
     // The first routine's abort stops in its completion callback, so the clear stays in its aborts.
+    Gate ran;
     Gate inAbort;
     Gate finishAbort;
     quick.run = [&](ScriptedRoutine&, IRoutineHost& host) {
@@ -104,9 +105,11 @@ TEST_F(LifecycleTest, CreationDuringAClearNeitherPassesTheLimitNorSurvivesIt) {
                 finishAbort.Wait(Generous);
             }
         });
+        ran.Open();
     };
     RoutineManager manager(registry, &core, 1);
     const std::string first = manager.Create("Quick", nullptr);
+    ASSERT_TRUE(ran.Wait());
     auto clear = std::async(std::launch::async, [&] { manager.ClearAllRoutines(); });
     ASSERT_TRUE(inAbort.Wait());
     held.hold = false;
@@ -191,15 +194,18 @@ TEST_F(LifecycleTest, RemovalEndsTheRoutineBeforeItsDeletionAlsoWhenARequestHold
 }
 
 TEST_F(LifecycleTest, ClearWhoseAbortFailsTellsTheHeldCreationTheTruth) {
-    quick.run = [](ScriptedRoutine&, IRoutineHost& host) {
+    Gate ran;
+    quick.run = [&](ScriptedRoutine&, IRoutineHost& host) {
         host.SetCompletionFx([](IRoutineHost&, bool aborted) {
             if (aborted) {
                 throw Ny::Exception(__LINE__, __FILE__, -1, "completion", "refused");
             }
         });
+        ran.Open();
     };
     RoutineManager manager(registry, &core, 0);
     ASSERT_EQ(manager.Create("Quick", nullptr), "Quick-0");
+    ASSERT_TRUE(ran.Wait());
     auto waiting = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
     ASSERT_TRUE(Eventually([&] { return manager.ListIds().size() == 2; }));
     // "Calib-1" is aborted (and its creation let go) before "Quick-0", whose abort throws.

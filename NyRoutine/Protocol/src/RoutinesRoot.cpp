@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "NyApi/Exception.h"
@@ -173,21 +174,50 @@ void RoutinesRoot::Notify(NyRest::EventType type, const std::string& path) {
 }
 
 void RoutinesRoot::OnRoutineCreated(const std::string& id) {
-    // Raised by the manager before anything can remove the routine, so the instance is there.
+    // Raised by the manager before anything can remove the routine, so the instance is there. It is
+    // tracked before it is subscribed to, so that no update of it can slip past the tracking.
     const auto instance = manager.AcquireInstance(id);
-    Tracked subscriptions;
-    subscriptions.updated = instance->UpdatedEvent().SubscribeScoped(
+    {
+        Ny::MutexLock guard(pendingMutex);
+        tracked[id];
+    }
+    auto updated = instance->UpdatedEvent().SubscribeScoped(
         [this](const std::string& routineId) { OnRoutineUpdated(routineId); });
-    subscriptions.stepsUpdated = instance->StepsUpdatedEvent().SubscribeScoped(
+    auto stepsUpdated = instance->StepsUpdatedEvent().SubscribeScoped(
         [this](const std::string& routineId) { OnRoutineStepsUpdated(routineId); });
     {
         Ny::MutexLock guard(pendingMutex);
-        tracked[id] = std::move(subscriptions);
+        Tracked& entry = tracked[id];
+        entry.updated = std::move(updated);
+        entry.stepsUpdated = std::move(stepsUpdated);
     }
     Notify(NyRest::EventType::Created, NyRest::Path::Format(RoutinePattern, {id}));
+    bool missed = false;
+    {
+        Ny::MutexLock guard(pendingMutex);
+        const auto it = tracked.find(id);
+        if (it != tracked.end()) {
+            it->second.announced = true;
+            missed = std::exchange(it->second.missed, false);
+        }
+    }
+    if (missed) {
+        Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {id}));
+    }
 }
 
 void RoutinesRoot::OnRoutineUpdated(const std::string& id) {
+    {
+        Ny::MutexLock guard(pendingMutex);
+        const auto it = tracked.find(id);
+        if (it == tracked.end()) {
+            return;  // deleted, or never announced: nothing may follow or precede its notifications
+        }
+        if (!it->second.announced) {
+            it->second.missed = true;
+            return;
+        }
+    }
     Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {id}));
 }
 
@@ -273,7 +303,12 @@ void RoutinesRoot::FlushStepUpdates() {
             // Membership is checked where a deletion would wait for us: a routine deleted before this
             // point is skipped, one deleted after it is announced after this notification.
             Ny::MutexLock guard(pendingMutex);
-            if (tracked.count(*it) == 0) {
+            const auto entry = tracked.find(*it);
+            if (entry == tracked.end()) {
+                continue;
+            }
+            if (!entry->second.announced) {
+                pending.insert(*it);  // after the created notification, in the next period
                 continue;
             }
             flushing = *it;

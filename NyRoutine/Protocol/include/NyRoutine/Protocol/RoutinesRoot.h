@@ -71,6 +71,10 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     struct Tracked {
         Ny::Subscription updated;
         Ny::Subscription stepsUpdated;
+        // Until the created notification has gone out, updates wait: one that came meanwhile is sent
+        // right after it.
+        bool announced = false;
+        bool missed = false;
     };
     using TrackedMap = std::map<std::string, Tracked>;
 
