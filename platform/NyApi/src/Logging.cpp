@@ -4,25 +4,25 @@
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "NyApi/Mutex.h"
 #include "NyRuntime/Runtime.h"
 
 namespace Ny::Logging {
 
 namespace {
 
-std::mutex sinkMutex;
-std::shared_ptr<const LogSink> sink;  // guarded by sinkMutex
-std::atomic<bool> hasSink{false};     // written under sinkMutex, read relaxed as a fast "anyone listening?"
+Ny::Mutex sinkMutex;  // guards the sink; a leaf, never held while the sink runs
+std::shared_ptr<const LogSink> sink NY_GUARDED_BY(sinkMutex);
+std::atomic<bool> hasSink{false};  // written under sinkMutex, read relaxed as a fast "anyone listening?"
 
 }  // namespace
 
 LogSink SetSink(LogSink next) {
     auto shared = next ? std::make_shared<const LogSink>(std::move(next)) : nullptr;
-    std::lock_guard guard(sinkMutex);
+    Ny::MutexLock guard(sinkMutex);
     hasSink.store(shared != nullptr, std::memory_order_relaxed);
     auto previous = std::exchange(sink, std::move(shared));
     return previous ? *previous : LogSink{};
@@ -35,7 +35,7 @@ void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const cha
     }
     std::shared_ptr<const LogSink> current;
     {
-        std::lock_guard guard(sinkMutex);
+        Ny::MutexLock guard(sinkMutex);
         current = sink;
     }
     if (!current) {

@@ -161,8 +161,8 @@ struct ResourceRouter::Route {
     std::string pattern;
     std::vector<std::string> segments;
     IResource* resource;
-    NotificationEventType::Handle notificationHandle;
-    unsigned inFlight = 0;  // guarded by the router's inFlightMutex
+    Ny::Subscription notification;  // forwards the resource's notifications while it is registered
+    unsigned inFlight = 0;          // guarded by the router's inFlightMutex
 };
 
 struct ResourceRouter::Match {
@@ -187,7 +187,7 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         throw NY_EXCEPTION(-997, "Malformed path pattern \"%s\".", pattern.c_str());
     }
     {
-        std::unique_lock guard(mutex);
+        Ny::WriterLock guard(mutex);
         for (const auto& existing : routes) {
             if (existing->pattern == pattern) {
                 throw NY_EXCEPTION(-987, "Path pattern \"%s\" is registered already.", pattern.c_str());
@@ -195,14 +195,14 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         }
         routes.push_back(route);
     }
-    route->notificationHandle = resource.NotificationEvent().Subscribe(
+    route->notification = resource.NotificationEvent().SubscribeScoped(
         [this](IResource&, EventType type, const std::string& path) { notificationEvent.Raise(type, path); });
 }
 
 void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
     std::vector<std::shared_ptr<Route>> withdrawn;
     {
-        std::unique_lock guard(mutex);
+        Ny::WriterLock guard(mutex);
         const std::string prefix = pattern == "/" ? "/" : pattern + "/";
         for (auto it = routes.begin(); it != routes.end();) {
             const bool beneath = recursive && (*it)->pattern.rfind(prefix, 0) == 0;
@@ -215,18 +215,19 @@ void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
         }
     }
     for (auto& route : withdrawn) {
-        route->resource->NotificationEvent().Unsubscribe(route->notificationHandle);
+        route->notification.Reset();
     }
-    std::unique_lock guard(inFlightMutex);
-    inFlightDone.wait(guard, [&] {
-        return std::all_of(withdrawn.begin(), withdrawn.end(),
-                           [](const auto& route) { return route->inFlight == 0; });
-    });
+    Ny::MutexLock guard(inFlightMutex);
+    for (const auto& route : withdrawn) {
+        while (route->inFlight != 0) {
+            inFlightDone.Wait(inFlightMutex);
+        }
+    }
 }
 
 std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<std::string>& segments,
                                                             Match& match) const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     std::shared_ptr<Route> best;
     int bestScore = -1;
     std::map<std::string, std::string> bestParams;
@@ -260,7 +261,7 @@ std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<st
     }
     match.params = std::move(bestParams);
     if (best) {
-        std::lock_guard inFlight(inFlightMutex);
+        Ny::MutexLock inFlight(inFlightMutex);
         ++best->inFlight;
     }
     return best;
@@ -319,10 +320,10 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
         response = ErrorResponse(500, 0, "The request failed with an unknown error.");
     }
     {
-        std::lock_guard guard(inFlightMutex);
+        Ny::MutexLock guard(inFlightMutex);
         --route->inFlight;
     }
-    inFlightDone.notify_all();
+    inFlightDone.NotifyAll();
     return response;
 }
 
