@@ -50,7 +50,7 @@ void RoutineRegistry::Add(const RoutineInfo& info, std::shared_ptr<const void> o
     std::unique_lock guard(mutex);
     if (!entries.emplace(copy->TypeName(), std::move(copy)).second) {
         guard.unlock();
-        throw Ny::Exception(__LINE__, __FILE__, -987, "NyRoutine::Internal::RoutineRegistry::Add");
+        throw NY_EXCEPTION(-987);
     }
 }
 
@@ -61,7 +61,7 @@ void RoutineRegistry::Remove(const std::string& typeName) {
         const auto it = entries.find(typeName);
         if (it == entries.end()) {
             guard.unlock();
-            throw Ny::Exception(__LINE__, __FILE__, -999, "NyRoutine::Internal::RoutineRegistry::Remove");
+            throw NY_EXCEPTION(-999);
         }
         removed = std::move(it->second);
         entries.erase(it);
