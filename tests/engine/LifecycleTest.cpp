@@ -195,9 +195,12 @@ TEST_F(LifecycleTest, RemovalEndsTheRoutineBeforeItsDeletionAlsoWhenARequestHold
 
 TEST_F(LifecycleTest, ClearWhoseAbortFailsTellsTheHeldCreationTheTruth) {
     Gate ran;
+    std::future<std::string> waiting;
     quick.run = [&](ScriptedRoutine&, IRoutineHost& host) {
-        host.SetCompletionFx([](IRoutineHost&, bool aborted) {
+        host.SetCompletionFx([&](IRoutineHost&, bool aborted) {
             if (aborted) {
+                // The released creation gets its chance to answer before the clear decides.
+                waiting.wait_for(Chance);
                 throw Ny::Exception(__LINE__, __FILE__, -1, "completion", "refused");
             }
         });
@@ -206,7 +209,7 @@ TEST_F(LifecycleTest, ClearWhoseAbortFailsTellsTheHeldCreationTheTruth) {
     RoutineManager manager(registry, &core, 0);
     ASSERT_EQ(manager.Create("Quick", nullptr), "Quick-0");
     ASSERT_TRUE(ran.Wait());
-    auto waiting = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
+    waiting = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
     ASSERT_TRUE(Eventually([&] { return manager.ListIds().size() == 2; }));
     // "Calib-1" is aborted (and its creation let go) before "Quick-0", whose abort throws.
     EXPECT_NE(StatusOf([&] { manager.ClearAllRoutines(); }), 1);

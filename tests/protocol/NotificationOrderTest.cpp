@@ -108,19 +108,32 @@ TEST(NotificationOrder, FlushNeverUpdatesARoutineDeletedDuringIt) {
     EXPECT_EQ(order.Violations(), std::vector<std::string>{});
 }
 
-TEST(NotificationOrder, RoutineEventsNeverReachADestroyedResource) {
+TEST(NotificationOrder, RoutineCreatedDuringAClearIsFollowedAndLetGoWithTheResource) {
     NyTest::LogCapture log;
-    Gate running;
+    Gate ran;
+    Gate inAbort;
+    Gate finishAbort;
+    NyTest::ScriptedFactory slow([&](ScriptedRoutine&, IRoutineHost& host) {
+        host.SetCompletionFx([&](IRoutineHost&, bool aborted) {
+            if (aborted) {
+                inAbort.Open();
+                finishAbort.Wait();
+            }
+        });
+        ran.Open();
+    });
+    Gate lateRunning;
     Gate report;
-    NyTest::ScriptedFactory blocked([&](ScriptedRoutine&, IRoutineHost& host) {
-        running.Open();
-        report.Wait();
+    NyTest::ScriptedFactory late([&](ScriptedRoutine&, IRoutineHost& host) {
         host.SetTotalSteps(2);
+        lateRunning.Open();
+        report.Wait();
         host.SetCurrentStep(1, "late");
         host.SetResults(new NyTest::TestResults());
     });
     NyRoutine::Internal::RoutineRegistry registry;
-    registry.Add(RoutineInfo("Blocked", blocked, true));
+    registry.Add(RoutineInfo("Slow", slow, true));
+    registry.Add(RoutineInfo("Late", late, true));
     NyCore::Core core;
     NyRest::ResourceRouter router;
     RoutineManager manager(registry, &core, 0);
@@ -133,12 +146,21 @@ TEST(NotificationOrder, RoutineEventsNeverReachADestroyedResource) {
     });
     {
         RoutinesDir dir(router, manager);
-        manager.Create("Blocked", nullptr);
-        ASSERT_TRUE(running.Wait());
+        manager.Create("Slow", nullptr);
+        ASSERT_TRUE(ran.Wait());
+        auto clear = std::async(std::launch::async, [&] { manager.ClearAllRoutines(); });
+        ASSERT_TRUE(inAbort.Wait());
+        auto creation = std::async(std::launch::async, [&] { return manager.Create("Late", nullptr); });
+        // Given the chance, a creation that does not wait for the clear is running by now.
+        lateRunning.Wait(std::chrono::milliseconds(200));
+        finishAbort.Open();
+        clear.get();
+        EXPECT_EQ(creation.get(), "Late-1");
+        ASSERT_TRUE(lateRunning.Wait());
     }
     destroyed = true;
     report.Open();
-    ASSERT_TRUE(Eventually([&] { return manager.GetInstance("Blocked-0").CurrentStep() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return manager.GetInstance("Late-1").CurrentStep() == 1; }));
     EXPECT_EQ(afterDestruction, 0);
 }
 
