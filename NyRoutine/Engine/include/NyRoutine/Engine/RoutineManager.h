@@ -122,7 +122,7 @@ class RoutineManager : public NyCommon::IRoutineController {
     bool clearRunning NY_GUARDED_BY(mutex) = false;  // a clear is between taking out and announcing
     std::uint64_t clearGeneration NY_GUARDED_BY(mutex) = 0;  // clears begun so far
     bool closed NY_GUARDED_BY(mutex) = false;
-    size_t callsInside NY_GUARDED_BY(mutex) = 0;  // creations between admission and return
+    size_t callsInside NY_GUARDED_BY(mutex) = 0;  // creations between their call and their return
     Ny::Event<std::string> createdEvent;
     Ny::Event<std::string> deletedEvent;
     Ny::Subscription factoryRestoreSubscription;  // first to go: no clear can start once it is reset

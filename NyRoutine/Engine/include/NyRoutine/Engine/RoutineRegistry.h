@@ -7,10 +7,10 @@
 
 #include <map>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
+#include "NyApi/Mutex.h"
 #include "NyRoutine/RoutineInfo.h"
 
 namespace NyRoutine::Internal {
@@ -47,8 +47,8 @@ class RoutineRegistry {
     static std::shared_ptr<const RoutineInfo> MakeRecord(const RoutineInfo& info,
                                                          std::shared_ptr<const void> owner);
 
-    mutable std::shared_mutex mutex;  // guards entries; taken alone, never while calling out
-    std::map<std::string, std::shared_ptr<const RoutineInfo>> entries;
+    mutable Ny::SharedMutex mutex;  // guards entries; taken alone, never while calling out
+    std::map<std::string, std::shared_ptr<const RoutineInfo>> entries NY_GUARDED_BY(mutex);
 };
 
 }  // namespace NyRoutine::Internal
