@@ -12,6 +12,8 @@
 // threads, the flush timer's thread). Per routine path they come in the order created, updated...,
 // deleted, and nothing after: each instance it follows is tracked by id until that routine's deletion
 // (or the clear that dropped it), and dropping its subscriptions waits for a handler in progress.
+// A notification handler may therefore remove or clear routines on its own thread, but must not wait
+// for another thread that does.
 #pragma once
 
 #include <map>
