@@ -59,11 +59,21 @@ void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const cha
 namespace Ny {
 
 std::string QualifiedName(const char* prettyFunction) {
-    std::string_view text(prettyFunction ? prettyFunction : "");
-    // Drop a trailing " [with T = ...]" and find the parameter list that closes the name: the last
-    // top-level "(...)" before the end (qualifiers such as "const" may follow it).
-    if (const auto with = text.find(" [with "); with != std::string_view::npos) {
-        text = text.substr(0, with);
+    // Compilers spell some parts differently: one name for an anonymous namespace whichever builds it
+    // ("(anonymous namespace)" has a space and parentheses that would end the name early below).
+    std::string spelled(prettyFunction ? prettyFunction : "");
+    static constexpr std::string_view Anonymous = "(anonymous namespace)";
+    for (size_t at = spelled.find(Anonymous); at != std::string::npos; at = spelled.find(Anonymous, at)) {
+        spelled.replace(at, Anonymous.size(), "{anonymous}");
+    }
+    std::string_view text(spelled);
+    // Drop the template arguments that follow the signature (" [with T = ...]" or " [T = ...]") and
+    // find the parameter list that closes the name: the last top-level "(...)" before the end
+    // (qualifiers such as "const" may follow it).
+    if (!text.empty() && text.back() == ']') {
+        if (const auto with = text.rfind(" ["); with != std::string_view::npos) {
+            text = text.substr(0, with);
+        }
     }
     size_t close = text.rfind(')');
     if (close == std::string_view::npos) {
