@@ -187,9 +187,14 @@ void RoutinesRoot::OnRoutineCreated(const std::string& id) {
         [this](const std::string& routineId) { OnRoutineStepsUpdated(routineId); });
     {
         Ny::MutexLock guard(pendingMutex);
-        Tracked& entry = tracked[id];
-        entry.updated = std::move(updated);
-        entry.stepsUpdated = std::move(stepsUpdated);
+        const auto it = tracked.find(id);
+        if (it == tracked.end()) {
+            // Deleted already (the manager orders its events, so only a foreign controller gets here):
+            // no created notification after the deleted one; the subscriptions end with this scope.
+            return;
+        }
+        it->second.updated = std::move(updated);
+        it->second.stepsUpdated = std::move(stepsUpdated);
     }
     Notify(NyRest::EventType::Created, NyRest::Path::Format(RoutinePattern, {id}));
     bool missed = false;
