@@ -25,13 +25,13 @@ class RoutineManager::CallScope {
         ++manager.callsInside;
     }
     ~CallScope() {
-        {
-            Ny::MutexLock guard(manager.mutex);
-            if (holdsReservation) {
-                --manager.reserved;
-            }
-            --manager.callsInside;
+        // Notified with the lock held: the destructor may be waiting for this very call to leave, and
+        // must not destroy the condition variable while the notification is still in progress.
+        Ny::MutexLock guard(manager.mutex);
+        if (holdsReservation) {
+            --manager.reserved;
         }
+        --manager.callsInside;
         manager.changed.NotifyAll();
     }
     CallScope(const CallScope&) = delete;
@@ -77,8 +77,8 @@ void RoutineManager::Close() {
         Ny::MutexLock guard(mutex);
         closed = true;
         waiting = routines;
+        changed.NotifyAll();
     }
-    changed.NotifyAll();
     for (auto& entry : waiting) {
         entry.second->instance.ReleaseStartWaiter();
     }
@@ -324,8 +324,8 @@ void RoutineManager::ClearAllRoutines() {
             routines.merge(dropped);
             clearing = 0;
             clearRunning = false;
+            changed.NotifyAll();  // under the lock, like every notification of it (see CallScope)
         }
-        changed.NotifyAll();
         throw;
     }
     for (auto& entry : dropped) {
@@ -338,8 +338,8 @@ void RoutineManager::ClearAllRoutines() {
             Ny::MutexLock guard(mutex);
             clearing = 0;
             clearRunning = false;
+            changed.NotifyAll();
         }
-        changed.NotifyAll();
         deletedEvent.Raise("*");
     }
 }

@@ -296,10 +296,8 @@ void RoutinesRoot::FlushStepUpdates() {
     struct Flushing {
         RoutinesRoot& root;
         ~Flushing() {
-            {
-                Ny::MutexLock guard(root.pendingMutex);
-                root.flushing.clear();
-            }
+            Ny::MutexLock guard(root.pendingMutex);
+            root.flushing.clear();
             root.flushDone.NotifyAll();
         }
     };

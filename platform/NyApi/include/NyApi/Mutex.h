@@ -163,6 +163,8 @@ class NY_SCOPED_CAPABILITY ReaderLock {
 };
 
 // A condition variable over `Ny::Mutex`. Every wait may wake spuriously: callers loop on their condition.
+// Notify with the mutex held whenever a waiter may destroy the object once its condition holds (a
+// destructor waiting for calls to leave): otherwise the notification can reach a destroyed variable.
 class CondVar {
   public:
     void Wait(Mutex& mutex) NY_REQUIRES(mutex) {
