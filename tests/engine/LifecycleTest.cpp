@@ -220,4 +220,29 @@ TEST_F(LifecycleTest, ClearWhoseAbortFailsTellsTheHeldCreationTheTruth) {
                                  << (kept ? "stayed" : "went");
 }
 
+TEST_F(LifecycleTest, RefusedParameterWriteStillReleasesTheRoutine) {
+    Gate published;
+    quick.run = [&](ScriptedRoutine& self, IRoutineHost& host) {
+        host.GetParams(self.parameters, [](Ny::Properties::Structure&) {
+            throw Ny::Exception(__LINE__, __FILE__, -997, "onChanged", "refused");
+        });
+        published.Open();
+    };
+    RoutineManager manager(registry, &core, 0);
+    const auto instance = manager.AcquireInstance(manager.Create("Quick", nullptr));
+    ASSERT_TRUE(published.Wait());
+    {
+        NyRoutine::Internal::ParamsAccess access(*instance, true);
+        ASSERT_NE(access.Get(), nullptr);
+        EXPECT_EQ(StatusOf([&] { access.Release(); }), -997);
+    }
+    // Another request gets the parameters: the refused write left nothing locked.
+    auto reader = std::async(std::launch::async, [&] {
+        NyRoutine::Internal::ResultsAccess results(*instance);
+        return results.Get() == nullptr;
+    });
+    ASSERT_EQ(reader.wait_for(Generous), std::future_status::ready) << "the routine stayed locked";
+    EXPECT_TRUE(reader.get());
+}
+
 }  // namespace
