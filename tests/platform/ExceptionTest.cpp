@@ -27,6 +27,20 @@ TEST(Exception, FormatsPositionalPlaceholdersAndNamesTheThrowingFunction) {
     }
 }
 
+TEST(Exception, ContextIsTheSameWhicheverCompilerSpelledTheFunction) {
+    EXPECT_EQ(
+        Ny::QualifiedName("static void {anonymous}::Routines::Sample::Fail(unsigned int, unsigned int)"),
+        "{anonymous}::Routines::Sample::Fail");
+    EXPECT_EQ(Ny::QualifiedName(
+                  "static void (anonymous namespace)::Routines::Sample::Fail(unsigned int, unsigned int)"),
+              "{anonymous}::Routines::Sample::Fail");
+    EXPECT_EQ(
+        Ny::QualifiedName("void Ny::Array<T>::Remove(size_t) [with T = int; size_t = long unsigned int]"),
+        "Ny::Array<T>::Remove");
+    EXPECT_EQ(Ny::QualifiedName("void Ny::Array<int>::Remove(size_t) const [T = int]"),
+              "Ny::Array<int>::Remove");
+}
+
 TEST(Exception, PositionalPlaceholdersMayReorderArguments) {
     const Ny::Exception e(1, "f.cpp", -1000, "RoutineManager", "%2$u then %1$s", "text", 5u);
     EXPECT_EQ(e.Message(), "5 then text");

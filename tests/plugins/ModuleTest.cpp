@@ -110,4 +110,21 @@ TEST(RoutineModule, SampleCalibrationRunsThroughTheRouter) {
     module.RoutineManager().ClearAllRoutines();
 }
 
+TEST(RoutineModule, DestructionReleasesACreationWaitingForItsFirstContinue) {
+    // Nothing is done before the destruction: no clear, no factory restore.
+    NyRest::ResourceRouter router;
+    NyPlugin::PluginManager plugins;
+    plugins.Load(NYR_SAMPLE_PLUGIN);
+    auto module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, nullptr);
+    auto creation = std::async(std::launch::async, [&] {
+        return router.Dispatch("POST", "/routines", json{{"type", "Calibration"}}).status;
+    });
+    ASSERT_TRUE(Eventually([&] { return module->RoutineManager().ListIds().size() == 1; }));
+    auto destruction = std::async(std::launch::async, [&] { module.reset(); });
+    ASSERT_EQ(destruction.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the module's destruction waits for a continue that cannot come";
+    EXPECT_EQ(creation.get(), 404);
+    EXPECT_EQ(router.Dispatch("GET", "/routines", nullptr).status, 404);
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Locker.h"
@@ -37,7 +38,7 @@ void RoutineInstance::Start() {
         // (another request saw the new routine) was the routine's one end.
         bool waitForStartParams = false;
         {
-            std::lock_guard guard(startMutex);
+            Ny::MutexLock guard(startMutex);
             NY_CHECK_RT(NyRt::SemaphoreCreate(startSemaphore.Out(), 0));
             NY_CHECK_RT(NyRt::SemaphoreCreate(completionSemaphore.Out(), 0));
             // Aborted before this start (another request saw the new routine): its end found no
@@ -54,12 +55,17 @@ void RoutineInstance::Start() {
         if (waitForStartParams) {
             // Posted by the first Continue, by Abort, or when the manager removes or clears the routine;
             // the semaphore lives as long as the instance, which outlives this call (its caller holds it).
-            NY_CHECK_RT(NyRt::SemaphoreWait(startSemaphore.Get()));
+            NyRt::Semaphore* started = nullptr;
+            {
+                Ny::MutexLock guard(startMutex);
+                started = startSemaphore.Get();
+            }
+            NY_CHECK_RT(NyRt::SemaphoreWait(started));
             startParamsReceived = true;
         }
     } catch (const std::exception& e) {
         {
-            std::lock_guard guard(startMutex);
+            Ny::MutexLock guard(startMutex);
             completionSemaphore.Reset();
             startSemaphore.Reset();
         }
@@ -77,7 +83,7 @@ void RoutineInstance::Continue() {
         // The callback moves into its job rather than into a shared slot: a second continue may arrive
         // while the first callback still runs on the runner.
         if (!aborted) {
-            std::lock_guard guard(callbackMutex);
+            Ny::MutexLock guard(callbackMutex);
             callback = std::move(continueFx);
             continueFx = nullptr;
         }
@@ -93,7 +99,7 @@ void RoutineInstance::Continue() {
         }
     }
     if (typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived) {
-        std::lock_guard guard(startMutex);
+        Ny::MutexLock guard(startMutex);
         if (startSemaphore) {
             NY_CHECK_RT(NyRt::SemaphorePost(startSemaphore.Get()));
         }
@@ -113,7 +119,7 @@ void RoutineInstance::Abort() {
 }
 
 void RoutineInstance::ReleaseStartWaiter() {
-    std::lock_guard guard(startMutex);
+    Ny::MutexLock guard(startMutex);
     if (startReleased) {
         return;
     }
@@ -181,7 +187,7 @@ void RoutineInstance::WaitForCompletion() {
 }
 
 void RoutineInstance::StartWaitThread() {
-    std::lock_guard guard(waitThreadMutex);
+    Ny::MutexLock guard(waitThreadMutex);
     if (!waitThread) {
         return;  // the destructor has taken the thread object: nothing more to wait for
     }
@@ -225,7 +231,7 @@ void RoutineInstance::EndRoutine() {
     }
     std::function<void(IRoutineHost&, bool)> fx;
     {
-        std::lock_guard guard(callbackMutex);
+        Ny::MutexLock guard(callbackMutex);
         fx = completionFx;
     }
     if (fx) {
@@ -261,7 +267,7 @@ void RoutineInstance::Completed() {
     {
         // Under the same mutex as the semaphore's creation in Start: either Start sees completionDone or
         // this sees the semaphore.
-        std::lock_guard guard(startMutex);
+        Ny::MutexLock guard(startMutex);
         if (completionSemaphore) {
             NY_CHECK_RT(NyRt::SemaphorePost(completionSemaphore.Get()));
         }
@@ -273,19 +279,19 @@ void RoutineInstance::Completed() {
 void RoutineInstance::Fail(const std::string& details) {
     Ny::Locker locker(lock.Get());
     {
-        std::lock_guard guard(fieldsMutex);
+        Ny::MutexLock guard(fieldsMutex);
         stateDetails = details;
     }
     state = RoutineState::Failed;
 }
 
 bool RoutineInstance::HasContinueFx() const {
-    std::lock_guard guard(callbackMutex);
+    Ny::MutexLock guard(callbackMutex);
     return static_cast<bool>(continueFx);
 }
 
 bool RoutineInstance::HasCompletionFx() const {
-    std::lock_guard guard(callbackMutex);
+    Ny::MutexLock guard(callbackMutex);
     return static_cast<bool>(completionFx);
 }
 
@@ -293,40 +299,56 @@ bool RoutineInstance::HasCompletionFx() const {
 // Destruction
 
 RoutineInstance::~RoutineInstance() {
+    // In named steps, each guarded on its own: a failure of the end skips the deleted event only.
+    const bool ended = EndAndWaitForEnd();
+    StopJobs();
+    if (ended) {
+        RaiseDeletedGuarded();
+    }
+    FreeResultsGuarded();
+}
+
+void RoutineInstance::EndForRemoval() {
     deleting = true;
-    bool groupAFailed = false;
+    const RoutineState current = state.load();
+    if (current == RoutineState::Running || current == RoutineState::WaitingForFeedback ||
+        current == RoutineState::Failed) {
+        aborted = true;
+    }
+    ReleaseStartWaiter();
+    EndRoutine();
+}
+
+bool RoutineInstance::EndAndWaitForEnd() noexcept {
     try {
         NY_LOG(Progress, "Routine [%s] deleted.", id.c_str());
-        const RoutineState current = state.load();
-        if (current == RoutineState::Running || current == RoutineState::WaitingForFeedback ||
-            current == RoutineState::Failed) {
-            aborted = true;
-        }
-        ReleaseStartWaiter();
-        EndRoutine();
+        EndForRemoval();
         NyRt::Semaphore* completion = nullptr;
         {
-            std::lock_guard guard(startMutex);
+            Ny::MutexLock guard(startMutex);
             completion = completionSemaphore.Get();
         }
         if (completion != nullptr) {
             NY_CHECK_RT(NyRt::SemaphoreWait(completion));
         }
+        return true;
     } catch (const std::exception& e) {
-        groupAFailed = true;
         NY_LOG(CaughtFailure, "Exception thrown in destructor");
         Ny::Exception::LogException(e, 0);
         Ny::Exception::LogBackTrace(e);
     } catch (...) {
-        groupAFailed = true;
         NY_LOG(CaughtFailure, "Exception thrown in destructor");
     }
+    return false;
+}
+
+void RoutineInstance::StopJobs() noexcept {
     // The completion-wait thread queues on the runner, so it goes first; once the holder is empty no job
     // can start it again. Then the runner stops (waiting for the job in progress, dropping queued ones),
     // before any lock, semaphore or event it may use goes.
     Ny::Object<NyRt::Thread> thread;
     {
-        std::lock_guard guard(waitThreadMutex);
+        Ny::MutexLock guard(waitThreadMutex);
         thread = std::move(waitThread);
     }
     try {
@@ -339,10 +361,11 @@ RoutineInstance::~RoutineInstance() {
         Ny::Exception::LogException(e, 0);
     }
     runner.reset();
+}
+
+void RoutineInstance::RaiseDeletedGuarded() noexcept {
     try {
-        if (!groupAFailed) {
-            OnDeleted();
-        }
+        OnDeleted();
     } catch (const std::exception& e) {
         NY_LOG(CaughtFailure, "Exception thrown in destructor");
         Ny::Exception::LogException(e, 0);
@@ -350,6 +373,9 @@ RoutineInstance::~RoutineInstance() {
     } catch (...) {
         NY_LOG(CaughtFailure, "Exception thrown in destructor");
     }
+}
+
+void RoutineInstance::FreeResultsGuarded() noexcept {
     if (results != nullptr) {
         NY_LOG(Progress, "Routine [%s] deleted -- freeing results.", id.c_str());
         try {
@@ -390,14 +416,14 @@ bool RoutineInstance::WaitForContinue(std::function<void(IRoutineHost&)> fx) {
     if (!aborted) {
         Ny::Locker locker(lock.Get());
         state = RoutineState::WaitingForFeedback;
-        std::lock_guard guard(callbackMutex);
+        Ny::MutexLock guard(callbackMutex);
         continueFx = std::move(fx);
     }
     return !aborted;
 }
 
 void RoutineInstance::SetCompletionFx(std::function<void(IRoutineHost&, bool)> fx) {
-    std::lock_guard guard(callbackMutex);
+    Ny::MutexLock guard(callbackMutex);
     completionFx = std::move(fx);
 }
 
@@ -414,7 +440,7 @@ void RoutineInstance::SetCurrentStep(unsigned int step, const std::string& info)
         throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
     }
     {
-        std::lock_guard guard(fieldsMutex);
+        Ny::MutexLock guard(fieldsMutex);
         currentStepInfo = info;
     }
     if (step != currentStep.load()) {
@@ -434,7 +460,7 @@ void RoutineInstance::SetCurrentProgress(unsigned int progress) {
 }
 
 void RoutineInstance::SetHelpHtml(std::string html, int mode) {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     if (mode == 0) {
         helpHtml = std::move(html);
     } else if (mode < 0) {
@@ -445,27 +471,27 @@ void RoutineInstance::SetHelpHtml(std::string html, int mode) {
 }
 
 void RoutineInstance::SetHelpUrl(std::string url) {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     helpUrl = std::move(url);
 }
 
 std::string RoutineInstance::StateDetails() const {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     return stateDetails;
 }
 
 std::string RoutineInstance::HelpHtml() const {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     return helpHtml;
 }
 
 std::string RoutineInstance::HelpUrl() const {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     return helpUrl;
 }
 
 std::string RoutineInstance::CurrentStepInfo() const {
-    std::lock_guard guard(fieldsMutex);
+    Ny::MutexLock guard(fieldsMutex);
     return currentStepInfo;
 }
 
@@ -496,6 +522,17 @@ void RoutineInstance::UnlockParams() {
     if (!paramsLocked) {
         return;
     }
+    // The lock is left on every path: a change callback or an updated handler that throws must not
+    // keep the routine locked for ever.
+    struct Exit {
+        RoutineInstance& self;
+        ~Exit() {
+            self.paramsLocked = false;
+            NY_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).",
+                   NyRt::CurrentThreadId(), static_cast<unsigned>(self.paramsWriting.load()));
+            NyRt::LockExit(self.lock.Get());
+        }
+    } exit{*this};
     if (paramsWriting) {
         // Both with the lock held: the routine sees the written values before anyone else changes them.
         if (paramsFx) {
@@ -503,10 +540,6 @@ void RoutineInstance::UnlockParams() {
         }
         OnUpdated();
     }
-    paramsLocked = false;
-    NY_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).", NyRt::CurrentThreadId(),
-           static_cast<unsigned>(paramsWriting.load()));
-    NY_CHECK_RT(NyRt::LockExit(lock.Get()));
 }
 
 const Ny::Properties::Structure* RoutineInstance::LockResults() {
@@ -527,6 +560,39 @@ void RoutineInstance::UnlockResults() {
     resultsLocked = false;
     NY_LOG(Progress, "<%u> Routine results unlocked.", NyRt::CurrentThreadId());
     NY_CHECK_RT(NyRt::LockExit(lock.Get()));
+}
+
+ParamsAccess::ParamsAccess(RoutineInstance& instanceIn, bool forWriting)
+    : instance(&instanceIn), params(instanceIn.LockParams(forWriting)) {}
+
+ParamsAccess::~ParamsAccess() {
+    if (instance == nullptr) {
+        return;
+    }
+    try {
+        Release();
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+    }
+}
+
+void ParamsAccess::Release() {
+    if (RoutineInstance* held = std::exchange(instance, nullptr)) {
+        held->UnlockParams();
+    }
+}
+
+ResultsAccess::ResultsAccess(RoutineInstance& instanceIn)
+    : instance(&instanceIn), results(instanceIn.LockResults()) {}
+
+ResultsAccess::~ResultsAccess() {
+    if (RoutineInstance* held = std::exchange(instance, nullptr)) {
+        try {
+            held->UnlockResults();
+        } catch (const std::exception& e) {
+            NY_LOG(CaughtFailure, "Releasing routine results failed (%s).", e.what());
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #include "NyRoutine/Engine/RoutineManager.h"
 
 #include <exception>
+#include <utility>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
@@ -12,54 +13,89 @@ namespace {
 constexpr const char* RunningMessage = "Routine [%1$s] cannot be created while system is running.";
 constexpr const char* LimitMessage =
     "Routine [%1$s] cannot be created; maximum number of [%2$u] concurrently running routines reached.";
+constexpr const char* ClosedMessage = "Routine [%1$s] cannot be created; the routine manager is closing.";
 }  // namespace
+
+// Counts a creation as inside the manager from its admission to its return, and holds its place
+// toward the limit until its entry is in the map (or the creation fails).
+class RoutineManager::CallScope {
+  public:
+    explicit CallScope(RoutineManager& managerIn) : manager(managerIn) {
+        Ny::MutexLock guard(manager.mutex);
+        ++manager.callsInside;
+    }
+    ~CallScope() {
+        // Notified with the lock held: the destructor may be waiting for this very call to leave, and
+        // must not destroy the condition variable while the notification is still in progress.
+        Ny::MutexLock guard(manager.mutex);
+        if (holdsReservation) {
+            --manager.reserved;
+        }
+        --manager.callsInside;
+        manager.changed.NotifyAll();
+    }
+    CallScope(const CallScope&) = delete;
+    CallScope& operator=(const CallScope&) = delete;
+
+    // Changed under `manager.mutex`: set on admission, cleared when the entry takes the place.
+    bool holdsReservation = false;
+
+  private:
+    RoutineManager& manager;
+};
 
 RoutineManager::RoutineManager(RoutineRegistry& registryIn, NyCore::Core* coreIn, size_t maxRunningIn)
     : registry(registryIn), core(coreIn), maxRunning(maxRunningIn) {
     if (core != nullptr) {
-        factoryRestoreSubscription = core->FactoryRestoreEvent().Subscribe([this] { ClearAllRoutines(); });
-        factoryRestoreSubscribed = true;
+        factoryRestoreSubscription =
+            core->FactoryRestoreEvent().SubscribeScoped([this] { ClearAllRoutines(); });
     }
 }
 
 RoutineManager::~RoutineManager() {
-    if (core != nullptr && factoryRestoreSubscribed) {
-        try {
-            core->FactoryRestoreEvent().Unsubscribe(factoryRestoreSubscription);
-        } catch (const std::exception& e) {
-            NY_LOG(Ny::Logging::Level::CaughtFailure, "Exception during RoutineManager destruction (%s).",
-                   e.what());
-            Ny::Exception::LogException(e, 0);
-            Ny::Exception::LogBackTrace(e);
+    // No clear may start any more; one in progress on the core's thread is waited for.
+    factoryRestoreSubscription.Reset();
+    Close();
+    {
+        // Calls still inside were released by Close: only a factory that is still running is waited for.
+        Ny::MutexLock guard(mutex);
+        while (callsInside > 0) {
+            changed.Wait(mutex);
         }
     }
-    std::map<std::string, std::shared_ptr<RoutineEntry>> remaining;
+    EntryMap remaining;
     {
-        std::unique_lock guard(mutex);
+        Ny::MutexLock guard(mutex);
         remaining.swap(routines);
     }
-    // A creation waiting for its first continue would never return, and would then reach into this
-    // manager: let it go and wait until every creation has left.
-    for (auto& entry : remaining) {
+    remaining.clear();
+}
+
+void RoutineManager::Close() {
+    EntryMap waiting;
+    {
+        Ny::MutexLock guard(mutex);
+        closed = true;
+        waiting = routines;
+        changed.NotifyAll();
+    }
+    for (auto& entry : waiting) {
         entry.second->instance.ReleaseStartWaiter();
     }
-    {
-        std::unique_lock guard(mutex);
-        creationsDone.wait(guard, [this] { return creationsInProgress == 0; });
-    }
-    remaining.clear();
 }
 
 bool RoutineManager::SystemIsRunning() const {
     return core != nullptr && core->GetRunState() == NyCore::Core::Running;
 }
 
-std::string RoutineManager::RefusalLocked(const std::string&, bool& limit) const {
+std::string RoutineManager::RefusalLocked(bool& limit) const {
     limit = false;
     if (SystemIsRunning()) {
         return RunningMessage;
     }
-    if (maxRunning != 0 && routines.size() + creationsInProgress >= maxRunning) {
+    // Every routine counts once: an entry in the map, one taken out by a clear that has not ended, or a
+    // reservation of a creation whose entry does not exist yet.
+    if (maxRunning != 0 && routines.size() + clearing + reserved >= maxRunning) {
         limit = true;
         return LimitMessage;
     }
@@ -82,45 +118,101 @@ void RoutineManager::CheckCanCreate(const std::string& typeName) {
     bool limit = false;
     std::string refusal;
     {
-        std::lock_guard guard(mutex);
-        refusal = RefusalLocked(typeName, limit);
+        Ny::MutexLock guard(mutex);
+        refusal = RefusalLocked(limit);
     }
     if (!refusal.empty()) {
         Refuse(typeName, limit);
     }
 }
 
-std::string RoutineManager::CreateId(const std::string& typeName) {
-    return typeName + "-" + std::to_string(nextIdNumber++);
+std::uint64_t RoutineManager::AdmitLocked(const std::string&, bool& refused, bool& limit) {
+    refused = false;
+    limit = false;
+    // A creation that arrives during a clear waits for it to end: the routines being aborted still
+    // count, and the new routine must not be dropped by a clear it never belonged to.
+    while (clearRunning && !closed) {
+        changed.Wait(mutex);
+    }
+    if (closed) {
+        refused = true;
+        return 0;
+    }
+    refused = !RefusalLocked(limit).empty();
+    return clearGeneration;
 }
 
 std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<Ny::Params::Group> params) {
+    // Holds the record and, through it, the plug-in object that owns the factory: an unload during the
+    // factory call cannot free the factory under it.
     std::shared_ptr<const RoutineInfo> type = registry.FindShared(typeName);
     if (!type) {
         throw NY_EXCEPTION(-999);
     }
     // The check and the reservation of a place are one step, so parallel creations cannot pass the
     // limit together; the place is held while plug-in code makes the routine outside the lock.
+    CallScope scope(*this);
+    std::uint64_t generation = 0;
     {
+        bool refused = false;
         bool limit = false;
-        std::unique_lock guard(mutex);
-        if (!RefusalLocked(typeName, limit).empty()) {
-            guard.unlock();
+        Ny::MutexLock guard(mutex);
+        generation = AdmitLocked(typeName, refused, limit);
+        if (refused) {
+            const bool isClosed = closed;
+            guard.Unlock();
+            if (isClosed) {
+                throw NY_EXCEPTION(-1000, ClosedMessage, typeName.c_str());
+            }
             Refuse(typeName, limit);
         }
-        ++creationsInProgress;
+        ++reserved;
+        scope.holdsReservation = true;
     }
-    struct Reservation {
-        RoutineManager& manager;
-        ~Reservation() {
-            {
-                std::lock_guard guard(manager.mutex);
-                --manager.creationsInProgress;
-            }
-            manager.creationsDone.notify_all();
-        }
-    } reservation{*this};
 
+    const std::shared_ptr<RoutineEntry> entry = MakeEntry(typeName, type, std::move(params));
+    const std::string id = entry->instance.Id();
+    {
+        Ny::MutexLock announce(announceMutex);
+        bool cleared = false;
+        {
+            Ny::MutexLock guard(mutex);
+            cleared = closed || clearGeneration != generation;
+            if (!cleared) {
+                routines.emplace(id, entry);
+                --reserved;
+                scope.holdsReservation = false;
+            }
+        }
+        if (cleared) {
+            // A clear began (or the manager closed) while the factory ran: the new routine belongs to
+            // it, and it never existed for anyone else.
+            announce.Unlock();
+            throw NY_EXCEPTION(-999, "Routine %s was deleted before it started.", id.c_str());
+        }
+        createdEvent.Raise(id);
+    }
+    entry->instance.Start();
+    // Removed, cleared or closed while the start waited for its continue: the caller learns the routine
+    // is gone. A clear decides first whether it drops the routine or (when an abort fails) keeps it.
+    bool stillThere = false;
+    {
+        Ny::MutexLock guard(mutex);
+        while (clearRunning && !closed) {
+            changed.Wait(mutex);
+        }
+        const auto it = routines.find(id);
+        stillThere = !closed && it != routines.end() && it->second == entry;
+    }
+    if (!stillThere) {
+        throw NY_EXCEPTION(-999, "Routine %s was deleted before it started.", id.c_str());
+    }
+    return id;
+}
+
+std::shared_ptr<RoutineManager::RoutineEntry> RoutineManager::MakeEntry(
+    const std::string& typeName, const std::shared_ptr<const RoutineInfo>& type,
+    std::shared_ptr<Ny::Params::Group> params) {
     std::shared_ptr<IRoutine> routine = type->Factory().CreateRoutine();
     if (!routine) {
         // Nothing is registered and no id is used for a factory that made nothing.
@@ -131,33 +223,28 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
     }
     std::string id;
     {
-        std::lock_guard guard(mutex);
-        id = CreateId(typeName);
+        Ny::MutexLock guard(mutex);
+        id = typeName + "-" + std::to_string(nextIdNumber++);
     }
-    auto entry = std::make_shared<RoutineEntry>(type, routine, core, id);
-    {
-        std::lock_guard guard(mutex);
-        routines.emplace(id, entry);
+    return std::make_shared<RoutineEntry>(type, routine, core, id);
+}
+
+void RoutineManager::EndRemoved(const std::string& id, RoutineEntry& entry) {
+    try {
+        entry.instance.EndForRemoval();
+    } catch (const std::exception& e) {
+        // The routine has ended all the same (failed); the removal goes on.
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Ending removed routine %s failed (%s).", id.c_str(),
+               e.what());
     }
-    createdEvent.Raise(id);
-    entry->instance.Start();
-    // Removed or cleared while the start waited for its continue: the caller learns the routine is gone.
-    bool stillThere = false;
-    {
-        std::lock_guard guard(mutex);
-        const auto it = routines.find(id);
-        stillThere = it != routines.end() && it->second == entry;
-    }
-    if (!stillThere) {
-        throw NY_EXCEPTION(-999, "Routine %s was deleted before it started.", id.c_str());
-    }
-    return id;
 }
 
 void RoutineManager::Remove(const std::string& id) {
     std::shared_ptr<RoutineEntry> entry;
     {
-        std::lock_guard guard(mutex);
+        // Under the announcement lock: the routine's created event has been raised before it leaves.
+        Ny::MutexLock announce(announceMutex);
+        Ny::MutexLock guard(mutex);
         const auto it = routines.find(id);
         if (it != routines.end()) {
             entry = std::move(it->second);
@@ -167,13 +254,16 @@ void RoutineManager::Remove(const std::string& id) {
     if (!entry) {
         throw NY_EXCEPTION(-999);
     }
-    entry->instance.ReleaseStartWaiter();
+    // Ended before the deleted event, also when a request still holds the instance: nothing of the
+    // routine may run on after its deletion was announced.
+    EndRemoved(id, *entry);
     entry.reset();
+    Ny::MutexLock announce(announceMutex);
     deletedEvent.Raise(id);
 }
 
 std::vector<std::string> RoutineManager::ListIds() const {
-    std::lock_guard guard(mutex);
+    Ny::MutexLock guard(mutex);
     std::vector<std::string> ids;
     ids.reserve(routines.size());
     for (const auto& entry : routines) {
@@ -189,27 +279,37 @@ RoutineInstance& RoutineManager::GetInstance(const std::string& id) {
 std::shared_ptr<RoutineInstance> RoutineManager::AcquireInstance(const std::string& id) {
     std::shared_ptr<RoutineEntry> entry;
     {
-        std::lock_guard guard(mutex);
+        Ny::MutexLock guard(mutex);
         const auto it = routines.find(id);
         if (it != routines.end()) {
             entry = it->second;
         }
     }
     if (!entry) {
-        throw Ny::Exception(__LINE__, __FILE__, -999, "NyRoutine::Internal::RoutineManager::GetInstance",
-                            "Routine %s not found!", id.c_str());
+        throw NY_EXCEPTION(-999, "Routine %s not found!", id.c_str());
     }
     return std::shared_ptr<RoutineInstance>(entry, &entry->instance);
 }
 
 void RoutineManager::ClearAllRoutines() {
     NY_LOG(Ny::Logging::Level::Notice, "Routine(s) are going to abort.");
-    // The routines leave the map before they are aborted: a creation that an abort releases must find
-    // its routine gone (it was cleared), whichever thread runs first.
-    std::map<std::string, std::shared_ptr<RoutineEntry>> dropped;
     {
-        std::lock_guard guard(mutex);
+        // One clear at a time; from here on admissions wait and creations in their factory are cleared.
+        Ny::MutexLock guard(mutex);
+        while (clearRunning) {
+            changed.Wait(mutex);
+        }
+        clearRunning = true;
+        ++clearGeneration;
+    }
+    // The routines leave the map before they are aborted: a creation that an abort releases must find
+    // its routine gone (it was cleared). They still count toward the limit until the clear has ended.
+    EntryMap dropped;
+    {
+        Ny::MutexLock announce(announceMutex);
+        Ny::MutexLock guard(mutex);
         dropped.swap(routines);
+        clearing = dropped.size();
     }
     try {
         for (auto& [id, entry] : dropped) {
@@ -217,16 +317,31 @@ void RoutineManager::ClearAllRoutines() {
             entry->instance.Abort();
         }
     } catch (...) {
-        // An abort failed: no routine is dropped, as if the clear had stopped there.
-        std::lock_guard guard(mutex);
-        routines.merge(dropped);
+        // An abort failed: no routine is dropped, as if the clear had stopped there. The held creations
+        // wait for this decision, so they learn that their routine is still there.
+        {
+            Ny::MutexLock guard(mutex);
+            routines.merge(dropped);
+            clearing = 0;
+            clearRunning = false;
+            changed.NotifyAll();  // under the lock, like every notification of it (see CallScope)
+        }
         throw;
     }
     for (auto& entry : dropped) {
         entry.second->instance.ReleaseStartWaiter();
     }
     dropped.clear();
-    deletedEvent.Raise("*");
+    {
+        Ny::MutexLock announce(announceMutex);
+        {
+            Ny::MutexLock guard(mutex);
+            clearing = 0;
+            clearRunning = false;
+            changed.NotifyAll();
+        }
+        deletedEvent.Raise("*");
+    }
 }
 
 std::unique_ptr<Ny::Params::Group> RoutineManager::GetCreateParams(const std::string& typeName) {

@@ -1,6 +1,6 @@
 #include "NyRoutine/Engine/RoutineRegistry.h"
 
-#include <mutex>
+#include <utility>
 
 #include "NyApi/Exception.h"
 
@@ -9,10 +9,14 @@ namespace NyRoutine::Internal {
 RoutineRegistry::RoutineRegistry() = default;
 
 RoutineRegistry::RoutineRegistry(const RoutineRegistry& other) {
-    std::shared_lock guard(other.mutex);
-    for (const auto& [name, info] : other.entries) {
-        entries.emplace(name, std::make_shared<const RoutineInfo>(*info));
+    // Records are immutable: the copy shares them, and with them what keeps their factories alive.
+    std::map<std::string, std::shared_ptr<const RoutineInfo>> copied;
+    {
+        Ny::ReaderLock guard(other.mutex);
+        copied = other.entries;
     }
+    Ny::WriterLock mine(mutex);  // not shared yet; taken for the analysis' sake
+    entries = std::move(copied);
 }
 
 RoutineRegistry& RoutineRegistry::operator=(const RoutineRegistry& other) {
@@ -24,52 +28,74 @@ RoutineRegistry& RoutineRegistry::operator=(const RoutineRegistry& other) {
 }
 
 RoutineRegistry::RoutineRegistry(RoutineRegistry&& other) noexcept {
-    std::unique_lock guard(other.mutex);
-    entries.swap(other.entries);
+    Ny::WriterLock guard(other.mutex);
+    auto taken = std::move(other.entries);
+    other.entries.clear();
+    Ny::WriterLock mine(mutex);  // not shared yet; taken for the analysis' sake
+    entries = std::move(taken);
 }
 
 RoutineRegistry& RoutineRegistry::operator=(RoutineRegistry&& other) noexcept {
     if (this != &other) {
-        std::scoped_lock guard(mutex, other.mutex);
-        entries.clear();
-        entries.swap(other.entries);
+        // One lock at a time, so that two registries assigned to each other cannot deadlock.
+        std::map<std::string, std::shared_ptr<const RoutineInfo>> taken;
+        {
+            Ny::WriterLock guard(other.mutex);
+            taken.swap(other.entries);
+        }
+        std::map<std::string, std::shared_ptr<const RoutineInfo>> dropped;
+        {
+            Ny::WriterLock guard(mutex);
+            dropped.swap(entries);
+            entries.swap(taken);
+        }
     }
     return *this;
 }
 
 RoutineRegistry::~RoutineRegistry() = default;
 
-void RoutineRegistry::Add(const RoutineInfo& info) {
-    auto copy = std::make_shared<const RoutineInfo>(info);
-    std::unique_lock guard(mutex);
-    if (!entries.emplace(copy->TypeName(), std::move(copy)).second) {
-        guard.unlock();
-        throw Ny::Exception(__LINE__, __FILE__, -987, "NyRoutine::Internal::RoutineRegistry::Add");
+std::shared_ptr<const RoutineInfo> RoutineRegistry::MakeRecord(const RoutineInfo& info,
+                                                               std::shared_ptr<const void> owner) {
+    auto record = std::make_shared<const Record>(Record{info, std::move(owner)});
+    return std::shared_ptr<const RoutineInfo>(record, &record->info);
+}
+
+void RoutineRegistry::Add(const RoutineInfo& info, std::shared_ptr<const void> owner) {
+    auto copy = MakeRecord(info, std::move(owner));
+    bool added = false;
+    {
+        Ny::WriterLock guard(mutex);
+        added = entries.emplace(copy->TypeName(), copy).second;
+    }
+    if (!added) {
+        throw NY_EXCEPTION(-987);
     }
 }
 
 void RoutineRegistry::Remove(const std::string& typeName) {
     std::shared_ptr<const RoutineInfo> removed;  // released after the lock: its last owner may be here
     {
-        std::unique_lock guard(mutex);
+        Ny::WriterLock guard(mutex);
         const auto it = entries.find(typeName);
-        if (it == entries.end()) {
-            guard.unlock();
-            throw Ny::Exception(__LINE__, __FILE__, -999, "NyRoutine::Internal::RoutineRegistry::Remove");
+        if (it != entries.end()) {
+            removed = std::move(it->second);
+            entries.erase(it);
         }
-        removed = std::move(it->second);
-        entries.erase(it);
+    }
+    if (!removed) {
+        throw NY_EXCEPTION(-999);
     }
 }
 
 const RoutineInfo* RoutineRegistry::FindByTypeName(const std::string& typeName) const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     const auto it = entries.find(typeName);
     return it == entries.end() ? nullptr : it->second.get();
 }
 
 std::vector<const RoutineInfo*> RoutineRegistry::List() const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     std::vector<const RoutineInfo*> list;
     list.reserve(entries.size());
     for (const auto& entry : entries) {
@@ -79,13 +105,13 @@ std::vector<const RoutineInfo*> RoutineRegistry::List() const {
 }
 
 std::shared_ptr<const RoutineInfo> RoutineRegistry::FindShared(const std::string& typeName) const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     const auto it = entries.find(typeName);
     return it == entries.end() ? nullptr : it->second;
 }
 
 std::vector<std::shared_ptr<const RoutineInfo>> RoutineRegistry::ListShared() const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     std::vector<std::shared_ptr<const RoutineInfo>> list;
     list.reserve(entries.size());
     for (const auto& entry : entries) {

@@ -23,6 +23,10 @@ RoutineModule::RoutineModule(NyRest::ResourceRouter& router, NyPlugin::PluginMan
 
 RoutineModule::~RoutineModule() {
     DetachPlugins();
+    // Every creation waiting for its first continue (or still in its factory) is let go before any
+    // route is withdrawn: withdrawing waits for the requests in progress, and a creation blocked there
+    // could otherwise only be released by the manager, which dies after the routes.
+    manager.Close();
 }
 
 void RoutineModule::AttachPlugins() {
@@ -30,18 +34,14 @@ void RoutineModule::AttachPlugins() {
     for (size_t index = 0; index < plugins.Count(); ++index) {
         ProcessPluginLoad(plugins.At(index), NyPlugin::PluginEvent::Loaded);
     }
-    loadSubscription =
-        plugins.LoadEvent().Subscribe([this](const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event) {
+    loadSubscription = plugins.LoadEvent().SubscribeScoped(
+        [this](const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event) {
             ProcessPluginLoad(lib, event);
         });
-    loadSubscribed = true;
 }
 
 void RoutineModule::DetachPlugins() {
-    if (loadSubscribed) {
-        plugins.LoadEvent().Unsubscribe(loadSubscription);
-        loadSubscribed = false;
-    }
+    loadSubscription.Reset();
 }
 
 void RoutineModule::ProcessPluginLoad(const NyPlugin::PluginLib& lib, NyPlugin::PluginEvent event) {
@@ -51,7 +51,8 @@ void RoutineModule::ProcessPluginLoad(const NyPlugin::PluginLib& lib, NyPlugin::
             const RoutineInfo& info = routines.RoutineInfoAt(index);
             if (event == NyPlugin::PluginEvent::Loaded) {
                 try {
-                    registry.Add(info);
+                    // The plug-in object owns the type's factory: the record keeps it alive.
+                    registry.Add(info, plugin);
                 } catch (const std::exception& e) {
                     NY_LOG(Ny::Logging::Level::CaughtFailure, "Failed to load routine \"%s\" (%s)",
                            info.TypeName(), e.what());

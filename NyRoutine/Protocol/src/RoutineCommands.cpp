@@ -10,7 +10,7 @@ RoutineCommandBase::RoutineCommandBase(NyCommon::IRoutineController& managerIn) 
 std::shared_ptr<RoutineInstance> RoutineCommandBase::GetInstance(const NyRest::RequestInfo& request) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw Ny::Exception(__LINE__, __FILE__, -999, "NyRoutine::Internal::RoutineCommandBase::GetInstance");
+        throw NY_EXCEPTION(-999);
     }
     return manager.AcquireInstance(*id);
 }

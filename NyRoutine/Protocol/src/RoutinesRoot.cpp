@@ -1,6 +1,8 @@
 #include "NyRoutine/Protocol/RoutinesRoot.h"
 
 #include <exception>
+#include <iterator>
+#include <utility>
 #include <vector>
 
 #include "NyApi/Exception.h"
@@ -17,51 +19,42 @@ namespace {
 
 constexpr const char* RoutinePattern = "/routines/:routine";
 
-// Runs `body` while the caller holds a parameter or result lock; on any failure releases that lock
-// first and rethrows with the operation's context and message nested around the cause.
-template <typename Body, typename Unlock>
-void WithLockHeld(const char* context, const char* message, int line, Body&& body, Unlock&& unlock) {
+// Runs `body`; a failure passes with the operation's message nested around the cause. A holder in the
+// caller's scope releases the routine's lock on every path.
+template <typename Body>
+void WithContext(const std::string& context, const char* message, int line, Body&& body) {
     try {
         body();
     } catch (const Ny::Exception& e) {
-        unlock();
-        std::throw_with_nested(Ny::Exception(line, __FILE__, e.Status(), context, "%s", message));
+        std::throw_with_nested(Ny::Exception(line, __FILE__, e.Status(), context.c_str(), "%s", message));
     } catch (const std::exception&) {
-        unlock();
-        std::throw_with_nested(Ny::Exception(line, __FILE__, 0, context, "%s", message));
-    } catch (...) {
-        unlock();
-        throw;
+        std::throw_with_nested(Ny::Exception(line, __FILE__, 0, context.c_str(), "%s", message));
     }
-    unlock();
 }
 
 }  // namespace
 
 RoutinesRoot::RoutinesRoot(NyCommon::IRoutineController& managerIn) : manager(managerIn) {
-    createdHandle = manager.CreatedEvent().Subscribe([this](const std::string& id) { OnRoutineCreated(id); });
-    deletedHandle = manager.DeletedEvent().Subscribe([this](const std::string& id) { OnRoutineDeleted(id); });
+    createdSubscription =
+        manager.CreatedEvent().SubscribeScoped([this](const std::string& id) { OnRoutineCreated(id); });
+    deletedSubscription =
+        manager.DeletedEvent().SubscribeScoped([this](const std::string& id) { OnRoutineDeleted(id); });
     timer = std::make_unique<Ny::AsyncTimer>([this](Ny::AsyncTimer&) { FlushStepUpdates(); });
     timer->Start(FlushPeriodUs, false);
 }
 
 RoutinesRoot::~RoutinesRoot() {
-    manager.CreatedEvent().Unsubscribe(createdHandle);
-    manager.DeletedEvent().Unsubscribe(deletedHandle);
-    std::map<std::string, Subscription> remaining;
-    {
-        std::lock_guard guard(pendingMutex);
-        remaining.swap(subscriptions);
-    }
-    // Unsubscribing waits for a handler running on a routine thread, so no event can reach us later.
-    for (auto& [id, subscription] : remaining) {
-        if (auto instance = subscription.instance.lock()) {
-            instance->UpdatedEvent().Unsubscribe(subscription.updated);
-            instance->StepsUpdatedEvent().Unsubscribe(subscription.stepsUpdated);
-        }
-    }
+    createdSubscription.Reset();
+    deletedSubscription.Reset();
     timer->Stop();
     timer.reset();
+    TrackedMap remaining;
+    {
+        Ny::MutexLock guard(pendingMutex);
+        remaining.swap(tracked);
+    }
+    // Each reset waits for a handler running on a routine thread, so no event can reach us later.
+    remaining.clear();
 }
 
 nlohmann::json RoutinesRoot::GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) {
@@ -103,41 +96,34 @@ nlohmann::json RoutinesRoot::BuildCollectionDocument(const NyRest::RequestInfo&,
 }
 
 void RoutinesRoot::AppendParams(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema) {
-    Ny::Properties::Structure* params = instance.LockParams(false);
-    WithLockHeld(
-        "NyRoutine::Internal::RoutinesRoot::AppendParams", "Append routine params failed.", __LINE__,
-        [&] {
-            const Ny::Properties::Structure empty(true);
-            const Ny::Properties::Structure& shown = params != nullptr ? *params : empty;
-            document["parameters"] = Ny::Properties::JsonSerializer::Serialize(shown);
-            if (schema != nullptr) {
-                (*schema)["properties"]["parameters"] =
-                    Ny::Properties::JsonSerializer::SerializeSchema(shown);
-            }
-        },
-        [&] { instance.UnlockParams(); });
+    const ParamsAccess access(instance, false);
+    WithContext(NY_CONTEXT(), "Append routine params failed.", __LINE__, [&] {
+        const Ny::Properties::Structure empty(true);
+        const Ny::Properties::Structure& shown = access.Get() != nullptr ? *access.Get() : empty;
+        document["parameters"] = Ny::Properties::JsonSerializer::Serialize(shown);
+        if (schema != nullptr) {
+            (*schema)["properties"]["parameters"] = Ny::Properties::JsonSerializer::SerializeSchema(shown);
+        }
+    });
 }
 
 void RoutinesRoot::AppendResults(RoutineInstance& instance, nlohmann::json& document,
                                  nlohmann::json* schema) {
-    const Ny::Properties::Structure* results = instance.LockResults();
-    WithLockHeld(
-        "NyRoutine::Internal::RoutinesRoot::AppendResults", "Append routine results failed.", __LINE__,
-        [&] {
-            const Ny::Properties::Structure empty(true);
-            const Ny::Properties::Structure& shown = results != nullptr ? *results : empty;
-            document["results"] = Ny::Properties::JsonSerializer::Serialize(shown);
-            if (schema != nullptr) {
-                (*schema)["properties"]["results"] = Ny::Properties::JsonSerializer::SerializeSchema(shown);
-            }
-        },
-        [&] { instance.UnlockResults(); });
+    const ResultsAccess access(instance);
+    WithContext(NY_CONTEXT(), "Append routine results failed.", __LINE__, [&] {
+        const Ny::Properties::Structure empty(true);
+        const Ny::Properties::Structure& shown = access.Get() != nullptr ? *access.Get() : empty;
+        document["results"] = Ny::Properties::JsonSerializer::Serialize(shown);
+        if (schema != nullptr) {
+            (*schema)["properties"]["results"] = Ny::Properties::JsonSerializer::SerializeSchema(shown);
+        }
+    });
 }
 
 void RoutinesRoot::UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw Ny::Exception(__LINE__, __FILE__, -997, "NyRoutine::Internal::RoutinesRoot::UpdateDocument");
+        throw NY_EXCEPTION(-997);
     }
     const auto instance = manager.AcquireInstance(*id);
     SetRoutineParams(*id, *instance, body);
@@ -148,22 +134,22 @@ void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instanc
     if (!body.is_object() || !body.contains("parameters")) {
         return;
     }
-    Ny::Properties::Structure* params = instance.LockParams(true);
-    if (params == nullptr) {
+    ParamsAccess access(instance, true);
+    if (access.Get() == nullptr) {
         NyRt::Log("RoutinesResource::SetRoutineParams: not updating parameters");
-        instance.UnlockParams();
         return;
     }
-    // UnlockParams reports the write to the routine and raises its updated event before releasing.
-    WithLockHeld(
-        "NyRoutine::Internal::RoutinesRoot::SetRoutineParams", "Set routine params failed.", __LINE__,
-        [&] { Ny::Properties::JsonSerializer::Deserialize(*params, body["parameters"]); },
-        [&] { instance.UnlockParams(); });
+    // The release reports the write to the routine and raises its updated event before unlocking; a
+    // refusal there is the request's failure too.
+    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] {
+        Ny::Properties::JsonSerializer::Deserialize(*access.Get(), body["parameters"]);
+        access.Release();
+    });
 }
 
 NyRest::CreateResult RoutinesRoot::Create(const NyRest::RequestInfo&, const nlohmann::json& body) {
     if (!body.is_object() || !body.contains("type")) {
-        throw Ny::Exception(__LINE__, __FILE__, -997, "NyRoutine::Internal::RoutinesRoot::Create");
+        throw NY_EXCEPTION(-997);
     }
     const auto type = body["type"].get<std::string>();
     std::string id = manager.Create(type, nullptr);
@@ -174,7 +160,7 @@ NyRest::CreateResult RoutinesRoot::Create(const NyRest::RequestInfo&, const nloh
 void RoutinesRoot::Delete(const NyRest::RequestInfo& request) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw Ny::Exception(__LINE__, __FILE__, -997, "NyRoutine::Internal::RoutinesRoot::Delete");
+        throw NY_EXCEPTION(-997);
     }
     if (*id == "*") {
         manager.ClearAllRoutines();
@@ -188,45 +174,111 @@ void RoutinesRoot::Notify(NyRest::EventType type, const std::string& path) {
 }
 
 void RoutinesRoot::OnRoutineCreated(const std::string& id) {
+    // Raised by the manager before anything can remove the routine, so the instance is there. It is
+    // tracked before it is subscribed to, so that no update of it can slip past the tracking.
     const auto instance = manager.AcquireInstance(id);
-    Subscription subscription;
-    subscription.instance = instance;
-    subscription.updated = instance->UpdatedEvent().Subscribe(
+    {
+        Ny::MutexLock guard(pendingMutex);
+        tracked[id];
+    }
+    auto updated = instance->UpdatedEvent().SubscribeScoped(
         [this](const std::string& routineId) { OnRoutineUpdated(routineId); });
-    subscription.stepsUpdated = instance->StepsUpdatedEvent().Subscribe(
+    auto stepsUpdated = instance->StepsUpdatedEvent().SubscribeScoped(
         [this](const std::string& routineId) { OnRoutineStepsUpdated(routineId); });
     {
-        std::lock_guard guard(pendingMutex);
-        subscriptions[id] = subscription;
+        Ny::MutexLock guard(pendingMutex);
+        const auto it = tracked.find(id);
+        if (it == tracked.end()) {
+            // Deleted already (the manager orders its events, so only a foreign controller gets here):
+            // no created notification after the deleted one; the subscriptions end with this scope.
+            return;
+        }
+        it->second.updated = std::move(updated);
+        it->second.stepsUpdated = std::move(stepsUpdated);
     }
     Notify(NyRest::EventType::Created, NyRest::Path::Format(RoutinePattern, {id}));
+    bool missed = false;
+    {
+        Ny::MutexLock guard(pendingMutex);
+        const auto it = tracked.find(id);
+        if (it != tracked.end()) {
+            it->second.announced = true;
+            missed = std::exchange(it->second.missed, false);
+        }
+    }
+    if (missed) {
+        Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {id}));
+    }
 }
 
 void RoutinesRoot::OnRoutineUpdated(const std::string& id) {
+    {
+        Ny::MutexLock guard(pendingMutex);
+        const auto it = tracked.find(id);
+        if (it == tracked.end()) {
+            return;  // deleted, or never announced: nothing may follow or precede its notifications
+        }
+        if (!it->second.announced) {
+            it->second.missed = true;
+            return;
+        }
+    }
     Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {id}));
 }
 
 void RoutinesRoot::OnRoutineStepsUpdated(const std::string& id) {
-    std::lock_guard guard(pendingMutex);
+    Ny::MutexLock guard(pendingMutex);
     // A routine that is already deleted (a request may still hold it while its code reports a step)
     // must not get an update after its deleted notification.
-    if (subscriptions.count(id) != 0) {
+    if (tracked.count(id) != 0) {
         pending.insert(id);
     }
 }
 
+RoutinesRoot::TrackedMap RoutinesRoot::UntrackLocked(const std::string& id,
+                                                     const std::vector<std::string>* keep) {
+    TrackedMap dropped;
+    if (keep == nullptr) {
+        pending.erase(id);
+        if (auto node = tracked.extract(id)) {
+            dropped.insert(std::move(node));
+        }
+        return dropped;
+    }
+    const std::set<std::string> alive(keep->begin(), keep->end());
+    for (auto it = tracked.begin(); it != tracked.end();) {
+        if (alive.count(it->first) != 0) {
+            ++it;
+            continue;
+        }
+        pending.erase(it->first);
+        auto next = std::next(it);
+        dropped.insert(tracked.extract(it));
+        it = next;
+    }
+    return dropped;
+}
+
 void RoutinesRoot::OnRoutineDeleted(const std::string& id) {
+    const bool all = id == "*";
+    // A clear drops the routines it took, not one created meanwhile: the manager raises this under the
+    // lock that also orders creations, so its list is exactly the survivors.
+    std::vector<std::string> survivors;
+    if (all) {
+        survivors = manager.ListIds();
+    }
+    TrackedMap dropped;
     {
-        std::lock_guard guard(pendingMutex);
-        if (id == "*") {
-            pending.clear();
-            subscriptions.clear();
-        } else {
-            pending.erase(id);
-            subscriptions.erase(id);
+        Ny::MutexLock guard(pendingMutex);
+        dropped = UntrackLocked(id, all ? &survivors : nullptr);
+        // The flush may have checked this routine just before: let its notification go out first.
+        while (!flushing.empty() && flushThread != std::this_thread::get_id() && (all || flushing == id)) {
+            flushDone.Wait(pendingMutex);
         }
     }
-    if (id == "*") {
+    // Waits for an updated handler in progress: its notification goes out before the deletion's.
+    dropped.clear();
+    if (all) {
         Notify(NyRest::EventType::Updated, "/routines");
     } else {
         Notify(NyRest::EventType::Deleted, NyRest::Path::Format(RoutinePattern, {id}));
@@ -238,17 +290,41 @@ void RoutinesRoot::FlushStepUpdates() {
     // instead of being erased unsent.
     std::set<std::string> due;
     {
-        std::lock_guard guard(pendingMutex);
+        Ny::MutexLock guard(pendingMutex);
         due.swap(pending);
     }
+    struct Flushing {
+        RoutinesRoot& root;
+        ~Flushing() {
+            Ny::MutexLock guard(root.pendingMutex);
+            root.flushing.clear();
+            root.flushDone.NotifyAll();
+        }
+    };
     for (auto it = due.begin(); it != due.end(); ++it) {
+        {
+            // Membership is checked where a deletion would wait for us: a routine deleted before this
+            // point is skipped, one deleted after it is announced after this notification.
+            Ny::MutexLock guard(pendingMutex);
+            const auto entry = tracked.find(*it);
+            if (entry == tracked.end()) {
+                continue;
+            }
+            if (!entry->second.announced) {
+                pending.insert(*it);  // after the created notification, in the next period
+                continue;
+            }
+            flushing = *it;
+            flushThread = std::this_thread::get_id();
+        }
+        const Flushing done{*this};
         try {
             Notify(NyRest::EventType::Updated, NyRest::Path::Format(RoutinePattern, {*it}));
         } catch (...) {
             // The failed id and every larger one stay pending for the next period.
-            std::lock_guard guard(pendingMutex);
+            Ny::MutexLock guard(pendingMutex);
             for (auto rest = it; rest != due.end(); ++rest) {
-                if (subscriptions.count(*rest) != 0) {
+                if (tracked.count(*rest) != 0) {
                     pending.insert(*rest);
                 }
             }

@@ -22,7 +22,7 @@ RoutineInfo::~RoutineInfo() = default;
 
 IRoutineFactory& RoutineInfo::Factory() const {
     if (factory == nullptr) {
-        throw Ny::Exception(__LINE__, __FILE__, -992, "NyRoutine::RoutineInfo::Factory");
+        throw NY_EXCEPTION(-992);
     }
     return *factory;
 }

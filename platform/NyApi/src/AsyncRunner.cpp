@@ -9,14 +9,16 @@ namespace Ny {
 
 AsyncRunner::~AsyncRunner() {
     std::deque<std::function<void()>> dropped;
+    std::thread joining;  // once stopping is set, no Run starts a worker: this one is the last
     {
-        std::lock_guard guard(mutex);
+        MutexLock guard(mutex);
         stopping = true;
         dropped.swap(queue);
+        joining = std::move(worker);
     }
-    wake.notify_all();
-    if (worker.joinable()) {
-        worker.join();
+    wake.NotifyAll();
+    if (joining.joinable()) {
+        joining.join();
     }
     // `dropped` goes here, outside the lock: destroying a job may release objects with destructors
     // of their own.
@@ -24,7 +26,7 @@ AsyncRunner::~AsyncRunner() {
 
 void AsyncRunner::Run(std::function<void()> job) {
     {
-        std::lock_guard guard(mutex);
+        MutexLock guard(mutex);
         if (stopping) {
             return;
         }
@@ -37,11 +39,11 @@ void AsyncRunner::Run(std::function<void()> job) {
             worker = std::thread([this] { Loop(); });
         }
     }
-    wake.notify_one();
+    wake.NotifyOne();
 }
 
 bool AsyncRunner::IsRunnerThread() const {
-    std::lock_guard guard(mutex);
+    MutexLock guard(mutex);
     return workerRunning && worker.get_id() == std::this_thread::get_id();
 }
 
@@ -49,10 +51,13 @@ void AsyncRunner::Loop() {
     for (;;) {
         std::function<void()> job;
         {
-            std::unique_lock guard(mutex);
-            if (!wake.wait_for(guard, IdleTimeout, [this] { return stopping || !queue.empty(); })) {
-                workerRunning = false;  // idle: the next Run starts a new thread
-                return;
+            MutexLock guard(mutex);
+            const auto idleUntil = std::chrono::steady_clock::now() + IdleTimeout;
+            while (!stopping && queue.empty()) {
+                if (!wake.WaitUntil(mutex, idleUntil) && !stopping && queue.empty()) {
+                    workerRunning = false;  // idle: the next Run starts a new thread
+                    return;
+                }
             }
             if (stopping) {
                 workerRunning = false;

@@ -16,7 +16,7 @@ AsyncTimer::~AsyncTimer() {
 
 void AsyncTimer::Start(std::uint64_t periodUs, bool oneShot) {
     Stop();
-    std::lock_guard guard(mutex);
+    MutexLock guard(mutex);
     const std::uint64_t mine = ++generation;
     worker = std::thread([this, periodUs, oneShot, mine] { Loop(periodUs, oneShot, mine); });
 }
@@ -24,11 +24,11 @@ void AsyncTimer::Start(std::uint64_t periodUs, bool oneShot) {
 void AsyncTimer::Stop() {
     std::thread finished;
     {
-        std::lock_guard guard(mutex);
+        MutexLock guard(mutex);
         ++generation;
         finished = std::move(worker);
     }
-    wake.notify_all();
+    wake.NotifyAll();
     if (!finished.joinable()) {
         return;
     }
@@ -45,8 +45,13 @@ void AsyncTimer::Loop(std::uint64_t periodUs, bool oneShot, std::uint64_t mine) 
     auto next = std::chrono::steady_clock::now() + period;
     for (;;) {
         {
-            std::unique_lock guard(mutex);
-            if (wake.wait_until(guard, next, [&] { return generation != mine; })) {
+            MutexLock guard(mutex);
+            while (generation == mine) {
+                if (!wake.WaitUntil(mutex, next)) {
+                    break;
+                }
+            }
+            if (generation != mine) {
                 return;
             }
         }

@@ -4,25 +4,25 @@
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "NyApi/Mutex.h"
 #include "NyRuntime/Runtime.h"
 
 namespace Ny::Logging {
 
 namespace {
 
-std::mutex sinkMutex;
-std::shared_ptr<const LogSink> sink;  // guarded by sinkMutex
-std::atomic<bool> hasSink{false};     // written under sinkMutex, read relaxed as a fast "anyone listening?"
+Ny::Mutex sinkMutex;  // guards the sink; a leaf, never held while the sink runs
+std::shared_ptr<const LogSink> sink NY_GUARDED_BY(sinkMutex);
+std::atomic<bool> hasSink{false};  // written under sinkMutex, read relaxed as a fast "anyone listening?"
 
 }  // namespace
 
 LogSink SetSink(LogSink next) {
     auto shared = next ? std::make_shared<const LogSink>(std::move(next)) : nullptr;
-    std::lock_guard guard(sinkMutex);
+    Ny::MutexLock guard(sinkMutex);
     hasSink.store(shared != nullptr, std::memory_order_relaxed);
     auto previous = std::exchange(sink, std::move(shared));
     return previous ? *previous : LogSink{};
@@ -35,7 +35,7 @@ void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const cha
     }
     std::shared_ptr<const LogSink> current;
     {
-        std::lock_guard guard(sinkMutex);
+        Ny::MutexLock guard(sinkMutex);
         current = sink;
     }
     if (!current) {
@@ -59,11 +59,21 @@ void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const cha
 namespace Ny {
 
 std::string QualifiedName(const char* prettyFunction) {
-    std::string_view text(prettyFunction ? prettyFunction : "");
-    // Drop a trailing " [with T = ...]" and find the parameter list that closes the name: the last
-    // top-level "(...)" before the end (qualifiers such as "const" may follow it).
-    if (const auto with = text.find(" [with "); with != std::string_view::npos) {
-        text = text.substr(0, with);
+    // Compilers spell some parts differently: one name for an anonymous namespace whichever builds it
+    // ("(anonymous namespace)" has a space and parentheses that would end the name early below).
+    std::string spelled(prettyFunction ? prettyFunction : "");
+    static constexpr std::string_view Anonymous = "(anonymous namespace)";
+    for (size_t at = spelled.find(Anonymous); at != std::string::npos; at = spelled.find(Anonymous, at)) {
+        spelled.replace(at, Anonymous.size(), "{anonymous}");
+    }
+    std::string_view text(spelled);
+    // Drop the template arguments that follow the signature (" [with T = ...]" or " [T = ...]") and
+    // find the parameter list that closes the name: the last top-level "(...)" before the end
+    // (qualifiers such as "const" may follow it).
+    if (!text.empty() && text.back() == ']') {
+        if (const auto with = text.rfind(" ["); with != std::string_view::npos) {
+            text = text.substr(0, with);
+        }
     }
     size_t close = text.rfind(')');
     if (close == std::string_view::npos) {

@@ -78,7 +78,7 @@ void PluginLib::Retire() {
     std::vector<std::shared_ptr<IPlugin>> dropped;
     void* closing = nullptr;
     {
-        std::lock_guard guard(mutex);
+        Ny::MutexLock guard(mutex);
         dropped.swap(plugins);
         std::swap(closing, handle);
     }
@@ -92,7 +92,7 @@ void PluginLib::Retire() {
 
 std::vector<std::shared_ptr<IPlugin>> PluginLib::PluginsByType(const std::string& type) const {
     std::vector<std::shared_ptr<IPlugin>> found;
-    std::lock_guard guard(mutex);
+    Ny::MutexLock guard(mutex);
     for (const auto& plugin : plugins) {
         const char* own = plugin->Type();
         if (own != nullptr && type == own) {
@@ -103,7 +103,7 @@ std::vector<std::shared_ptr<IPlugin>> PluginLib::PluginsByType(const std::string
 }
 
 std::vector<std::shared_ptr<IPlugin>> PluginLib::Plugins() const {
-    std::lock_guard guard(mutex);
+    Ny::MutexLock guard(mutex);
     return plugins;
 }
 
@@ -112,7 +112,7 @@ PluginManager::PluginManager() = default;
 PluginManager::~PluginManager() = default;
 
 const PluginLib& PluginManager::Load(const fs::path& path) {
-    std::lock_guard change(changeMutex);
+    Ny::RecursiveLock change(changeMutex);
     return LoadLocked(Normalized(path));
 }
 
@@ -154,7 +154,7 @@ const PluginLib& PluginManager::LoadLocked(const fs::path& path) {
 
     std::shared_ptr<PluginLib> lib(new PluginLib(path, handle.release(), std::move(sink.plugins)));
     {
-        std::lock_guard guard(listMutex);
+        Ny::MutexLock guard(listMutex);
         libraries.push_back(lib);
     }
     NY_LOG(Ny::Logging::Level::Progress, "Plug-in %1$s loaded (%2$zu plug-in objects).", file.c_str(),
@@ -170,7 +170,7 @@ const PluginLib& PluginManager::LoadLocked(const fs::path& path) {
 }
 
 void PluginManager::Unload(const fs::path& path) {
-    std::lock_guard change(changeMutex);
+    Ny::RecursiveLock change(changeMutex);
     const fs::path normal = Normalized(path);
     const auto lib = FindLocked(normal);
     if (!lib) {
@@ -180,11 +180,11 @@ void PluginManager::Unload(const fs::path& path) {
 }
 
 void PluginManager::Unload(size_t index) {
-    std::lock_guard change(changeMutex);
+    Ny::RecursiveLock change(changeMutex);
     std::shared_ptr<PluginLib> lib;
     size_t count = 0;
     {
-        std::lock_guard guard(listMutex);
+        Ny::MutexLock guard(listMutex);
         count = libraries.size();
         if (index < count) {
             lib = libraries[index];
@@ -210,7 +210,7 @@ void PluginManager::UnloadLocked(const std::shared_ptr<PluginLib>& lib) {
         handlerFailure = std::current_exception();
     }
     {
-        std::lock_guard guard(listMutex);
+        Ny::MutexLock guard(listMutex);
         libraries.erase(std::remove(libraries.begin(), libraries.end(), lib), libraries.end());
         retired.push_back(lib);
     }
@@ -222,7 +222,7 @@ void PluginManager::UnloadLocked(const std::shared_ptr<PluginLib>& lib) {
 }
 
 std::shared_ptr<PluginLib> PluginManager::FindLocked(const fs::path& path) const {
-    std::lock_guard guard(listMutex);
+    Ny::MutexLock guard(listMutex);
     const auto it = std::find_if(libraries.begin(), libraries.end(),
                                  [&path](const auto& loaded) { return loaded->Path() == path; });
     return it != libraries.end() ? *it : nullptr;
@@ -267,7 +267,7 @@ void PluginManager::LoadNewLocked(const std::vector<fs::path>& files, std::vecto
 }
 
 std::vector<std::string> PluginManager::LoadDirectory(const fs::path& folder) {
-    std::lock_guard change(changeMutex);
+    Ny::RecursiveLock change(changeMutex);
     const FolderFiles listing = ListFolder(folder);
     if (!listing.refusal.empty()) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "%s", listing.refusal.c_str());
@@ -279,7 +279,7 @@ std::vector<std::string> PluginManager::LoadDirectory(const fs::path& folder) {
 }
 
 std::vector<std::string> PluginManager::Rescan(const fs::path& folder) {
-    std::lock_guard change(changeMutex);
+    Ny::RecursiveLock change(changeMutex);
     const FolderFiles listing = ListFolder(folder);
     if (!listing.refusal.empty()) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "%s; no plug-in changed.", listing.refusal.c_str());
@@ -313,12 +313,12 @@ std::vector<std::string> PluginManager::Rescan(const fs::path& folder) {
 }
 
 size_t PluginManager::Count() const {
-    std::lock_guard guard(listMutex);
+    Ny::MutexLock guard(listMutex);
     return libraries.size();
 }
 
 const PluginLib& PluginManager::At(size_t index) const {
-    std::lock_guard guard(listMutex);
+    Ny::MutexLock guard(listMutex);
     if (index >= libraries.size()) {
         throw NY_EXCEPTION(-999, "No plug-in library at index %1$zu (%2$zu loaded).", index,
                            libraries.size());
@@ -327,7 +327,7 @@ const PluginLib& PluginManager::At(size_t index) const {
 }
 
 std::vector<std::shared_ptr<const PluginLib>> PluginManager::Libraries() const {
-    std::lock_guard guard(listMutex);
+    Ny::MutexLock guard(listMutex);
     return {libraries.begin(), libraries.end()};
 }
 

@@ -133,8 +133,7 @@ json ErrorBody(const std::exception& error) {
 }
 
 void DocumentResourceBase::UpdateDocument(const RequestInfo&, const nlohmann::json&) {
-    throw Ny::Exception(__LINE__, __FILE__, ReadOnlyDocumentStatus,
-                        "NyRest::DocumentResourceBase::UpdateDocument", "The document is read-only.");
+    throw NY_EXCEPTION(ReadOnlyDocumentStatus, "The document is read-only.");
 }
 
 std::string Path::Format(const std::string& pattern, std::initializer_list<std::string> values) {
@@ -161,8 +160,8 @@ struct ResourceRouter::Route {
     std::string pattern;
     std::vector<std::string> segments;
     IResource* resource;
-    NotificationEventType::Handle notificationHandle;
-    unsigned inFlight = 0;  // guarded by the router's inFlightMutex
+    Ny::Subscription notification;  // forwards the resource's notifications while it is registered
+    unsigned inFlight = 0;          // guarded by the router's inFlightMutex
 };
 
 struct ResourceRouter::Match {
@@ -187,7 +186,7 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         throw NY_EXCEPTION(-997, "Malformed path pattern \"%s\".", pattern.c_str());
     }
     {
-        std::unique_lock guard(mutex);
+        Ny::WriterLock guard(mutex);
         for (const auto& existing : routes) {
             if (existing->pattern == pattern) {
                 throw NY_EXCEPTION(-987, "Path pattern \"%s\" is registered already.", pattern.c_str());
@@ -195,14 +194,14 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         }
         routes.push_back(route);
     }
-    route->notificationHandle = resource.NotificationEvent().Subscribe(
+    route->notification = resource.NotificationEvent().SubscribeScoped(
         [this](IResource&, EventType type, const std::string& path) { notificationEvent.Raise(type, path); });
 }
 
 void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
     std::vector<std::shared_ptr<Route>> withdrawn;
     {
-        std::unique_lock guard(mutex);
+        Ny::WriterLock guard(mutex);
         const std::string prefix = pattern == "/" ? "/" : pattern + "/";
         for (auto it = routes.begin(); it != routes.end();) {
             const bool beneath = recursive && (*it)->pattern.rfind(prefix, 0) == 0;
@@ -215,18 +214,19 @@ void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
         }
     }
     for (auto& route : withdrawn) {
-        route->resource->NotificationEvent().Unsubscribe(route->notificationHandle);
+        route->notification.Reset();
     }
-    std::unique_lock guard(inFlightMutex);
-    inFlightDone.wait(guard, [&] {
-        return std::all_of(withdrawn.begin(), withdrawn.end(),
-                           [](const auto& route) { return route->inFlight == 0; });
-    });
+    Ny::MutexLock guard(inFlightMutex);
+    for (const auto& route : withdrawn) {
+        while (route->inFlight != 0) {
+            inFlightDone.Wait(inFlightMutex);
+        }
+    }
 }
 
 std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<std::string>& segments,
                                                             Match& match) const {
-    std::shared_lock guard(mutex);
+    Ny::ReaderLock guard(mutex);
     std::shared_ptr<Route> best;
     int bestScore = -1;
     std::map<std::string, std::string> bestParams;
@@ -260,7 +260,7 @@ std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<st
     }
     match.params = std::move(bestParams);
     if (best) {
-        std::lock_guard inFlight(inFlightMutex);
+        Ny::MutexLock inFlight(inFlightMutex);
         ++best->inFlight;
     }
     return best;
@@ -271,9 +271,11 @@ Response ResourceRouter::DispatchRaw(const std::string& method, const std::strin
     json parsed;
     if (!body.empty()) {
         try {
-            const auto limitDepth = [](int depth, json::parse_event_t, json&) {
+            // The context is this function's, not the lambda's.
+            const std::string context = NY_CONTEXT();
+            const auto limitDepth = [&context](int depth, json::parse_event_t, json&) {
                 if (depth > MaxBodyDepth) {
-                    throw Ny::Exception(__LINE__, __FILE__, -997, "NyRest::ResourceRouter::DispatchRaw",
+                    throw Ny::Exception(__LINE__, __FILE__, -997, context.c_str(),
                                         "The request body is nested too deeply.");
                 }
                 return true;
@@ -319,12 +321,74 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
         response = ErrorResponse(500, 0, "The request failed with an unknown error.");
     }
     {
-        std::lock_guard guard(inFlightMutex);
+        Ny::MutexLock guard(inFlightMutex);
         --route->inFlight;
     }
-    inFlightDone.notify_all();
+    inFlightDone.NotifyAll();
     return response;
 }
+
+namespace {
+
+// The document of a GET, with the resource's embedded entries under "_embedded".
+Response ReadDocument(IDocumentResource& document, const RequestInfo& request) {
+    ResponseInfo info;
+    json result = document.GetDocument(request, info);
+    if (!info.EmbeddedEntries().empty()) {
+        if (result.is_null()) {
+            result = json::object();
+        }
+        json& embedded = result["_embedded"];
+        for (const auto& entry : info.EmbeddedEntries()) {
+            json item = entry.value.is_object() ? entry.value : json::object();
+            if (entry.link) {
+                item["_links"] = {{"self", {{"href", entry.path}}}};
+            }
+            embedded[entry.name].push_back(std::move(item));
+        }
+    }
+    Response response;
+    response.body = std::move(result);
+    response.headers = info.Headers();
+    return response;
+}
+
+Response CreateChild(IParentResource& parent, const RequestInfo& request, const json& body) {
+    const CreateResult created = parent.Create(request, body);
+    Response response;
+    response.status = 201;
+    response.headers.emplace_back("Location", created.path);
+    response.body = {{"id", created.id}, {"path", created.path}};
+    return response;
+}
+
+Response NoContent() {
+    Response response;
+    response.status = 204;
+    return response;
+}
+
+// 405 with the methods the resource does support.
+Response MethodNotAllowed(const std::string& method, bool document, bool callable, bool parent) {
+    std::string allow;
+    const auto add = [&allow](const char* verb) { allow += allow.empty() ? verb : std::string(", ") + verb; };
+    if (document) {
+        add("GET");
+        add("PUT");
+        add("PATCH");
+    }
+    if (callable || parent) {
+        add("POST");
+    }
+    if (parent) {
+        add("DELETE");
+    }
+    Response response = ErrorResponse(405, 0, "Method " + method + " is not allowed here.");
+    response.headers.emplace_back("Allow", allow);
+    return response;
+}
+
+}  // namespace
 
 Response ResourceRouter::Invoke(Route& route, const std::string& method, const RequestInfo& request,
                                 const json& body) {
@@ -332,64 +396,26 @@ Response ResourceRouter::Invoke(Route& route, const std::string& method, const R
     IDocumentResource* document = resource.DocumentProvider();
     IParentResource* parent = resource.ParentProvider();
     ICallableResource* callable = resource.CallableProvider();
-    Response response;
     if (method == "GET" && document != nullptr) {
-        ResponseInfo info;
-        json result = document->GetDocument(request, info);
-        if (!info.EmbeddedEntries().empty()) {
-            if (result.is_null()) {
-                result = json::object();
-            }
-            json& embedded = result["_embedded"];
-            for (const auto& entry : info.EmbeddedEntries()) {
-                json item = entry.value.is_object() ? entry.value : json::object();
-                if (entry.link) {
-                    item["_links"] = {{"self", {{"href", entry.path}}}};
-                }
-                embedded[entry.name].push_back(std::move(item));
-            }
-        }
-        response.body = std::move(result);
-        response.headers = info.Headers();
-        return response;
+        return ReadDocument(*document, request);
     }
     if ((method == "PUT" || method == "PATCH") && document != nullptr) {
         document->UpdateDocument(request, body);
-        response.status = 204;
-        return response;
+        return NoContent();
     }
     if (method == "POST" && callable != nullptr) {
+        Response response;
         response.body = callable->Call(request, body);
         return response;
     }
     if (method == "POST" && parent != nullptr) {
-        const CreateResult created = parent->Create(request, body);
-        response.status = 201;
-        response.headers.emplace_back("Location", created.path);
-        response.body = {{"id", created.id}, {"path", created.path}};
-        return response;
+        return CreateChild(*parent, request, body);
     }
     if (method == "DELETE" && parent != nullptr) {
         parent->Delete(request);
-        response.status = 204;
-        return response;
+        return NoContent();
     }
-    std::string allow;
-    const auto add = [&allow](const char* verb) { allow += allow.empty() ? verb : std::string(", ") + verb; };
-    if (document != nullptr) {
-        add("GET");
-        add("PUT");
-        add("PATCH");
-    }
-    if (callable != nullptr || parent != nullptr) {
-        add("POST");
-    }
-    if (parent != nullptr) {
-        add("DELETE");
-    }
-    response = ErrorResponse(405, 0, "Method " + method + " is not allowed here.");
-    response.headers.emplace_back("Allow", allow);
-    return response;
+    return MethodNotAllowed(method, document != nullptr, callable != nullptr, parent != nullptr);
 }
 
 }  // namespace NyRest

@@ -6,9 +6,17 @@
 // already loaded and follows later loads and unloads. Destruction takes everything down in reverse.
 //
 // Threading: construction and destruction on the host's thread. Plug-in load events may arrive on any
-// thread. Before destroying the module the host stops serving requests and releases requests blocked
-// in a creation (ClearAllRoutines through the manager, or a factory restore): the REST fronts wait for
-// requests in progress when they withdraw their paths.
+// thread.
+//
+// Teardown: a host need not do anything before destroying the module; in particular it need not clear
+// the routines, nor release requests blocked in a creation. The destructor first stops following
+// plug-in loads, then closes the manager (refuses new creations, lets every creation that waits for its
+// first continue go, fails one whose factory is still running as soon as that returns), then withdraws
+// the routes (waiting for the requests still in progress, which no longer wait for a continue), then
+// destroys the manager and its routines (each aborted if still active). It returns once every routine's
+// code has noticed `IsAborted()` and returned. What the host must do is only what any owner must: keep
+// the router, the plug-in manager and the core alive until the module is gone, and not call the module
+// from its own event handlers while destroying it.
 #pragma once
 
 #include "NyCore/Core.h"
@@ -43,8 +51,7 @@ class RoutineModule {
     Internal::RoutineManager manager;
     Internal::RoutinesDir routinesFront;
     Internal::RoutineTypes routineTypesFront;
-    Ny::Event<const NyPlugin::PluginLib&, NyPlugin::PluginEvent>::Handle loadSubscription = 0;
-    bool loadSubscribed = false;
+    Ny::Subscription loadSubscription;
 };
 
 }  // namespace NyRoutine

@@ -10,11 +10,11 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "NyApi/Mutex.h"
 
 namespace Ny {
 
@@ -36,12 +36,12 @@ class AsyncRunner {
   private:
     void Loop();
 
-    mutable std::mutex mutex;                 // guards queue, stopping and worker's start
-    std::condition_variable wake;             // a job was queued or stopping was set
-    std::deque<std::function<void()>> queue;  // guarded by mutex
-    bool stopping = false;                    // guarded by mutex
-    bool workerRunning = false;               // guarded by mutex: the thread has not left its loop
-    std::thread worker;  // guarded by mutex; started by Run, joined by Run or ~AsyncRunner
+    mutable Mutex mutex;  // guards the queue, stopping and the worker; a leaf, never held while a job runs
+    CondVar wake;         // a job was queued or stopping was set
+    std::deque<std::function<void()>> queue NY_GUARDED_BY(mutex);
+    bool stopping NY_GUARDED_BY(mutex) = false;
+    bool workerRunning NY_GUARDED_BY(mutex) = false;  // the thread has not left its loop
+    std::thread worker NY_GUARDED_BY(mutex);          // started by Run, joined by Run or ~AsyncRunner
 };
 
 }  // namespace Ny

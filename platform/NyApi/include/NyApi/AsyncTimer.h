@@ -8,11 +8,11 @@
 // other.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "NyApi/Mutex.h"
 
 namespace Ny {
 
@@ -33,10 +33,10 @@ class AsyncTimer {
     void Loop(std::uint64_t periodUs, bool oneShot, std::uint64_t generation);
 
     Callback callback;
-    std::mutex mutex;              // guards generation and worker
-    std::condition_variable wake;  // stop requested
-    std::uint64_t generation = 0;  // guarded by mutex: bumped by every Start and Stop
-    std::thread worker;            // guarded by mutex
+    Mutex mutex;   // guards generation and worker; a leaf, never held while the callback runs
+    CondVar wake;  // stop requested
+    std::uint64_t generation NY_GUARDED_BY(mutex) = 0;  // bumped by every Start and Stop
+    std::thread worker NY_GUARDED_BY(mutex);
 };
 
 }  // namespace Ny

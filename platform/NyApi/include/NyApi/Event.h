@@ -188,10 +188,9 @@ class Event {
         }
         ~Running() {
             Internal::PopRunningHandler();
-            {
-                MutexLock guard(state.mutex);
-                --entry.active;
-            }
+            // Notified under the lock: the unsubscriber may go on to destroy what owns the event.
+            MutexLock guard(state.mutex);
+            --entry.active;
             state.idle.NotifyAll();
         }
         Running(const Running&) = delete;

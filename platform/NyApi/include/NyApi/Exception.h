@@ -57,9 +57,12 @@ int StatusOf(const std::exception& e) noexcept;
 
 #include "NyApi/Logging.h"
 
-#define NY_EXCEPTION(status, ...)                 \
-    ::Ny::Exception(__LINE__, __FILE__, (status), \
-                    ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str() __VA_OPT__(, ) __VA_ARGS__)
+// The qualified name of the enclosing function: the one source of every exception's context, so that no
+// hand-typed name can go stale when a function is renamed or split.
+#define NY_CONTEXT() ::Ny::QualifiedName(__PRETTY_FUNCTION__)
+
+#define NY_EXCEPTION(status, ...) \
+    ::Ny::Exception(__LINE__, __FILE__, (status), NY_CONTEXT().c_str() __VA_OPT__(, ) __VA_ARGS__)
 
 // Throws `Ny::Exception` with the runtime status `s` (no message) unless it is `NyRt::Ok`.
 #define NY_CHECK_RT(expr)                  \

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <shared_mutex>
 
 #if defined(__clang__)
 #define NY_THREAD_ANNOTATION(x) __attribute__((x))
@@ -30,6 +31,10 @@
 #define NY_ACQUIRED_BEFORE(...) NY_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 #define NY_ACQUIRED_AFTER(...) NY_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define NY_REQUIRES(...) NY_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define NY_REQUIRES_SHARED(...) NY_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
+#define NY_ACQUIRE_SHARED(...) NY_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define NY_RELEASE_SHARED(...) NY_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
+#define NY_RELEASE_GENERIC(...) NY_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define NY_ACQUIRE(...) NY_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define NY_RELEASE(...) NY_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define NY_TRY_ACQUIRE(...) NY_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
@@ -88,7 +93,78 @@ class NY_SCOPED_CAPABILITY MutexLock {
     bool held = true;
 };
 
+// A re-entrant mutex, for the rare lock that is held on purpose while handlers run that may come back
+// on the same thread. The analysis sees each holder's scope; the re-entry across calls it cannot see.
+class NY_CAPABILITY("recursive mutex") RecursiveMutex {
+  public:
+    RecursiveMutex() = default;
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void Lock() NY_ACQUIRE() { mutex.lock(); }
+    void Unlock() NY_RELEASE() { mutex.unlock(); }
+
+  private:
+    std::recursive_mutex mutex;
+};
+
+// Holds a `Ny::RecursiveMutex` for its scope.
+class NY_SCOPED_CAPABILITY RecursiveLock {
+  public:
+    explicit RecursiveLock(RecursiveMutex& mutexIn) NY_ACQUIRE(mutexIn) : mutex(mutexIn) { mutex.Lock(); }
+    ~RecursiveLock() NY_RELEASE() { mutex.Unlock(); }
+    RecursiveLock(const RecursiveLock&) = delete;
+    RecursiveLock& operator=(const RecursiveLock&) = delete;
+
+  private:
+    RecursiveMutex& mutex;
+};
+
+// A reader-writer mutex: many readers or one writer. Not re-entrant.
+class NY_CAPABILITY("shared mutex") SharedMutex {
+  public:
+    SharedMutex() = default;
+    SharedMutex(const SharedMutex&) = delete;
+    SharedMutex& operator=(const SharedMutex&) = delete;
+
+    void Lock() NY_ACQUIRE() { mutex.lock(); }
+    void Unlock() NY_RELEASE() { mutex.unlock(); }
+    void LockShared() NY_ACQUIRE_SHARED() { mutex.lock_shared(); }
+    void UnlockShared() NY_RELEASE_SHARED() { mutex.unlock_shared(); }
+
+  private:
+    std::shared_mutex mutex;
+};
+
+// Holds a `Ny::SharedMutex` for writing for its scope.
+class NY_SCOPED_CAPABILITY WriterLock {
+  public:
+    explicit WriterLock(SharedMutex& mutexIn) NY_ACQUIRE(mutexIn) : mutex(mutexIn) { mutex.Lock(); }
+    ~WriterLock() NY_RELEASE() { mutex.Unlock(); }
+    WriterLock(const WriterLock&) = delete;
+    WriterLock& operator=(const WriterLock&) = delete;
+
+  private:
+    SharedMutex& mutex;
+};
+
+// Holds a `Ny::SharedMutex` for reading for its scope.
+class NY_SCOPED_CAPABILITY ReaderLock {
+  public:
+    explicit ReaderLock(SharedMutex& mutexIn) NY_ACQUIRE_SHARED(mutexIn) : mutex(mutexIn) {
+        mutex.LockShared();
+    }
+    ~ReaderLock() NY_RELEASE_GENERIC() { mutex.UnlockShared(); }
+    ReaderLock(const ReaderLock&) = delete;
+    ReaderLock& operator=(const ReaderLock&) = delete;
+
+  private:
+    SharedMutex& mutex;
+};
+
 // A condition variable over `Ny::Mutex`. Every wait may wake spuriously: callers loop on their condition.
+// Notify with the mutex held whenever a waiter may destroy the object once its condition holds (a
+// destructor waiting for calls to leave): otherwise the notification can reach a destroyed variable.
 class CondVar {
   public:
     void Wait(Mutex& mutex) NY_REQUIRES(mutex) {

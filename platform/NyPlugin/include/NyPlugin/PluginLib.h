@@ -16,10 +16,10 @@
 #include <atomic>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "NyApi/Mutex.h"
 #include "NyPlugin/IPlugin.h"
 
 namespace NyPlugin {
@@ -57,9 +57,9 @@ class PluginLib {
     std::atomic<bool> loaded{true};  // written once by Retire (release), read by anyone (acquire)
     bool unloading = false;          // guarded by the manager's changeMutex: its Unloading event is raised
 
-    mutable std::mutex mutex;                       // guards plugins and handle; leaf lock
-    std::vector<std::shared_ptr<IPlugin>> plugins;  // guarded by mutex
-    void* handle;                                   // guarded by mutex; null once closed
+    mutable Ny::Mutex mutex;  // guards plugins and handle; leaf lock
+    std::vector<std::shared_ptr<IPlugin>> plugins NY_GUARDED_BY(mutex);
+    void* handle NY_GUARDED_BY(mutex);  // null once closed
 };
 
 }  // namespace NyPlugin

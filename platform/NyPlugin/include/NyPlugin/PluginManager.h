@@ -26,11 +26,11 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyPlugin/IPlugin.h"
 #include "NyPlugin/PluginLib.h"
 
@@ -92,20 +92,21 @@ class PluginManager {
     };
     static FolderFiles ListFolder(const std::filesystem::path& folder);
 
-    // These require changeMutex held.
-    const PluginLib& LoadLocked(const std::filesystem::path& path);
-    void UnloadLocked(const std::shared_ptr<PluginLib>& lib);
+    const PluginLib& LoadLocked(const std::filesystem::path& path) NY_REQUIRES(changeMutex);
+    void UnloadLocked(const std::shared_ptr<PluginLib>& lib) NY_REQUIRES(changeMutex);
     // Loads each file not loaded yet; a refusal is logged, collected and does not stop the others.
-    void LoadNewLocked(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused);
-    std::shared_ptr<PluginLib> FindLocked(const std::filesystem::path& path) const;
+    void LoadNewLocked(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused)
+        NY_REQUIRES(changeMutex);
+    std::shared_ptr<PluginLib> FindLocked(const std::filesystem::path& path) const NY_REQUIRES(changeMutex);
 
-    mutable std::recursive_mutex changeMutex;  // serializes changes and their events; taken before listMutex
+    // Serializes changes and their events; taken before listMutex.
+    mutable Ny::RecursiveMutex changeMutex NY_ACQUIRED_BEFORE(listMutex);
 
-    mutable std::mutex listMutex;                       // guards libraries and retired; leaf lock
-    std::vector<std::shared_ptr<PluginLib>> libraries;  // guarded by listMutex; load order
+    mutable Ny::Mutex listMutex;  // guards libraries and retired; leaf lock
+    std::vector<std::shared_ptr<PluginLib>> libraries NY_GUARDED_BY(listMutex);  // load order
     // Unloaded libraries, kept so that references from At() and Load() never dangle (each is a retired
     // shell: path and name, no objects, handle closed).
-    std::vector<std::shared_ptr<PluginLib>> retired;  // guarded by listMutex
+    std::vector<std::shared_ptr<PluginLib>> retired NY_GUARDED_BY(listMutex);
 
     LoadEventType loadEvent;
 };

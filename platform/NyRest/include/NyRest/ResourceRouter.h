@@ -23,10 +23,8 @@
 // resource's notifications (type, path) on the thread that raised them.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,6 +33,7 @@
 #include <nlohmann/json.hpp>
 
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyRest/Resource.h"
 
 namespace NyRest {
@@ -81,10 +80,12 @@ class ResourceRouter {
     Response Invoke(Route& route, const std::string& method, const RequestInfo& request,
                     const nlohmann::json& body);
 
-    mutable std::shared_mutex mutex;             // guards routes
-    std::vector<std::shared_ptr<Route>> routes;  // guarded by mutex
-    mutable std::mutex inFlightMutex;            // guards every route's inFlight count
-    std::condition_variable inFlightDone;        // a dispatch returned
+    // `mutex` guards the route list and is taken before `inFlightMutex`, which guards every route's
+    // in-flight count; neither is held while a resource runs or an event is raised.
+    mutable Ny::SharedMutex mutex NY_ACQUIRED_BEFORE(inFlightMutex);
+    std::vector<std::shared_ptr<Route>> routes NY_GUARDED_BY(mutex);
+    mutable Ny::Mutex inFlightMutex;
+    Ny::CondVar inFlightDone;  // a dispatch returned
     Ny::Event<EventType, std::string> notificationEvent;
 };
 

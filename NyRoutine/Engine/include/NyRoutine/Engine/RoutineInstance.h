@@ -27,11 +27,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "NyApi/AsyncRunner.h"
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyApi/Object.h"
 #include "NyCommon/IRoutineInstance.h"
 #include "NyCore/Core.h"
@@ -135,6 +135,11 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     // Lets a creating caller waiting in Start go (it then returns normally). Used by the manager when
     // the routine is removed or cleared; Abort calls it too. Thread-safe, idempotent.
     void ReleaseStartWaiter();
+    // Ends the routine as its destruction would (aborted when still active, completion callback with
+    // `true`), without waiting for its jobs. A removal calls it, so that a request still holding the
+    // instance cannot keep the routine running past its deleted notification. Thread-safe, idempotent;
+    // passes on an exception of the completion callback (the routine has ended nonetheless).
+    void EndForRemoval();
 
   private:
     friend class RoutineInstanceHost;
@@ -158,6 +163,11 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     void OnUpdated();
     void OnStepsUpdated();
     void OnDeleted();
+    // The destructor's steps. Each catches and logs its own failures.
+    bool EndAndWaitForEnd() noexcept;  // false when ending failed (then no deleted event)
+    void StopJobs() noexcept;
+    void RaiseDeletedGuarded() noexcept;
+    void FreeResultsGuarded() noexcept;
 
     const std::uint32_t maxProgress;
     std::unique_ptr<RoutineInstanceHost> host;
@@ -165,9 +175,9 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     const RoutineInfo* typeInfo;
     std::unique_ptr<Ny::AsyncRunner> runner;
     std::function<void(Ny::Properties::Structure&)> paramsFx;  // guarded by lock
-    std::function<void(IRoutineHost&)> continueFx;             // guarded by callbackMutex
-    std::function<void(IRoutineHost&, bool)> completionFx;     // guarded by callbackMutex
-    Ny::Object<NyRt::Thread> waitThread;                       // guarded by waitThreadMutex
+    std::function<void(IRoutineHost&)> continueFx NY_GUARDED_BY(callbackMutex);
+    std::function<void(IRoutineHost&, bool)> completionFx NY_GUARDED_BY(callbackMutex);
+    Ny::Object<NyRt::Thread> waitThread NY_GUARDED_BY(waitThreadMutex);
     const std::string id;
     Ny::Properties::Structure* params = nullptr;  // guarded by lock
     std::atomic<bool> paramsLocked{false};        // written under lock; read before entering it (log hint)
@@ -180,28 +190,64 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     const Ny::Properties::Structure* results = nullptr;  // guarded by lock
     std::atomic<bool> resultsLocked{false};  // written under lock; read before entering it (log hint)
     std::atomic<RoutineState> state{RoutineState::Ready};  // changed under lock, read anywhere
-    std::string stateDetails;                              // guarded by fieldsMutex
-    std::string helpHtml;                                  // guarded by fieldsMutex
-    std::string helpUrl;                                   // guarded by fieldsMutex
-    std::atomic<bool> aborted{false};                      // set under lock, read anywhere
+    std::string stateDetails NY_GUARDED_BY(fieldsMutex);
+    std::string helpHtml NY_GUARDED_BY(fieldsMutex);
+    std::string helpUrl NY_GUARDED_BY(fieldsMutex);
+    std::atomic<bool> aborted{false};  // set under lock, read anywhere
     std::atomic<bool> deleting{false};
     std::atomic<std::uint32_t> totalSteps{0};
     std::atomic<std::uint32_t> currentStep{0};
-    std::string currentStepInfo;  // guarded by fieldsMutex
+    std::string currentStepInfo NY_GUARDED_BY(fieldsMutex);
     std::atomic<std::uint32_t> currentProgress{0};
-    Ny::Object<NyRt::Semaphore> startSemaphore;       // guarded by startMutex
-    Ny::Object<NyRt::Semaphore> completionSemaphore;  // guarded by startMutex
+    Ny::Object<NyRt::Semaphore> startSemaphore NY_GUARDED_BY(startMutex);
+    Ny::Object<NyRt::Semaphore> completionSemaphore NY_GUARDED_BY(startMutex);
     Ny::Object<NyRt::Lock> lock;
     std::atomic<std::int32_t> ended{0};  // 0 -> 1 once, by EndRoutine
     Ny::Event<std::string> updatedEvent;
     Ny::Event<std::string> stepsUpdatedEvent;
     Ny::Event<std::string> deletedEvent;
 
-    mutable std::mutex fieldsMutex;
-    mutable std::mutex callbackMutex;
-    std::mutex startMutex;
-    std::mutex waitThreadMutex;
-    bool startReleased = false;  // guarded by startMutex: no caller may wait in Start any more
+    // Leaf locks: none is taken under another, and none is held while routine code runs or an event is
+    // raised. `lock` (the runtime's re-entrant lock above) may be held when they are taken.
+    mutable Ny::Mutex fieldsMutex;                         // the four text fields
+    mutable Ny::Mutex callbackMutex;                       // the continue and completion callbacks
+    Ny::Mutex startMutex;                                  // the two semaphores and startReleased
+    Ny::Mutex waitThreadMutex;                             // the completion-wait thread's holder
+    bool startReleased NY_GUARDED_BY(startMutex) = false;  // no caller may wait in Start any more
+};
+
+// Holds the instance's parameter lock for its scope: LockParams on construction, UnlockParams on
+// Release or destruction. Release passes on what the unlock throws (a written value the routine's
+// change callback refuses); the destructor logs it instead. One thread, not copyable.
+class ParamsAccess {
+  public:
+    ParamsAccess(RoutineInstance& instance, bool forWriting);
+    ~ParamsAccess();
+    ParamsAccess(const ParamsAccess&) = delete;
+    ParamsAccess& operator=(const ParamsAccess&) = delete;
+
+    // The parameters; null when asked for writing while they are closed, or when the routine has none.
+    Ny::Properties::Structure* Get() const { return params; }
+    void Release();
+
+  private:
+    RoutineInstance* instance;  // null once released
+    Ny::Properties::Structure* params;
+};
+
+// Holds the instance's result lock for its scope (LockResults ... UnlockResults).
+class ResultsAccess {
+  public:
+    explicit ResultsAccess(RoutineInstance& instance);
+    ~ResultsAccess();
+    ResultsAccess(const ResultsAccess&) = delete;
+    ResultsAccess& operator=(const ResultsAccess&) = delete;
+
+    const Ny::Properties::Structure* Get() const { return results; }
+
+  private:
+    RoutineInstance* instance;
+    const Ny::Properties::Structure* results;
 };
 
 }  // namespace NyRoutine::Internal

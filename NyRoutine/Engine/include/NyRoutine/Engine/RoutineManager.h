@@ -4,20 +4,35 @@
 // announces creation and deletion.
 //
 // Owned by the module. Thread-safe: REST requests call it in parallel, a factory restore arrives on the
-// core's thread. `mutex` guards the map, the id counter and the creations in progress; it is never held
-// while routine code runs, while an instance starts (which may wait for a continue) or while an event
-// is raised. A request may keep an instance alive across a parallel removal (AcquireInstance).
+// core's thread. A request may keep an instance alive across a parallel removal (AcquireInstance); a
+// removal ends the routine before it announces the deletion all the same.
+//
+// Lifetime rules that hold by construction:
+//   - each routine counts once toward the limit: as a reservation while its factory runs, then as an
+//     entry; a clear keeps admissions out until it has ended, and a creation whose factory was still
+//     running when a clear began is cleared too (it fails with -999 and is never announced);
+//   - per id, the created event comes before the deleted event, and nothing of the manager follows it;
+//   - `Close` (and the destructor, which calls it) refuses new creations, fails the ones still in their
+//     factory or start and never waits for a continue; the destructor then waits only for those calls
+//     to leave the manager's code.
+//
+// Locks, in the order they may be taken:
+//   1. `announceMutex` serializes a change of the map with the event that announces it (created,
+//      deleted), so that the two cannot be reordered between threads. Held while those events are
+//      raised, on purpose; handlers may call the manager's readers (ListIds, AcquireInstance) but must
+//      not create, remove or clear.
+//   2. `mutex` guards the map, the id counter, the reservations, the clear and closing state. It is never
+//      held while routine code runs, while an instance starts or while an event is raised.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyCommon/IRoutineController.h"
 #include "NyCore/Core.h"
 #include "NyRoutine/Engine/RoutineInstance.h"
@@ -29,8 +44,9 @@ class RoutineManager : public NyCommon::IRoutineController {
   public:
     // `maxRunning` 0 means no limit. With a core, follows its factory-restore event.
     RoutineManager(RoutineRegistry& registry, NyCore::Core* core, size_t maxRunning);
-    // Destroys every routine without aborting it first; waits for creations still in progress (it lets
-    // the ones waiting for a continue go first).
+    // Closes the manager (see Close), waits for the calls still inside it to leave (they leave without
+    // waiting for a continue: only a factory still running is waited for), then destroys every routine
+    // without aborting it first and without raising deleted events.
     ~RoutineManager() override;
     RoutineManager(const RoutineManager&) = delete;
     RoutineManager& operator=(const RoutineManager&) = delete;
@@ -54,6 +70,11 @@ class RoutineManager : public NyCommon::IRoutineController {
     // Throws -1000 (with a log line) when a routine of the type cannot be created now.
     void CheckCanCreate(const std::string& typeName);
 
+    // Shuts the door before teardown: refuses every later creation (-1000), fails a creation that is
+    // still in its factory when it returns, and lets every creation waiting for its first continue go
+    // (it fails with -999). Returns at once; idempotent. The routines stay until the destructor.
+    void Close();
+
   private:
     struct RoutineEntry {
         RoutineEntry(std::shared_ptr<const RoutineInfo> typeIn, std::shared_ptr<IRoutine> routineIn,
@@ -61,29 +82,50 @@ class RoutineManager : public NyCommon::IRoutineController {
             : type(std::move(typeIn)),
               routine(std::move(routineIn)),
               instance(routine, core, id, type.get()) {}
-        std::shared_ptr<const RoutineInfo> type;  // keeps the record alive after its plug-in is unloaded
+        // Keeps the record and the plug-in object that owns its factory alive while the routine lives,
+        // also after its plug-in library was unloaded.
+        std::shared_ptr<const RoutineInfo> type;
         std::shared_ptr<IRoutine> routine;
         RoutineInstance instance;  // destroyed first, then the routine reference
     };
+    using EntryMap = std::map<std::string, std::shared_ptr<RoutineEntry>>;
 
-    std::string CreateId(const std::string& typeName);
+    // Counts a call as inside the manager for its scope; the destructor waits for none to be left.
+    class CallScope;
+
     bool SystemIsRunning() const;
-    // Refusal text for a creation now, or empty. `mutex` held.
-    std::string RefusalLocked(const std::string& typeName, bool& limit) const;
+    // Refusal text for a creation now, or empty.
+    std::string RefusalLocked(bool& limit) const NY_REQUIRES(mutex);
     [[noreturn]] void Refuse(const std::string& typeName, bool limit);
+    // Waits for an admission; returns the clear generation it was admitted in.
+    std::uint64_t AdmitLocked(const std::string& typeName, bool& refused, bool& limit) NY_REQUIRES(mutex);
+    std::shared_ptr<RoutineEntry> MakeEntry(const std::string& typeName,
+                                            const std::shared_ptr<const RoutineInfo>& type,
+                                            std::shared_ptr<Ny::Params::Group> params);
+    // Enters the entry into the map and announces it, unless a clear or the close came first.
+    void RegisterAndAnnounce(const std::shared_ptr<RoutineEntry>& entry, std::uint64_t generation)
+        NY_EXCLUDES(announceMutex, mutex);
+    // Ends a routine that leaves the map; an abort that fails is logged (the routine has ended).
+    static void EndRemoved(const std::string& id, RoutineEntry& entry);
 
     RoutineRegistry& registry;
     NyCore::Core* core;
-    mutable std::mutex mutex;
-    std::condition_variable creationsDone;                          // creationsInProgress dropped
-    std::map<std::string, std::shared_ptr<RoutineEntry>> routines;  // guarded by mutex
-    std::uint64_t nextIdNumber = 0;                                 // guarded by mutex
-    size_t creationsInProgress = 0;  // guarded by mutex: admitted creations not yet in the map or started
-    size_t maxRunning;
+    const size_t maxRunning;
+
+    Ny::Mutex announceMutex NY_ACQUIRED_BEFORE(mutex);
+    mutable Ny::Mutex mutex;
+    Ny::CondVar changed;  // a reservation, a clear or a call in progress ended, or the manager closed
+    EntryMap routines NY_GUARDED_BY(mutex);
+    std::uint64_t nextIdNumber NY_GUARDED_BY(mutex) = 0;
+    size_t reserved NY_GUARDED_BY(mutex) = 0;        // admitted creations whose entry is not in the map yet
+    size_t clearing NY_GUARDED_BY(mutex) = 0;        // routines taken out by the clear in progress
+    bool clearRunning NY_GUARDED_BY(mutex) = false;  // a clear is between taking out and announcing
+    std::uint64_t clearGeneration NY_GUARDED_BY(mutex) = 0;  // clears begun so far
+    bool closed NY_GUARDED_BY(mutex) = false;
+    size_t callsInside NY_GUARDED_BY(mutex) = 0;  // creations between their call and their return
     Ny::Event<std::string> createdEvent;
     Ny::Event<std::string> deletedEvent;
-    Ny::Event<>::Handle factoryRestoreSubscription = 0;
-    bool factoryRestoreSubscribed = false;
+    Ny::Subscription factoryRestoreSubscription;  // first to go: no clear can start once it is reset
 };
 
 }  // namespace NyRoutine::Internal

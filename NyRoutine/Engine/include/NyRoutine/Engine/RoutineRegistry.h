@@ -7,10 +7,10 @@
 
 #include <map>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
+#include "NyApi/Mutex.h"
 #include "NyRoutine/RoutineInfo.h"
 
 namespace NyRoutine::Internal {
@@ -24,8 +24,10 @@ class RoutineRegistry {
     RoutineRegistry& operator=(RoutineRegistry&& other) noexcept;
     ~RoutineRegistry();
 
-    // Registers a copy of `info` under its type name. Throws -987 when the name is taken.
-    void Add(const RoutineInfo& info);
+    // Registers a copy of `info` under its type name. Throws -987 when the name is taken. `owner` is
+    // whatever keeps the record's factory alive (the plug-in object that owns it); every reference to
+    // the record returned by FindShared and ListShared holds it too.
+    void Add(const RoutineInfo& info, std::shared_ptr<const void> owner = nullptr);
     // Throws -999 when no type of that name is registered.
     void Remove(const std::string& typeName);
     // The record, or null. Valid until the type is removed; prefer FindShared beside plug-in unloads.
@@ -38,8 +40,15 @@ class RoutineRegistry {
     std::vector<std::shared_ptr<const RoutineInfo>> ListShared() const;
 
   private:
-    mutable std::shared_mutex mutex;  // guards entries; taken alone, never while calling out
-    std::map<std::string, std::shared_ptr<const RoutineInfo>> entries;
+    struct Record {
+        RoutineInfo info;
+        std::shared_ptr<const void> owner;  // released after the copy of the record
+    };
+    static std::shared_ptr<const RoutineInfo> MakeRecord(const RoutineInfo& info,
+                                                         std::shared_ptr<const void> owner);
+
+    mutable Ny::SharedMutex mutex;  // guards entries; taken alone, never while calling out
+    std::map<std::string, std::shared_ptr<const RoutineInfo>> entries NY_GUARDED_BY(mutex);
 };
 
 }  // namespace NyRoutine::Internal

@@ -39,7 +39,7 @@ struct RoutineTypeArray : Ny::Properties::Structure {
     Ny::Properties::Array<RoutineTypeProperties> routineTypes;
 };
 
-class RoutineTypesResource : public NyRest::DocumentResourceBase {
+class RoutineTypesResource final : public NyRest::DocumentResourceBase {
   public:
     explicit RoutineTypesResource(RoutineRegistry& registry);
 

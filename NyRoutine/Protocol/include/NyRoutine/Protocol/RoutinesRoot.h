@@ -9,19 +9,25 @@
 // Owned by `RoutinesDir`; must be destroyed before the manager it was given. Its operations run on
 // REST request threads in parallel; a creation may block until another request continues the new
 // routine. Notifications are raised on the thread of the triggering event (request threads, routine
-// threads, the flush timer's thread) with no lock of this class held.
+// threads, the flush timer's thread). Per routine path they come in the order created, updated...,
+// deleted, and nothing after: each instance it follows is tracked by id until that routine's deletion
+// (or the clear that dropped it), and dropping its subscriptions waits for a handler in progress.
+// A notification handler may therefore remove or clear routines on its own thread, but must not wait
+// for another thread that does.
 #pragma once
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "NyApi/AsyncTimer.h"
 #include "NyApi/Event.h"
+#include "NyApi/Mutex.h"
 #include "NyCommon/IRoutineController.h"
 #include "NyRest/DocumentResourceBase.h"
 #include "NyRest/IParentResource.h"
@@ -62,13 +68,17 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
         nlohmann::json schema;
     };
 
-    // Instance subscriptions kept so that the destructor can remove them: no instance event may reach
-    // a destroyed resource.
-    struct Subscription {
-        std::weak_ptr<RoutineInstance> instance;
-        Ny::Event<std::string>::Handle updated = 0;
-        Ny::Event<std::string>::Handle stepsUpdated = 0;
+    // The subscriptions to one instance, removed when the routine is deleted, cleared, or this resource
+    // is destroyed: no instance event may reach a destroyed resource or follow a deleted notification.
+    struct Tracked {
+        Ny::Subscription updated;
+        Ny::Subscription stepsUpdated;
+        // Until the created notification has gone out, updates wait: one that came meanwhile is sent
+        // right after it.
+        bool announced = false;
+        bool missed = false;
     };
+    using TrackedMap = std::map<std::string, Tracked>;
 
     Document BuildRoutineDocument(const std::string& id, RoutineInstance& instance, bool withSchema);
     nlohmann::json BuildCollectionDocument(const NyRest::RequestInfo& request,
@@ -83,18 +93,26 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     void OnRoutineStepsUpdated(const std::string& id);
     void FlushStepUpdates();
     void Notify(NyRest::EventType type, const std::string& path);
+    // Takes the tracking of the given ids (all not in `keep` when `keep` is given) out of the map.
+    TrackedMap UntrackLocked(const std::string& id, const std::vector<std::string>* keep)
+        NY_REQUIRES(pendingMutex);
 
     NyCommon::IRoutineController& manager;
     std::unique_ptr<Ny::AsyncTimer> timer;
 
-    // Guards `pending` and `subscriptions`. Never held while notifying or while calling the manager
-    // or an instance; taken last (no other lock is taken while it is held).
-    std::mutex pendingMutex;
-    std::set<std::string> pending;                      // ids with an unsent step notification
-    std::map<std::string, Subscription> subscriptions;  // live routines we listen to
+    // Guards the pending set, the tracked instances and the flush in progress. Never held while
+    // notifying or while calling the manager or an instance; taken last. A deletion waits (on
+    // `flushDone`) while the flush notifies that same routine on another thread, so that a step update
+    // can never follow its deleted notification; a handler of that very notification may still delete.
+    Ny::Mutex pendingMutex;
+    Ny::CondVar flushDone;
+    std::string flushing NY_GUARDED_BY(pendingMutex);           // the id the flush notifies now, or empty
+    std::thread::id flushThread NY_GUARDED_BY(pendingMutex);    // the thread that notifies it
+    std::set<std::string> pending NY_GUARDED_BY(pendingMutex);  // ids with an unsent step notification
+    TrackedMap tracked NY_GUARDED_BY(pendingMutex);             // live routines we listen to
 
-    Ny::Event<std::string>::Handle createdHandle = 0;
-    Ny::Event<std::string>::Handle deletedHandle = 0;
+    Ny::Subscription createdSubscription;
+    Ny::Subscription deletedSubscription;
 };
 
 }  // namespace NyRoutine::Internal
