@@ -1045,19 +1045,25 @@ class Session final : public Connection {
             }
             beast::error_code ignored;
             self->Lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
-            self->Lowest().expires_after(kLingerDrain);
+            self->drainUntil = Clock::now() + kLingerDrain;
+            self->drainLeft = self->server.options.bodyLimit + self->server.options.headerLimit;
             self->Drain();
         });
     }
 
+    // Bounded in time and bytes as a whole, not per read: a client that never stops sending must not
+    // keep the connection (and an I/O thread) busy discarding for ever.
     void Drain() {
-        stream.async_read_some(net::buffer(discard), [self = Self()](beast::error_code ec, std::size_t) {
-            if (ec) {
-                self->Lowest().close();
-                return;
-            }
-            self->Drain();
-        });
+        Lowest().expires_at(drainUntil);
+        stream.async_read_some(net::buffer(discard),
+                               [self = Self()](beast::error_code ec, std::size_t count) {
+                                   if (ec || count >= self->drainLeft || Clock::now() >= self->drainUntil) {
+                                       self->Lowest().close();
+                                       return;
+                                   }
+                                   self->drainLeft -= count;
+                                   self->Drain();
+                               });
     }
 
     void CloseNow() {
@@ -1090,6 +1096,8 @@ class Session final : public Connection {
     bool busy = false;      // a request is whole and its reply not yet written
     bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
     net::steady_timer stopTimer{executor};  // Close()'s grace for a request still on its way
+    Clock::time_point drainUntil;           // the lingering close after a refusal: its deadline
+    std::size_t drainLeft = 0;              // and the bytes it may still discard
     char discard[4096];
 };
 
