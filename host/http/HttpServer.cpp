@@ -88,8 +88,10 @@ constexpr auto kLingerDrain = std::chrono::seconds(1);
 constexpr auto kErrorWriteTimeout = std::chrono::seconds(5);
 // How long Stop() lets closed connections finish their last completions before it cuts them off.
 constexpr auto kStopGrace = std::chrono::seconds(2);
-// How long Stop() keeps an idle or half-read connection open for a request already on its way.
+// How long Stop() keeps an idle connection open for a request already on its way, and how long at most
+// it waits for one that is still arriving (well inside kStopGrace).
 constexpr auto kStopRead = std::chrono::milliseconds(200);
+constexpr auto kStopReadLimit = std::chrono::milliseconds(1000);
 // An accept that fails for lack of resources (descriptors) is retried after a pause that doubles up to a
 // second, not in a hot loop: the pending connection keeps the listening socket readable.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
@@ -730,12 +732,8 @@ class Session final : public Connection {
             if (self->busy || self->closing) {
                 return;  // Write sees `stopping` and closes after the reply; or closed already
             }
-            self->stopTimer.expires_after(kStopRead);
-            self->stopTimer.async_wait([self](beast::error_code ec) {
-                if (!ec && !self->busy) {
-                    self->CloseNow();
-                }
-            });
+            self->stopDeadline = Clock::now() + kStopReadLimit;
+            self->CloseWhenIdle();
         });
     }
 
@@ -1066,6 +1064,25 @@ class Session final : public Connection {
                                });
     }
 
+    // Checked when the grace ends rather than when Stop() begins: on a loaded machine a request may be
+    // in the socket, or half parsed, while its read completion still waits for an I/O thread.
+    void CloseWhenIdle() {
+        stopTimer.expires_after(kStopRead);
+        stopTimer.async_wait([self = Self()](beast::error_code ec) {
+            if (ec || self->busy || self->closing) {
+                return;
+            }
+            beast::error_code availableError;
+            const bool arriving = self->Lowest().socket().available(availableError) > 0 ||
+                                  self->buffer.size() > 0 || (self->parser && self->parser->got_some());
+            if (!availableError && arriving && Clock::now() < self->stopDeadline) {
+                self->CloseWhenIdle();
+                return;
+            }
+            self->CloseNow();
+        });
+    }
+
     void CloseNow() {
         if (closing) {
             return;
@@ -1096,6 +1113,7 @@ class Session final : public Connection {
     bool busy = false;      // a request is whole and its reply not yet written
     bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
     net::steady_timer stopTimer{executor};  // Close()'s grace for a request still on its way
+    Clock::time_point stopDeadline;         // and its end, however much is still arriving
     Clock::time_point drainUntil;           // the lingering close after a refusal: its deadline
     std::size_t drainLeft = 0;              // and the bytes it may still discard
     char discard[4096];
