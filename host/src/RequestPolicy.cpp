@@ -57,6 +57,12 @@ bool ConstantTimeEquals(std::string_view given, std::string_view expected) {
     return difference == 0;
 }
 
+HttpResponse TokenRefusal() {
+    HttpResponse refusal = ErrorReply(401, "A valid bearer token is required.");
+    refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
+    return refusal;
+}
+
 std::string RequestPath(const HttpRequest& request) {
     return request.target.substr(0, request.target.find('?'));
 }
@@ -119,6 +125,12 @@ std::optional<HttpResponse> RequestPolicy::Decide(const HttpRequest& request) {
     if (settings.token.empty() || consoleFile) {
         return std::nullopt;
     }
+    const std::string* authorization = request.Header("Authorization");
+    if (authorization == nullptr) {
+        // Not a guess, and not counted as one: a page in the operator's browser can make it send such
+        // requests at will (an image), from the operator's own address, and would lock the operator out.
+        return TokenRefusal();
+    }
     const std::string peer = PeerAddress(request);
     if (const long wait = SlowedFor(peer); wait > 0) {
         RecordFailure(peer);
@@ -127,11 +139,9 @@ std::optional<HttpResponse> RequestPolicy::Decide(const HttpRequest& request) {
         slowed.headers.emplace_back("Retry-After", std::to_string(wait));
         return slowed;
     }
-    if (!TokenMatches(request.Header("Authorization"))) {
+    if (!TokenMatches(authorization)) {
         RecordFailure(peer);
-        HttpResponse refusal = ErrorReply(401, "A valid bearer token is required.");
-        refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
-        return refusal;
+        return TokenRefusal();
     }
     return std::nullopt;
 }

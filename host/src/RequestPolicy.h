@@ -9,8 +9,9 @@
 //      --allow-origin (403 otherwise); a CORS preflight from an allowed origin is answered here (204)
 //      without a token, since browsers never send one with it;
 //   3. carry "Authorization: Bearer <token>" (scheme in any case) when a token is set, unless it reads
-//      the console's own files (401 otherwise). An address refused `kFailuresBeforeSlowdown` times within
-//      `kFailureWindow` gets 429 with Retry-After until that window has passed.
+//      the console's own files (401 otherwise). An address that presented a wrong token
+//      `kFailuresBeforeSlowdown` times within `kFailureWindow` gets 429 with Retry-After until that window
+//      has passed; a request with no Authorization at all is not a guess and never counts.
 // Refusals and state-changing requests are logged: refusals at most once per address per
 // `kRefusalLogPeriod` (with a count), each state change as one audit line.
 //

@@ -45,6 +45,27 @@ TEST(RequestPolicy, ManyAddressesCannotGrowTheFailureTable) {
     EXPECT_EQ(StatusOf(policy, Guess(recent)), 429);
 }
 
+// On loopback every local client and every page in the operator's browser shares one address, and a page
+// can make the browser send credential-less GETs (an image) at will: only presented tokens count as
+// guesses, or any page could lock the operator out.
+TEST(RequestPolicy, RequestsWithoutCredentialsCannotLockOutTheToken) {
+    const std::string token = "the-right-token-0123456789";
+    RequestPolicy policy({"127.0.0.1", {}, {}, token}, [] { return kPort; });
+    HttpRequest bare = Guess("127.0.0.1");
+    bare.headers = {{"Host", "127.0.0.1:8443"}, {"Accept", "image/*"}};
+    for (unsigned i = 0; i < 3 * RequestPolicy::kFailuresBeforeSlowdown; ++i) {
+        EXPECT_EQ(StatusOf(policy, bare), 401);
+    }
+    HttpRequest right = Guess("127.0.0.1");
+    right.headers.back().second = "Bearer " + token;
+    EXPECT_EQ(StatusOf(policy, right), 200);
+    // Presented tokens still count.
+    for (unsigned i = 0; i < RequestPolicy::kFailuresBeforeSlowdown; ++i) {
+        EXPECT_EQ(StatusOf(policy, Guess("127.0.0.1")), 401);
+    }
+    EXPECT_EQ(StatusOf(policy, Guess("127.0.0.1")), 429);
+}
+
 TEST(RequestPolicy, HostNamesWithAndWithoutPorts) {
     RequestPolicy policy({"::1", {"Device.Example", "proxy.example:443", "[fd00::5]"}, {}, ""},
                          [] { return kPort; });
