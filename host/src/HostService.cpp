@@ -96,10 +96,13 @@ void HostService::Rescan() {
 bool HostService::MayWait(const HttpRequest& request) {
     // A creation waits for its continue, a deletion for the routine's code to stop, a factory restore
     // clears every routine (and so waits for each).
-    const std::string path = RequestPath(request);
-    return (request.method == "POST" && (path == "/routines" || path == "/routines/")) ||
-           (request.method == "DELETE" && path.rfind("/routines", 0) == 0) ||
-           (request.method == "POST" && path == "/system/commands/factoryRestore");
+    // Classified by the segments the router matches, so that no spelling of these paths reaches them on
+    // a worker.
+    using Segments = std::vector<std::string>;
+    const Segments segments = NyRest::ResourceRouter::PathSegments(request.target);
+    return (request.method == "POST" && segments == Segments{"routines"}) ||
+           (request.method == "DELETE" && !segments.empty() && segments.front() == "routines") ||
+           (request.method == "POST" && segments == Segments{"system", "commands", "factoryRestore"});
 }
 
 HttpResponse HostService::Handle(const HttpRequest& request) {

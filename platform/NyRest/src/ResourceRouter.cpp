@@ -266,6 +266,14 @@ std::shared_ptr<ResourceRouter::Route> ResourceRouter::Find(const std::vector<st
     return best;
 }
 
+std::vector<std::string> ResourceRouter::PathSegments(std::string_view target) {
+    std::vector<std::string> segments = SplitPath(target.substr(0, target.find('?')));
+    for (auto& segment : segments) {
+        segment = Decode(segment, false);
+    }
+    return segments;
+}
+
 Response ResourceRouter::DispatchRaw(const std::string& method, const std::string& target,
                                      std::string_view body) {
     json parsed;
@@ -296,10 +304,7 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
     const std::string_view rawPath = std::string_view(target).substr(0, question);
     const std::string_view rawQuery =
         question == std::string::npos ? std::string_view() : std::string_view(target).substr(question + 1);
-    std::vector<std::string> segments = SplitPath(rawPath);
-    for (auto& segment : segments) {
-        segment = Decode(segment, false);
-    }
+    const std::vector<std::string> segments = PathSegments(target);
     Match match;
     std::shared_ptr<Route> route = Find(segments, match);
     if (!route) {

@@ -70,6 +70,11 @@ class ResourceRouter {
     // Parses `body` first (empty means null); malformed or nested deeper than MaxBodyDepth gives 400.
     Response DispatchRaw(const std::string& method, const std::string& target, std::string_view body);
 
+    // The segments a target is matched by: its path without the query, split at "/", empty segments
+    // dropped, each percent-decoded. A caller that classifies requests by path must use these, or a
+    // spelling such as "//a" or "/%61" would reach the same resource past its classification.
+    static std::vector<std::string> PathSegments(std::string_view target);
+
     Ny::Event<EventType, std::string>& NotificationEvent() { return notificationEvent; }
 
   private:
