@@ -777,6 +777,7 @@ class Session final : public Connection {
             return;
         }
         busy = false;
+        pendingRequest.reset();
         parser.emplace();
         parser->header_limit(static_cast<std::uint32_t>(
             std::min<std::size_t>(server.options.headerLimit, std::numeric_limits<std::uint32_t>::max())));
@@ -795,9 +796,24 @@ class Session final : public Connection {
 
     // The limits and the framing are checked with the header, so a client that asks for "100-continue"
     // is told to go on only once its request is acceptable, and is told the final error at once if not.
+    //
+    // The filter decides on the header alone, before any of the body is read: a client it refuses (one
+    // without the token) can make the connection hold no more than its header, and is not told to
+    // continue.
     void OnHeader() {
         if (auto refusal = CheckHeader()) {
             Refuse(refusal->first, refusal->second);
+            return;
+        }
+        pendingRequest = TakeHeader();
+        if (auto refusal = server.CallFilter(*pendingRequest)) {
+            busy = true;
+            if (parser->is_done()) {
+                Write(std::move(*refusal));
+            } else {
+                // The body was never read: the connection cannot go on to a next request.
+                RefuseWith(std::move(*refusal));
+            }
             return;
         }
         if (!parser->is_done() && beast::iequals(parser->get()[http::field::expect], "100-continue")) {
@@ -895,33 +911,31 @@ class Session final : public Connection {
     // lets it finish.
     void OnRequest() {
         busy = true;
-        HttpRequest request = TakeRequest();
-        if (auto refusal = server.CallFilter(request)) {
-            Write(std::move(*refusal));
-            return;
-        }
-        const std::string path = request.target.substr(0, request.target.find('?'));
-        if (request.method == "GET" && !headOnly && path == server.options.eventsPath) {
+        HttpRequest whole = std::move(*pendingRequest);
+        pendingRequest.reset();
+        whole.body = std::move(parser->release().body());
+        const std::string path = whole.target.substr(0, whole.target.find('?'));
+        if (whole.method == "GET" && !headOnly && path == server.options.eventsPath) {
             OpenEventStream();
             return;
         }
-        Dispatch(std::move(request));
+        Dispatch(std::move(whole));
     }
 
-    // A HEAD is handled as the GET it asks about; Write leaves out the body.
-    HttpRequest TakeRequest() {
-        http::request<http::string_body> message = parser->release();
-        keepAlive = message.keep_alive();
-        headOnly = message.method() == http::verb::head;
-        HttpRequest request;
-        request.method = headOnly ? std::string("GET") : std::string(message.method_string());
-        request.target = OriginForm(View(message.target()));
-        for (const auto& field : message) {
-            request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+    // The request as the filter sees it: everything but the body. A HEAD is handled as the GET it asks
+    // about; Write leaves out the body.
+    HttpRequest TakeHeader() {
+        const auto& header = parser->get();
+        keepAlive = header.keep_alive();
+        headOnly = header.method() == http::verb::head;
+        HttpRequest taken;
+        taken.method = headOnly ? std::string("GET") : std::string(header.method_string());
+        taken.target = OriginForm(View(header.target()));
+        for (const auto& field : header) {
+            taken.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         }
-        request.body = std::move(message.body());
-        request.remote = remote;
-        return request;
+        taken.remote = remote;
+        return taken;
     }
 
     // To a waiting thread when the request may wait for a person, else to the worker pool.
@@ -1029,10 +1043,16 @@ class Session final : public Connection {
             NY_LOG(Ny::Logging::Level::Notice, "Client %1$s refused with %2$d: %3$s", remote.c_str(), status,
                    text.c_str());
         }
+        headOnly = false;
+        RefuseWith(JsonErrorReply(status, text));
+    }
+
+    // A reply after which the connection cannot be read on (a request not read to its end): close
+    // lingering.
+    void RefuseWith(HttpResponse response) {
         busy = true;  // until the reply is out, so that Stop() lets it finish
         keepAlive = false;
-        headOnly = false;
-        auto message = ToMessage(JsonErrorReply(status, text));
+        auto message = ToMessage(std::move(response));
         message->keep_alive(false);
         Lowest().expires_after(kErrorWriteTimeout);
         http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
@@ -1107,6 +1127,7 @@ class Session final : public Connection {
     HttpServer::Impl& server;             // outlives every session (see Impl's member order)
     beast::flat_buffer buffer;  // capped (see the class comment): a longer line is refused, not buffered
     std::optional<http::request_parser<http::string_body>> parser;
+    std::optional<HttpRequest> pendingRequest;  // the header of the request being read, once filtered
     std::string remote;
     bool keepAlive = true;
     bool headOnly = false;  // the request being answered is a HEAD

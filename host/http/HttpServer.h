@@ -19,9 +19,9 @@
 // whole request (slow or idle clients closed). Framing as HTTP/1.1 requires: a Transfer-Encoding other
 // than exactly one "chunked", or beside a Content-Length, is refused and the connection closed (never
 // read as a next request); exactly one Host; a path (percent-decoded) and header values that are valid
-// UTF-8. "Expect: 100-continue" is answered once the header passes these checks, or with the final
-// error at once. HEAD is handled as GET and answered without the body. An absolute-form target reaches
-// the handler in origin form. After an error reply the connection closes lingering (shut the sending
+// UTF-8. "Expect: 100-continue" is answered once the header passes these checks and the filter, or
+// with the final error at once. HEAD is handled as GET and answered without the body. An absolute-form target
+// reaches the handler in origin form. After an error reply the connection closes lingering (shut the sending
 // side, drain briefly, close) so that the client reads the reply rather than a reset. Every error reply
 // of the transport is JSON (`JsonErrorReply`) and every reply carries "X-Content-Type-Options: nosniff".
 // Accept failures for lack of descriptors pause accepting (100 ms doubling to 1 s, logged once per
@@ -120,8 +120,10 @@ class HttpServer {
     // Runs on a worker thread; may block (Stop() waits for it). An exception becomes a 500 JSON reply.
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
     // Runs first, on an I/O thread, for every request, the event stream included: it must be quick and
-    // must not block. A reply refuses the request (authentication, origin checks) before the handler
-    // or the stream sees it; an exception becomes a 500 JSON reply.
+    // must not block. It sees the request's header only (`body` is empty), before any of the body is
+    // read, so that a client it refuses cannot make the server hold a body. A reply refuses the request
+    // (authentication, origin checks) before the handler or the stream sees it, and closes the
+    // connection when a body was announced; an exception becomes a 500 JSON reply.
     using Filter = std::function<std::optional<HttpResponse>(const HttpRequest&)>;
 
     // Nothing is bound or started yet. Throws nothing of its own.

@@ -564,6 +564,38 @@ TEST_F(HttpServerTest, FilterRefusesBeforeTheHandlerOrTheStreamSeesTheRequest) {
     EXPECT_EQ(handled, 1);
 }
 
+// A client the filter refuses must not make the server read, and hold, the body it announces: the refusal
+// comes on the header alone, never a "100 Continue", and the connection closes since the body was not
+// read. A request the filter lets on still reaches the handler whole.
+TEST_F(HttpServerTest, FilterDecidesOnTheHeaderBeforeAnyBodyIsRead) {
+    std::atomic<std::size_t> bodySeen{0};
+    filter = [&bodySeen](const HttpRequest& request) -> std::optional<HttpResponse> {
+        bodySeen += request.body.size();
+        if (request.Header("Authorization") == nullptr) {
+            return NyHost::JsonErrorReply(401, "A valid bearer token is required.");
+        }
+        return std::nullopt;
+    };
+    StartServer();
+    const std::string announced = "POST /things HTTP/1.1\r\nHost: test\r\nContent-Length: 1000000\r\n";
+    for (const std::string expect : {"", "Expect: 100-continue\r\n"}) {
+        Client client(server->Port());
+        ASSERT_TRUE(client.Send(announced + expect + "\r\n" + std::string(1000, 'x')));
+        auto reply = client.ReadReply();
+        ASSERT_TRUE(reply) << expect;
+        EXPECT_EQ(reply->status, 401) << expect;
+        EXPECT_TRUE(client.ReadUntilClosed());
+    }
+    Client allowed(server->Port());
+    ASSERT_TRUE(allowed.Send(Request("POST", "/things", "{\"a\": 1}", "Authorization: yes\r\n")));
+    auto echoed = allowed.ReadReply();
+    ASSERT_TRUE(echoed);
+    EXPECT_EQ(echoed->status, 200);
+    EXPECT_EQ(nlohmann::json::parse(echoed->body)["body"], "{\"a\": 1}");
+    EXPECT_EQ(bodySeen, 0u);
+    EXPECT_EQ(handled, 1);
+}
+
 // Opens a stream and reads its header, after which the server has registered the client.
 std::unique_ptr<Client> OpenStream(std::uint16_t port, int receiveBuffer = 0) {
     auto client = std::make_unique<Client>(port, receiveBuffer);
