@@ -12,7 +12,8 @@
 // a thread of its own instead, at most `maxWaitingRequests` at once (beyond, 503), so that it never
 // takes the worker the releasing request needs.
 //
-// Limits, all enforced before the filter sees anything: at most `maxConnections` connections (beyond,
+// Limits, enforced before the filter sees a request's header (a body is read only once the filter has
+// let its header on, and within its limit): at most `maxConnections` connections (beyond,
 // closed at once); per connection a read buffer capped at `headerLimit` plus a few KiB, so that a
 // chunk-size line, its extensions or a trailer that never ends is refused (400) rather than buffered;
 // headers (431); body (413, refused from the header, never read into memory); a read time-out for the
