@@ -2,6 +2,7 @@
 #include <utility>  // Boost 1.74's Asio needs it before its own headers under g++ 12 in C++20
 
 #include "HttpServer.h"
+#include "LogBudget.h"
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -285,6 +286,11 @@ HttpResponse ShuttingDownReply() {
     return JsonErrorReply(503, "The service is shutting down.");
 }
 
+// The tail of a log line let through after others were held back (see LogBudget).
+std::string HeldBack(std::size_t held) {
+    return held == 0 ? std::string() : " (" + std::to_string(held) + " similar lines held back)";
+}
+
 const beast::error_category& HttpErrors() {
     return http::make_error_code(http::error::bad_method).category();
 }
@@ -506,6 +512,8 @@ struct HttpServer::Impl {
     const HttpServerOptions options;
     const Handler handler;
     const Filter filter;
+    // Lines a client can cause without authenticating: refused and dropped connections.
+    LogBudget clientLines{20};
     std::atomic<bool> stopping{false};  // set once by Stop(), read on every thread (seq_cst)
     std::uint16_t boundPort = 0;        // written by Start() before any thread starts; read-only after
     std::string boundAddress;           // likewise
@@ -900,8 +908,11 @@ class Session final : public Connection {
             // The client went away, the connection was closed, or it was idle or too slow. Only a
             // request cut off by the time-out is worth a line; idle keep-alive connections end this way.
             if (ec == beast::error::timeout && parser->got_some()) {
-                NY_LOG(Ny::Logging::Level::Notice, "Client %s dropped: its request did not arrive in time.",
-                       remote.c_str());
+                if (const auto held = server.clientLines.Take()) {
+                    NY_LOG(Ny::Logging::Level::Notice,
+                           "Client %1$s dropped: its request did not arrive in time.%2$s", remote.c_str(),
+                           HeldBack(*held).c_str());
+                }
             }
             CloseSocket();
         }
@@ -1039,9 +1050,9 @@ class Session final : public Connection {
 
     // An error of the transport itself: reply, then close lingering (see kLingerDrain).
     void Refuse(int status, const std::string& text) {
-        if (status != 503) {
-            NY_LOG(Ny::Logging::Level::Notice, "Client %1$s refused with %2$d: %3$s", remote.c_str(), status,
-                   text.c_str());
+        if (const auto held = server.clientLines.Take(); held && status != 503) {
+            NY_LOG(Ny::Logging::Level::Notice, "Client %1$s refused with %2$d: %3$s%4$s", remote.c_str(),
+                   status, text.c_str(), HeldBack(*held).c_str());
         }
         headOnly = false;
         RefuseWith(JsonErrorReply(status, text));

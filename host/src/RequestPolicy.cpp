@@ -87,7 +87,9 @@ std::optional<HttpResponse> RequestPolicy::Check(const HttpRequest& request) {
         auto refusal = Decide(request);
         if (refusal) {
             Decorate(request, *refusal, true);
-            Audit(request, refusal->status, false);
+            if (const auto held = refusalLines.Take()) {
+                Audit(request, refusal->status, false, *held);
+            }
         }
         return refusal;
     } catch (const std::exception& e) {
@@ -228,7 +230,7 @@ void RequestPolicy::RecordFailure(const std::string& peer) {
             entry.everLogged = true;
         }
     }
-    if (toLog > 0) {
+    if (toLog > 0 && refusalLines.Take()) {
         NY_LOG(Ny::Logging::Level::Notice,
                "Authentication refused for %1$s: %2$u attempt(s) since the last line.", ForLog(peer).c_str(),
                toLog);
@@ -251,13 +253,16 @@ void RequestPolicy::Decorate(const HttpRequest& request, HttpResponse& response,
     }
 }
 
-void RequestPolicy::Audit(const HttpRequest& request, int status, bool authenticated) const {
+void RequestPolicy::Audit(const HttpRequest& request, int status, bool authenticated,
+                          std::size_t heldBack) const {
     if (!ChangesState(request.method)) {
         return;
     }
-    NY_LOG(Ny::Logging::Level::Notice, "audit: %1$s %2$s %3$s %4$s -> %5$d",
+    const std::string held =
+        heldBack == 0 ? std::string() : " (" + std::to_string(heldBack) + " refusals held back)";
+    NY_LOG(Ny::Logging::Level::Notice, "audit: %1$s %2$s %3$s %4$s -> %5$d%6$s",
            ForLog(PeerAddress(request)).c_str(), authenticated ? "authenticated" : "unauthenticated",
-           ForLog(request.method, 16).c_str(), ForLog(request.target).c_str(), status);
+           ForLog(request.method, 16).c_str(), ForLog(request.target).c_str(), status, held.c_str());
 }
 
 }  // namespace NyHost

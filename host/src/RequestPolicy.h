@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "HttpServer.h"
+#include "LogBudget.h"
 #include "NyApi/Mutex.h"
 
 namespace NyHost {
@@ -59,7 +60,8 @@ class RequestPolicy {
     // "Cache-Control: no-store" on API replies (`api`).
     void Decorate(const HttpRequest& request, HttpResponse& response, bool api) const;
     // One audit line for a state-changing request (POST, PUT, PATCH, DELETE); nothing for others.
-    void Audit(const HttpRequest& request, int status, bool authenticated) const;
+    // `heldBack`: audit lines of refused requests not written since the last one (see LogBudget).
+    void Audit(const HttpRequest& request, int status, bool authenticated, std::size_t heldBack = 0) const;
     bool TokenRequired() const { return !settings.token.empty(); }
 
     static bool ChangesState(const std::string& method);
@@ -88,6 +90,9 @@ class RequestPolicy {
     const Settings settings;
     const std::function<std::uint16_t()> port;
 
+    // Lines that clients without the token can cause: audit lines of refused requests and refusal
+    // summaries. A client rotating its address would otherwise get a line per address.
+    LogBudget refusalLines{20};
     Ny::Mutex failuresMutex;  // guards failures; a leaf lock (nothing is called under it)
     std::unordered_map<std::string, Failures> failures NY_GUARDED_BY(failuresMutex);
 };

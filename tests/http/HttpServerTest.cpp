@@ -908,6 +908,38 @@ TEST_P(ChunkLineAttack, IsRefusedAndClosedWithoutBufferingIt) {
 INSTANTIATE_TEST_SUITE_P(Http, ChunkLineAttack,
                          ::testing::Values("1;ext=a", "0", "5\r\nhello\r\n0\r\nX-Trailer: a"));
 
+// A client without credentials must not be able to write the operator's log as fast as it can send:
+// refusal lines are held back beyond a budget, and the next line let through says how many were.
+TEST_F(HttpServerTest, RefusalFloodWritesABoundedNumberOfLogLines) {
+    StartServer();
+    constexpr int kRefusals = 200;
+    for (int i = 0; i < kRefusals; ++i) {
+        Client client(server->Port());
+        ASSERT_TRUE(client.Send("GET /x HTTP/1.1\r\n\r\n"));  // no Host: 400
+        ASSERT_TRUE(client.ReadReply());
+    }
+    const auto refusalLines = [this] {
+        std::size_t lines = 0;
+        for (const auto& text : log.Texts()) {
+            lines += text.find("refused with 400") != std::string::npos ? 1 : 0;
+        }
+        return lines;
+    };
+    EXPECT_LT(refusalLines(), static_cast<std::size_t>(kRefusals / 2));
+    ASSERT_TRUE(NyTest::Eventually([this] {
+        Client client(server->Port());
+        client.Send("GET /x HTTP/1.1\r\n\r\n");
+        client.ReadReply();
+        for (const auto& text : log.Texts()) {
+            if (text.find("similar lines held back") != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }));
+    EXPECT_LT(refusalLines(), static_cast<std::size_t>(kRefusals / 2));
+}
+
 TEST_F(HttpServerTest, ConnectionsBeyondTheCapAreClosedAtOnce) {
     auto options = Options();
     options.maxConnections = 2;
