@@ -38,11 +38,13 @@ class CarelessPluginTest : public ::testing::Test {
     CarelessPluginTest() {
         registry.Add(RoutineInfo("Slow", slow, true));
         registry.Add(RoutineInfo("Other", other, true));
+        registry.Add(RoutineInfo("Asks", asks, false));
     }
 
     NyTest::LogCapture log;
     ScriptedFactory slow;
     ScriptedFactory other;
+    ScriptedFactory asks{[](ScriptedRoutine&, IRoutineHost& host) { host.WaitForContinue({}); }};
     RoutineRegistry registry;
     NyCore::Core core;
 };
@@ -123,6 +125,32 @@ TEST_F(CarelessPluginTest, AbortBetweenAnnouncementAndStartLeavesCreatorAndListI
                                     << " stays and holds the only place";
         EXPECT_EQ(status, -999) << "a routine that was there and ended is no refusal";
     }
+}
+
+// The ordinary flow for a type with start parameters: the client learns of the new routine from its
+// created notification and continues it while its creating request still blocks. The continue may come
+// before the creating call has reached its start.
+TEST_F(CarelessPluginTest, ContinueBetweenAnnouncementAndStartStartsTheRoutine) {
+    RoutineManager manager(registry, &core, 1);
+    Gate announced;
+    Gate continued;
+    std::string announcedId;
+    auto watch = manager.CreatedEvent().SubscribeScoped([&](const std::string& id) {
+        announcedId = id;
+        announced.Open();
+        continued.Wait(Generous);
+    });
+    auto creation = std::async(std::launch::async, [&] { return manager.Create("Asks", nullptr); });
+    ASSERT_TRUE(announced.Wait());
+    manager.AcquireInstance(announcedId)->Continue();
+    continued.Open();
+    ASSERT_EQ(creation.wait_for(Generous), std::future_status::ready);
+    std::string id;
+    const int status = StatusOf([&] { id = creation.get(); });
+    EXPECT_EQ(status, 1) << "the user's continue made the creation fail";
+    EXPECT_TRUE(NyTest::Eventually([&] { return asks.Last() && asks.Last()->runs == 1; }))
+        << "the routine is listed as " << static_cast<int>(manager.GetInstance(announcedId).State())
+        << " but its code never ran";
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <future>
+#include <stdexcept>
 
 #include "LogCapture.h"
 #include "NyCore/Core.h"
@@ -92,6 +93,36 @@ void RemoveFromFlushHandlerWhileTheNotifiedRoutineIsRemoved() {
     ASSERT_EQ(removal.wait_for(Generous), std::future_status::ready);
     removal.get();
     EXPECT_TRUE(manager.ListIds().empty());
+}
+
+// Plug-in code that throws anything at all out of its factory or its creation parameters must cost
+// the request only, and give the place back.
+TEST(CarelessHost, FactoryThrowingAnythingFailsTheRequestAndFreesThePlace) {
+    NyTest::LogCapture log;
+    struct Throwing : NyRoutine::IRoutineFactory {
+        std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override {
+            ++calls;
+            if (calls == 1) {
+                throw std::runtime_error("careless factory");
+            }
+            if (calls == 2) {
+                throw 42;  // not even an exception class
+            }
+            return std::make_shared<ScriptedRoutine>(nullptr);
+        }
+        int calls = 0;
+    } throwing;
+    NyRoutine::Internal::RoutineRegistry registry;
+    registry.Add(RoutineInfo("Throwing", throwing, true));
+    NyCore::Core core;
+    NyRest::ResourceRouter router;
+    RoutineManager manager(registry, &core, 1);
+    RoutinesDir dir(router, manager);
+    const nlohmann::json body{{"type", "Throwing"}};
+    EXPECT_GE(router.Dispatch("POST", "/routines", body).status, 400);
+    EXPECT_GE(router.Dispatch("POST", "/routines", body).status, 400);
+    EXPECT_EQ(router.Dispatch("POST", "/routines", body).status, 201) << "a failed factory kept its place";
+    EXPECT_EQ(manager.ListIds(), std::vector<std::string>{"Throwing-0"});
 }
 
 TEST(CarelessHostDeathTest, FlushHandlerMayRemoveWhileTheNotifiedRoutineIsRemoved) {
