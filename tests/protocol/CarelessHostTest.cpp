@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 #include "LogCapture.h"
 #include "NyCore/Core.h"
@@ -93,6 +94,55 @@ void RemoveFromFlushHandlerWhileTheNotifiedRoutineIsRemoved() {
     ASSERT_EQ(removal.wait_for(Generous), std::future_status::ready);
     removal.get();
     EXPECT_TRUE(manager.ListIds().empty());
+}
+
+// A routine's own code reports results; the handler of that update, on the routine's thread, deletes
+// the routine, which the resource allows a handler to do on its own thread.
+void RemoveFromHandlerOfTheRoutinesOwnUpdate() {
+    NyTest::LogCapture log;
+    Gate go;
+    NyTest::ScriptedFactory reporting([&](ScriptedRoutine&, IRoutineHost& host) {
+        go.Wait(Generous);
+        host.SetResults(new NyTest::TestResults());
+    });
+    NyRoutine::Internal::RoutineRegistry registry;
+    registry.Add(RoutineInfo("Reporting", reporting, true));
+    NyCore::Core core;
+    NyRest::ResourceRouter router;
+    RoutineManager manager(registry, &core, 0);
+    RoutinesDir dir(router, manager);
+    const auto testThread = std::this_thread::get_id();
+    std::promise<int> handlerRemoval;
+    std::once_flag once;
+    auto handler = router.NotificationEvent().SubscribeScoped([&](NyRest::EventType type, std::string path) {
+        if (type != NyRest::EventType::Updated || path != "/routines/Reporting-0" ||
+            std::this_thread::get_id() == testThread) {
+            return;
+        }
+        std::call_once(once, [&] {
+            handlerRemoval.set_value(router.Dispatch("DELETE", "/routines/Reporting-0", nullptr).status);
+        });
+    });
+    ASSERT_EQ(manager.Create("Reporting", nullptr), "Reporting-0");
+    go.Open();
+    auto handlerDone = handlerRemoval.get_future();
+    if (handlerDone.wait_for(Generous) != std::future_status::ready) {
+        std::fputs("the handler's deletion of its own routine hangs\n", stderr);
+        FAIL();
+    }
+    EXPECT_EQ(handlerDone.get(), 204);
+    EXPECT_TRUE(NyTest::Eventually([&] { return manager.ListIds().empty(); }));
+}
+
+TEST(CarelessHostDeathTest, HandlerOnTheRoutinesThreadMayDeleteThatRoutine) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            alarm(HangAlarmSeconds);
+            RemoveFromHandlerOfTheRoutinesOwnUpdate();
+            std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // Plug-in code that throws anything at all out of its factory or its creation parameters must cost
