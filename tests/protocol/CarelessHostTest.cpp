@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <future>
 #include <stdexcept>
@@ -58,12 +59,12 @@ void RemoveFromFlushHandlerWhileTheNotifiedRoutineIsRemoved() {
     });
     RoutinesDir dir(router, manager);
     std::promise<int> handlerRemoval;
-    std::once_flag once;
+    std::atomic<bool> handled{false};
     auto handler = router.NotificationEvent().SubscribeScoped([&](NyRest::EventType type, std::string path) {
         if (type != NyRest::EventType::Updated || path != "/routines/Quiet-0") {
             return;
         }
-        std::call_once(once, [&] {
+        if (!handled.exchange(true)) {
             inFlush.Open();
             // Only forces the moment: without it the same meeting happens whenever the handler is slower
             // than the other request.
@@ -74,7 +75,7 @@ void RemoveFromFlushHandlerWhileTheNotifiedRoutineIsRemoved() {
             } catch (const Ny::Exception& e) {
                 handlerRemoval.set_value(e.Status());
             }
-        });
+        }
     });
     const std::string a = manager.Create("Quiet", nullptr);
     const std::string b = manager.Create("Quiet", nullptr);
@@ -97,8 +98,8 @@ void RemoveFromFlushHandlerWhileTheNotifiedRoutineIsRemoved() {
 }
 
 // A routine's own code reports results; the handler of that update, on the routine's thread, deletes
-// the routine, which the resource allows a handler to do on its own thread.
-void RemoveFromHandlerOfTheRoutinesOwnUpdate() {
+// the routine (or all of them), which the resource allows a handler to do on its own thread.
+void RemoveFromHandlerOfTheRoutinesOwnUpdate(const char* deletion) {
     NyTest::LogCapture log;
     Gate go;
     NyTest::ScriptedFactory reporting([&](ScriptedRoutine&, IRoutineHost& host) {
@@ -113,15 +114,15 @@ void RemoveFromHandlerOfTheRoutinesOwnUpdate() {
     RoutinesDir dir(router, manager);
     const auto testThread = std::this_thread::get_id();
     std::promise<int> handlerRemoval;
-    std::once_flag once;
+    std::atomic<bool> handled{false};  // the handler's own deletion raises updates on this thread again
     auto handler = router.NotificationEvent().SubscribeScoped([&](NyRest::EventType type, std::string path) {
         if (type != NyRest::EventType::Updated || path != "/routines/Reporting-0" ||
             std::this_thread::get_id() == testThread) {
             return;
         }
-        std::call_once(once, [&] {
-            handlerRemoval.set_value(router.Dispatch("DELETE", "/routines/Reporting-0", nullptr).status);
-        });
+        if (!handled.exchange(true)) {
+            handlerRemoval.set_value(router.Dispatch("DELETE", deletion, nullptr).status);
+        }
     });
     ASSERT_EQ(manager.Create("Reporting", nullptr), "Reporting-0");
     go.Open();
@@ -139,10 +140,18 @@ TEST(CarelessHostDeathTest, HandlerOnTheRoutinesThreadMayDeleteThatRoutine) {
     EXPECT_EXIT(
         {
             alarm(HangAlarmSeconds);
-            RemoveFromHandlerOfTheRoutinesOwnUpdate();
+            RemoveFromHandlerOfTheRoutinesOwnUpdate("/routines/Reporting-0");
             std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
         },
         ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            alarm(HangAlarmSeconds);
+            RemoveFromHandlerOfTheRoutinesOwnUpdate("/routines/*");
+            std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "")
+        << "deleting them all";
 }
 
 // Plug-in code that throws anything at all out of its factory or its creation parameters must cost
