@@ -77,9 +77,11 @@ TEST_F(CarelessPluginTest, RemovedRoutineKeepsItsPlaceWhileItsCompletionRuns) {
 }
 
 TEST_F(CarelessPluginTest, RemovedRoutineKeepsItsPlaceUntilItsCodeNoticesTheAbort) {
+    Gate running;
     Gate sawAbort;
     Gate letGo;
     slow.run = [&](ScriptedRoutine&, IRoutineHost& host) {
+        running.Open();
         // Ignores the abort for a while, as routine code between two checks does.
         while (!host.IsAborted()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -89,6 +91,8 @@ TEST_F(CarelessPluginTest, RemovedRoutineKeepsItsPlaceUntilItsCodeNoticesTheAbor
     };
     RoutineManager manager(registry, &core, 1);
     const std::string first = manager.Create("Slow", nullptr);
+    // A removal that comes before the code has begun drops it unrun: there would be nothing to notice.
+    ASSERT_TRUE(running.Wait());
     auto removal = std::async(std::launch::async, [&] { manager.Remove(first); });
     ASSERT_TRUE(sawAbort.Wait());
     const int status = StatusOf([&] { manager.Create("Other", nullptr); });
