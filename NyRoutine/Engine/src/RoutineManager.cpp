@@ -328,7 +328,10 @@ void RoutineManager::Remove(const std::string& id) {
     // routine may run on after its deletion was announced.
     EndRemoved(id, *entry);
     entry.reset();
-    Ny::MutexLock announce(announceMutex);
+    // Not under the announcement lock: the routine left the map under it, after its created event had
+    // been raised, so the per-id order holds already. Holding it here would make a deleted handler that
+    // waits for another thread (the resource's flush of this routine) wait for a removal made by that
+    // thread's own handler.
     deletedEvent.Raise(id);
 }
 

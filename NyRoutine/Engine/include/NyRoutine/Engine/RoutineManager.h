@@ -21,10 +21,11 @@
 //     to leave the manager's code.
 //
 // Locks, in the order they may be taken:
-//   1. `announceMutex` serializes a change of the map with the event that announces it (created,
-//      deleted), so that the two cannot be reordered between threads. Held while those events are
-//      raised, on purpose; handlers may call the manager's readers (ListIds, AcquireInstance) but must
-//      not create, remove or clear.
+//   1. `announceMutex` serializes a change of the map with the event that announces it (created, and
+//      the deletion of all), so that the two cannot be reordered between threads. Held while those
+//      events are raised, on purpose; their handlers may call the manager's readers (ListIds,
+//      AcquireInstance) but must not create, remove or clear. The deleted event of one routine is
+//      raised without it (the routine left the map under it), so its handlers may remove routines.
 //   2. `mutex` guards the map, the id counter, the reservations, the clear and closing state. It is never
 //      held while routine code runs, while an instance starts or while an event is raised.
 //   3. `Reaper::mutex` (a leaf) guards the reaper's queue and state.
