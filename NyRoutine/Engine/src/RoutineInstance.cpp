@@ -29,10 +29,15 @@ RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Co
 // Start, continue, abort
 
 void RoutineInstance::Start() {
-    if (state.load() != RoutineState::Ready) {
-        throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
+    {
+        Ny::MutexLock guard(startMutex);
+        if (startBegun) {
+            throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
+        }
+        startBegun = true;
     }
     NY_LOG(Progress, "Routine [%s] started.", id.c_str());
+    bool endedBefore = false;
     try {
         // `ended` is not set back to 0 here: an abort that came between the creation and this start
         // (another request saw the new routine) was the routine's one end.
@@ -46,12 +51,21 @@ void RoutineInstance::Start() {
             if (completionDone) {
                 NY_CHECK_RT(NyRt::SemaphorePost(completionSemaphore.Get()));
             }
-            // A routine removed between its creation and this start has nobody to continue it.
-            waitForStartParams =
-                typeInfo != nullptr && !typeInfo->SkipStartParams() && !startParamsReceived && !startReleased;
+            // Ended before this start (aborted or removed): the routine stays as it ended and its code
+            // never runs; the start's resources stay, as for a started routine.
+            endedBefore = ended.load() != 0 || aborted.load();
+            endedBeforeStart = endedBefore;
+            // A routine removed between its creation and this start has nobody to continue it; an early
+            // continue (startParamsReceived) was the start's continue already.
+            waitForStartParams = !endedBefore && typeInfo != nullptr && !typeInfo->SkipStartParams() &&
+                                 !startParamsReceived && !startReleased;
         }
-        state = RoutineState::Running;
-        runner->Run([this] { RunCallbackWrapper(*host); });
+        if (!endedBefore) {
+            // Only from Ready: an abort that ends the routine from now on sets its final state.
+            RoutineState expected = RoutineState::Ready;
+            state.compare_exchange_strong(expected, RoutineState::Running);
+            runner->Run([this] { RunCallbackWrapper(*host); });
+        }
         if (waitForStartParams) {
             // Posted by the first Continue, by Abort, or when the manager removes or clears the routine;
             // the semaphore lives as long as the instance, which outlives this call (its caller holds it).
@@ -64,17 +78,41 @@ void RoutineInstance::Start() {
             startParamsReceived = true;
         }
     } catch (const std::exception& e) {
-        {
-            Ny::MutexLock guard(startMutex);
-            completionSemaphore.Reset();
-            startSemaphore.Reset();
-        }
-        state = RoutineState::Ready;
-        std::throw_with_nested(NY_EXCEPTION(Ny::StatusOf(e), "Routine Instance start failed."));
+        FailStart(e);
+    }
+    if (endedBefore) {
+        throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
     }
 }
 
+bool RoutineInstance::EndedBeforeStart() const {
+    Ny::MutexLock guard(startMutex);
+    return endedBeforeStart;
+}
+
+void RoutineInstance::FailStart(const std::exception& e) {
+    {
+        Ny::MutexLock guard(startMutex);
+        completionSemaphore.Reset();
+        startSemaphore.Reset();
+        startBegun = false;
+    }
+    RoutineState expected = RoutineState::Running;
+    state.compare_exchange_strong(expected, RoutineState::Ready);
+    std::throw_with_nested(NY_EXCEPTION(Ny::StatusOf(e), "Routine Instance start failed."));
+}
+
 void RoutineInstance::Continue() {
+    {
+        // Before Start (the client saw the routine announced while its creation had not started it):
+        // remembered as the start's continue, and Start does not wait. Under the mutex Start takes, so
+        // that the continue is either remembered here or posted to the start's semaphore below.
+        Ny::MutexLock guard(startMutex);
+        if (!startBegun) {
+            startParamsReceived = true;
+            return;
+        }
+    }
     std::function<void(IRoutineHost&)> callback;
     {
         Ny::Locker locker(lock.Get());

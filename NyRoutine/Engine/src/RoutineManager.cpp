@@ -46,6 +46,7 @@ class RoutineManager::CallScope {
 
 RoutineManager::RoutineManager(RoutineRegistry& registryIn, NyCore::Core* coreIn, size_t maxRunningIn)
     : registry(registryIn), core(coreIn), maxRunning(maxRunningIn) {
+    reaperThread = std::thread([this] { ReaperLoop(); });
     if (core != nullptr) {
         factoryRestoreSubscription =
             core->FactoryRestoreEvent().SubscribeScoped([this] { ClearAllRoutines(); });
@@ -69,6 +70,63 @@ RoutineManager::~RoutineManager() {
         remaining.swap(routines);
     }
     remaining.clear();
+    {
+        // The reaper destroys what was handed over before it leaves; a later release on a runner thread
+        // (a request held an instance past the manager) gets a thread of its own (see DestroyEntry).
+        Ny::MutexLock guard(reaper->mutex);
+        reaper->stopped = true;
+        reaper->wake.NotifyAll();
+    }
+    reaperThread.join();
+}
+
+void RoutineManager::ReaperLoop() {
+    Ny::MutexLock guard(reaper->mutex);
+    for (;;) {
+        while (reaper->handedOver.empty() && !reaper->stopped) {
+            reaper->wake.Wait(reaper->mutex);
+        }
+        if (reaper->handedOver.empty()) {
+            return;
+        }
+        std::vector<RoutineEntry*> batch;
+        batch.swap(reaper->handedOver);
+        guard.Unlock();
+        for (RoutineEntry* entry : batch) {
+            DestroyEntry(reaper, entry);  // not on the entry's runner thread: destroyed here
+        }
+        guard.Lock();
+    }
+}
+
+void RoutineManager::DestroyEntry(const std::shared_ptr<Reaper>& reaperIn, RoutineEntry* entry) {
+    if (entry->instance.IsOwnThread()) {
+        // Destroying the instance here would join this very thread, and free the routine whose code is
+        // still on this stack: the runner job that raised the event which released it.
+        {
+            Ny::MutexLock guard(reaperIn->mutex);
+            if (!reaperIn->stopped) {
+                reaperIn->handedOver.push_back(entry);
+                reaperIn->wake.NotifyAll();
+                return;
+            }
+        }
+        // The manager is gone (a request held the instance past it): a thread of its own destroys it.
+        std::thread([reaperIn, entry] { DestroyEntry(reaperIn, entry); }).detach();
+        return;
+    }
+    const bool counted = entry->countedAsLeaving;
+    delete entry;
+    if (counted) {
+        --reaperIn->leaving;
+    }
+}
+
+void RoutineManager::CountLeavingLocked(RoutineEntry& entry) {
+    if (!entry.countedAsLeaving) {
+        entry.countedAsLeaving = true;
+        ++reaper->leaving;
+    }
 }
 
 void RoutineManager::Close() {
@@ -93,9 +151,9 @@ std::string RoutineManager::RefusalLocked(bool& limit) const {
     if (SystemIsRunning()) {
         return RunningMessage;
     }
-    // Every routine counts once: an entry in the map, one taken out by a clear that has not ended, or a
-    // reservation of a creation whose entry does not exist yet.
-    if (maxRunning != 0 && routines.size() + clearing + reserved >= maxRunning) {
+    // Every routine counts once: an entry in the map, one taken out (removed or cleared) that is not
+    // destroyed yet, or a reservation of a creation whose entry does not exist yet.
+    if (maxRunning != 0 && routines.size() + reaper->leaving.load() + reserved >= maxRunning) {
         limit = true;
         return LimitMessage;
     }
@@ -192,7 +250,15 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
         }
         createdEvent.Raise(id);
     }
-    entry->instance.Start();
+    try {
+        entry->instance.Start();
+    } catch (const Ny::Exception&) {
+        // Aborted by another request between its announcement and this start: the creation succeeds
+        // with the aborted routine, listed like any routine, so that the creator and the list agree.
+        if (!entry->instance.EndedBeforeStart()) {
+            throw;
+        }
+    }
     // Removed, cleared or closed while the start waited for its continue: the caller learns the routine
     // is gone. A clear decides first whether it drops the routine or (when an abort fails) keeps it.
     bool stillThere = false;
@@ -226,7 +292,10 @@ std::shared_ptr<RoutineManager::RoutineEntry> RoutineManager::MakeEntry(
         Ny::MutexLock guard(mutex);
         id = typeName + "-" + std::to_string(nextIdNumber++);
     }
-    return std::make_shared<RoutineEntry>(type, routine, core, id);
+    const std::shared_ptr<Reaper> entryReaper = reaper;
+    return std::shared_ptr<RoutineEntry>(
+        new RoutineEntry(type, routine, core, id),
+        [entryReaper](RoutineEntry* entry) { DestroyEntry(entryReaper, entry); });
 }
 
 void RoutineManager::EndRemoved(const std::string& id, RoutineEntry& entry) {
@@ -249,6 +318,7 @@ void RoutineManager::Remove(const std::string& id) {
         if (it != routines.end()) {
             entry = std::move(it->second);
             routines.erase(it);
+            CountLeavingLocked(*entry);
         }
     }
     if (!entry) {
@@ -258,7 +328,10 @@ void RoutineManager::Remove(const std::string& id) {
     // routine may run on after its deletion was announced.
     EndRemoved(id, *entry);
     entry.reset();
-    Ny::MutexLock announce(announceMutex);
+    // Not under the announcement lock: the routine left the map under it, after its created event had
+    // been raised, so the per-id order holds already. Holding it here would make a deleted handler that
+    // waits for another thread (the resource's flush of this routine) wait for a removal made by that
+    // thread's own handler.
     deletedEvent.Raise(id);
 }
 
@@ -309,7 +382,9 @@ void RoutineManager::ClearAllRoutines() {
         Ny::MutexLock announce(announceMutex);
         Ny::MutexLock guard(mutex);
         dropped.swap(routines);
-        clearing = dropped.size();
+        for (auto& entry : dropped) {
+            CountLeavingLocked(*entry.second);
+        }
     }
     try {
         for (auto& [id, entry] : dropped) {
@@ -321,8 +396,11 @@ void RoutineManager::ClearAllRoutines() {
         // wait for this decision, so they learn that their routine is still there.
         {
             Ny::MutexLock guard(mutex);
+            for (auto& entry : dropped) {
+                entry.second->countedAsLeaving = false;
+                --reaper->leaving;
+            }
             routines.merge(dropped);
-            clearing = 0;
             clearRunning = false;
             changed.NotifyAll();  // under the lock, like every notification of it (see CallScope)
         }
@@ -336,7 +414,6 @@ void RoutineManager::ClearAllRoutines() {
         Ny::MutexLock announce(announceMutex);
         {
             Ny::MutexLock guard(mutex);
-            clearing = 0;
             clearRunning = false;
             changed.NotifyAll();
         }

@@ -88,10 +88,16 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     RoutineInstance& operator=(const RoutineInstance&) = delete;
 
     // Queues Run and, unless the type skips start parameters, waits for the first Continue (or an
-    // abort, a deletion or a clear). Throws -1000 "Routine must be in READY state to start." outside
-    // Ready, and "Routine Instance start failed." (nesting the cause) when it cannot start.
+    // abort, a deletion or a clear). A continue that came before (another request saw the routine
+    // announced) counts as that first continue. Throws -1000 "Routine must be in READY state to start."
+    // on a second start and on a routine that ended before it (aborted or removed: its code never runs,
+    // see EndedBeforeStart), and "Routine Instance start failed." (nesting the cause) when it cannot
+    // start (it may then be started again).
     void Start() override;
-    // Resumes a routine that waits for feedback (any state is accepted). Thread-safe.
+    // True once Start found the routine already ended; the routine stays as it ended. Thread-safe.
+    bool EndedBeforeStart() const;
+    // Resumes a routine that waits for feedback (any state is accepted); before Start, it is remembered
+    // as the start's continue. Thread-safe.
     void Continue() override;
     // Ends the routine as aborted; running routine code learns it from IsAborted. Thread-safe. Passes
     // on an exception of the routine's completion callback (the routine has ended nonetheless).
@@ -108,6 +114,10 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     Ny::Event<std::string>& UpdatedEvent() override { return updatedEvent; }
     Ny::Event<std::string>& StepsUpdatedEvent() override { return stepsUpdatedEvent; }
     Ny::Event<std::string>& DeletedEvent() override { return deletedEvent; }
+
+    // True on the routine's runner thread: its owner must not destroy it there (the destruction joins
+    // that thread). The completion-wait thread never releases an instance: it only queues on the runner.
+    bool IsOwnThread() const { return runner && runner->IsRunnerThread(); }
 
     const RoutineInfo* TypeInfo() const { return typeInfo; }
     const std::string& Id() const { return id; }
@@ -158,6 +168,8 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     void EndRoutine();
     void Completed();
     void Fail(const std::string& details);
+    // Undoes a start that failed, so that it may be tried again, and throws the failure (nested).
+    [[noreturn]] void FailStart(const std::exception& cause);
     bool HasContinueFx() const;
     bool HasCompletionFx() const;
     void OnUpdated();
@@ -209,11 +221,13 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
 
     // Leaf locks: none is taken under another, and none is held while routine code runs or an event is
     // raised. `lock` (the runtime's re-entrant lock above) may be held when they are taken.
-    mutable Ny::Mutex fieldsMutex;                         // the four text fields
-    mutable Ny::Mutex callbackMutex;                       // the continue and completion callbacks
-    Ny::Mutex startMutex;                                  // the two semaphores and startReleased
-    Ny::Mutex waitThreadMutex;                             // the completion-wait thread's holder
+    mutable Ny::Mutex fieldsMutex;    // the four text fields
+    mutable Ny::Mutex callbackMutex;  // the continue and completion callbacks
+    mutable Ny::Mutex startMutex;     // the two semaphores, startReleased, startBegun and an early continue
+    Ny::Mutex waitThreadMutex;        // the completion-wait thread's holder
     bool startReleased NY_GUARDED_BY(startMutex) = false;  // no caller may wait in Start any more
+    bool startBegun NY_GUARDED_BY(startMutex) = false;     // Start was called (once only)
+    bool endedBeforeStart NY_GUARDED_BY(startMutex) = false;
 };
 
 // Holds the instance's parameter lock for its scope: LockParams on construction, UnlockParams on

@@ -11,24 +11,32 @@
 //   - each routine counts once toward the limit: as a reservation while its factory runs, then as an
 //     entry; a clear keeps admissions out until it has ended, and a creation whose factory was still
 //     running when a clear began is cleared too (it fails with -999 and is never announced);
+//   - a routine that leaves the map (removal or clear) still counts toward the limit until its entry is
+//     destroyed, that is until its code, its completion callback and its jobs are over;
+//   - no entry is destroyed on its own routine's runner thread (a notification handler there may remove
+//     the routine): that last release hands the entry to the manager's reaper thread instead;
 //   - per id, the created event comes before the deleted event, and nothing of the manager follows it;
 //   - `Close` (and the destructor, which calls it) refuses new creations, fails the ones still in their
 //     factory or start and never waits for a continue; the destructor then waits only for those calls
 //     to leave the manager's code.
 //
 // Locks, in the order they may be taken:
-//   1. `announceMutex` serializes a change of the map with the event that announces it (created,
-//      deleted), so that the two cannot be reordered between threads. Held while those events are
-//      raised, on purpose; handlers may call the manager's readers (ListIds, AcquireInstance) but must
-//      not create, remove or clear.
+//   1. `announceMutex` serializes a change of the map with the event that announces it (created, and
+//      the deletion of all), so that the two cannot be reordered between threads. Held while those
+//      events are raised, on purpose; their handlers may call the manager's readers (ListIds,
+//      AcquireInstance) but must not create, remove or clear. The deleted event of one routine is
+//      raised without it (the routine left the map under it), so its handlers may remove routines.
 //   2. `mutex` guards the map, the id counter, the reservations, the clear and closing state. It is never
 //      held while routine code runs, while an instance starts or while an event is raised.
+//   3. `Reaper::mutex` (a leaf) guards the reaper's queue and state.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "NyApi/Event.h"
@@ -87,8 +95,28 @@ class RoutineManager : public NyCommon::IRoutineController {
         std::shared_ptr<const RoutineInfo> type;
         std::shared_ptr<IRoutine> routine;
         RoutineInstance instance;  // destroyed first, then the routine reference
+        // Set under the manager's `mutex` when the entry leaves the map and counts in `Reaper::leaving`.
+        bool countedAsLeaving = false;
     };
     using EntryMap = std::map<std::string, std::shared_ptr<RoutineEntry>>;
+
+    // Destroys entries whose last owner let go on their own runner thread, and counts the entries that
+    // left the map but are not destroyed yet. Shared with the deleter of every entry, which may run
+    // after the manager is gone (a request may still hold an instance).
+    struct Reaper {
+        Ny::Mutex mutex;
+        Ny::CondVar wake;  // an entry was handed over, or the manager stopped the reaper
+        std::vector<RoutineEntry*> handedOver NY_GUARDED_BY(mutex);
+        bool stopped NY_GUARDED_BY(mutex) = false;
+        // Entries out of the map and not destroyed yet; read by admissions under the manager's mutex.
+        std::atomic<size_t> leaving{0};
+    };
+    // The entries' deleter: destroys the entry here, or hands it to the reaper when called on the
+    // entry's own runner thread; then gives its place back if it still counted.
+    static void DestroyEntry(const std::shared_ptr<Reaper>& reaper, RoutineEntry* entry);
+    void ReaperLoop();
+    // Marks an entry as out of the map but still counted toward the limit.
+    void CountLeavingLocked(RoutineEntry& entry) NY_REQUIRES(mutex);
 
     // Counts a call as inside the manager for its scope; the destructor waits for none to be left.
     class CallScope;
@@ -118,13 +146,14 @@ class RoutineManager : public NyCommon::IRoutineController {
     EntryMap routines NY_GUARDED_BY(mutex);
     std::uint64_t nextIdNumber NY_GUARDED_BY(mutex) = 0;
     size_t reserved NY_GUARDED_BY(mutex) = 0;        // admitted creations whose entry is not in the map yet
-    size_t clearing NY_GUARDED_BY(mutex) = 0;        // routines taken out by the clear in progress
     bool clearRunning NY_GUARDED_BY(mutex) = false;  // a clear is between taking out and announcing
     std::uint64_t clearGeneration NY_GUARDED_BY(mutex) = 0;  // clears begun so far
     bool closed NY_GUARDED_BY(mutex) = false;
     size_t callsInside NY_GUARDED_BY(mutex) = 0;  // creations between their call and their return
     Ny::Event<std::string> createdEvent;
     Ny::Event<std::string> deletedEvent;
+    const std::shared_ptr<Reaper> reaper = std::make_shared<Reaper>();
+    std::thread reaperThread;                     // started by the constructor, joined by the destructor
     Ny::Subscription factoryRestoreSubscription;  // first to go: no clear can start once it is reset
 };
 
