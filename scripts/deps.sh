@@ -21,7 +21,7 @@ nyr_install_packages() {
     fi
 }
 
-NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev libssl-dev curl)
+NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev libssl-dev openssl curl)
 # The console's browser tests: Debian's Chromium, driven by playwright-core from the npm registry.
 
 nyr_install_browser_tests() {
