@@ -230,6 +230,18 @@ std::string OriginForm(std::string_view target) {
     return (rest[path] == '?' ? "/" : "") + std::string(rest.substr(path));
 }
 
+// The authority of an absolute-form target ("http://user@host:port/path" gives "host:port"), or empty.
+std::string_view Authority(std::string_view target) {
+    const std::size_t scheme = target.find("://");
+    if (target.empty() || target.front() == '/' || scheme == std::string_view::npos) {
+        return {};
+    }
+    std::string_view authority = target.substr(scheme + 3);
+    authority = authority.substr(0, authority.find_first_of("/?#"));
+    const std::size_t user = authority.rfind('@');
+    return user == std::string_view::npos ? authority : authority.substr(user + 1);
+}
+
 std::string_view View(beast::string_view text) {
     return {text.data(), text.size()};
 }
@@ -942,8 +954,14 @@ class Session final : public Connection {
         HttpRequest taken;
         taken.method = headOnly ? std::string("GET") : std::string(header.method_string());
         taken.target = OriginForm(View(header.target()));
+        // An absolute-form target names the server itself, and the Host header is to be ignored then:
+        // the filter checks the name the request really addresses.
+        const std::string_view authority = Authority(View(header.target()));
         for (const auto& field : header) {
-            taken.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+            const bool host = field.name() == http::field::host;
+            taken.headers.emplace_back(std::string(field.name_string()), host && !authority.empty()
+                                                                             ? std::string(authority)
+                                                                             : std::string(field.value()));
         }
         taken.remote = remote;
         return taken;

@@ -967,6 +967,9 @@ TEST_F(HttpServerTest, ConnectionsBeyondTheCapAreClosedAtOnce) {
 
 TEST_F(HttpServerTest, HeadAndAbsoluteFormAreAnsweredAsTheirOriginFormGet) {
     handler = [](const HttpRequest& request) {
+        if (request.target == "/who") {  // the name the filter and handler see
+            return HttpResponse{200, {{"Content-Type", "text/plain"}}, *request.Header("Host")};
+        }
         return HttpResponse{200, {{"Content-Type", "text/plain"}}, request.method + " " + request.target};
     };
     StartServer();
@@ -986,6 +989,13 @@ TEST_F(HttpServerTest, HeadAndAbsoluteFormAreAnsweredAsTheirOriginFormGet) {
     auto bare = client.ReadReply();
     ASSERT_TRUE(bare);
     EXPECT_EQ(bare->body, "GET /");
+
+    // The authority of an absolute-form target replaces the Host header, so that a check of the name
+    // cannot be passed with an allowed Host and a foreign target.
+    ASSERT_TRUE(client.Send("DELETE http://user@evil.example:81/who HTTP/1.1\r\nHost: test\r\n\r\n"));
+    auto named = client.ReadReply();
+    ASSERT_TRUE(named);
+    EXPECT_EQ(named->body, "evil.example:81");
 }
 
 TEST_F(HttpServerTest, WaitingRequestRunsBesideTheOnlyWorkerAndIsBounded) {
