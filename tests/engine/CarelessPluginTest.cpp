@@ -14,6 +14,9 @@
 
 namespace {
 
+using NyTest::Generous;
+using NyTest::StatusOf;
+
 using NyRoutine::IRoutineHost;
 using NyRoutine::RoutineInfo;
 using NyRoutine::Internal::RoutineManager;
@@ -21,17 +24,6 @@ using NyRoutine::Internal::RoutineRegistry;
 using NyTest::Gate;
 using NyTest::ScriptedFactory;
 using NyTest::ScriptedRoutine;
-
-constexpr auto Generous = std::chrono::seconds(10);
-
-int StatusOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Ny::Exception& e) {
-        return e.Status();
-    }
-    return 1;
-}
 
 class CarelessPluginTest : public ::testing::Test {
   protected:

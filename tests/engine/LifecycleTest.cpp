@@ -15,6 +15,9 @@
 
 namespace {
 
+using NyTest::Generous;
+using NyTest::StatusOf;
+
 using NyCommon::RoutineState;
 using NyRoutine::IRoutineHost;
 using NyRoutine::RoutineInfo;
@@ -25,18 +28,8 @@ using NyTest::Gate;
 using NyTest::ScriptedFactory;
 using NyTest::ScriptedRoutine;
 
-constexpr auto Generous = std::chrono::seconds(10);
 // How long a test lets a call that should stay blocked try to get through before it goes on.
 constexpr auto Chance = std::chrono::milliseconds(200);
-
-int StatusOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Ny::Exception& e) {
-        return e.Status();
-    }
-    return 1;
-}
 
 // A factory that stops inside CreateRoutine until its gate opens, and counts live routine objects.
 class HeldFactory : public NyRoutine::IRoutineFactory {

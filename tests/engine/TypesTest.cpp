@@ -10,17 +10,10 @@
 
 namespace {
 
+using NyTest::StatusOf;
+
 using NyRoutine::RoutineInfo;
 using NyRoutine::Internal::RoutineRegistry;
-
-int StatusOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Ny::Exception& e) {
-        return e.Status();
-    }
-    return 1;
-}
 
 TEST(RoutineRegistry, OrdersByteWiseAndRefusesDuplicates) {
     NyTest::ScriptedFactory factory;

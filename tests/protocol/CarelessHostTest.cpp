@@ -21,6 +21,8 @@
 
 namespace {
 
+using NyTest::Generous;
+
 using NyRoutine::IRoutineHost;
 using NyRoutine::RoutineInfo;
 using NyRoutine::Internal::RoutineManager;
@@ -28,7 +30,6 @@ using NyRoutine::Internal::RoutinesDir;
 using NyTest::Gate;
 using NyTest::ScriptedRoutine;
 
-constexpr auto Generous = std::chrono::seconds(10);
 // Seconds the child has for a scenario that takes well under one when nothing hangs.
 constexpr unsigned HangAlarmSeconds = 20;
 

@@ -8,6 +8,10 @@
 
 namespace NyTest {
 
+// The bound of a wait that should end long before it: generous, so that a slow sanitizer build never
+// fails a test by its timing.
+constexpr auto Generous = std::chrono::seconds(10);
+
 // Polls `condition` until it holds or `timeout` passes; true when it holds.
 template <typename Condition>
 bool Eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {

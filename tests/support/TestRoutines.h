@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "NyApi/Exception.h"
 #include "NyRoutine/IRoutine.h"
 #include "NyRoutine/IRoutineFactory.h"
 #include "NyRoutine/IRoutineHost.h"
@@ -18,6 +19,16 @@
 #include "Sync.h"
 
 namespace NyTest {
+
+// The status a call throws as Ny::Exception, or 1 when it returns.
+inline int StatusOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const Ny::Exception& e) {
+        return e.Status();
+    }
+    return 1;
+}
 
 struct TestResults : Ny::Params::Group {
     TestResults() { AddParameter("value", value, ""); }
