@@ -74,6 +74,10 @@ class HostProcess {
     HttpReply Request(const std::string& method, const std::string& target, const nlohmann::json& body) {
         return Request(method, target, body.dump());
     }
+    // The "state" member of a routine's document.
+    nlohmann::json RoutineState(const std::string& id) {
+        return Request("GET", "/routines/" + id).Json()["state"];
+    }
     // Headers sent with every Request from now on (set before clients run; not thread-safe).
     void SendAlways(std::string header) { alwaysHeaders.push_back(std::move(header)); }
     // Sends SIGTERM and waits (bounded) for the exit; returns the exit status, or -1 on time-out.

@@ -20,10 +20,6 @@ using NyTest::Eventually;
 using NyTest::HostProcess;
 using NyTest::HttpConnection;
 
-json State(HostProcess& host, const std::string& id) {
-    return host.Request("GET", "/routines/" + id).Json()["state"];
-}
-
 // The router matches decoded segments and ignores empty ones, so every spelling that reaches the creation
 // must take the waiting lane too.
 TEST(HostServing, OneWorkerServesAWaitingCalibrationItsContinueAndItsDeletion) {
@@ -33,7 +29,7 @@ TEST(HostServing, OneWorkerServesAWaitingCalibrationItsContinueAndItsDeletion) {
         auto creation = std::async(std::launch::async, [&] {
             return host.Request("POST", path, json{{"type", "Calibration"}});
         });
-        ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
+        ASSERT_TRUE(Eventually([&] { return host.RoutineState("Calibration-0") == 2; }));
         EXPECT_EQ(host.Request("POST", "/routines/Calibration-0/commands/continue").status, 200);
         ASSERT_EQ(creation.wait_for(std::chrono::seconds(10)), std::future_status::ready);
         EXPECT_EQ(creation.get().status, 201);

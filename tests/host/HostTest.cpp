@@ -13,16 +13,12 @@ using NyTest::Eventually;
 using NyTest::HostProcess;
 using NyTest::HttpConnection;
 
-json State(HostProcess& host, const std::string& id) {
-    return host.Request("GET", "/routines/" + id).Json()["state"];
-}
-
 TEST(Host, CalibrationWaitsIsConfiguredContinuedAndCompletesWithResults) {
     HostProcess host;
     auto creation = std::async(std::launch::async, [&] {
         return host.Request("POST", "/routines", json{{"type", "Calibration"}});
     });
-    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
+    ASSERT_TRUE(Eventually([&] { return host.RoutineState("Calibration-0") == 2; }));
     EXPECT_EQ(creation.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     // Reads, refused and accepted updates and the limit are served while the creation waits.
     EXPECT_EQ(host.Request("GET", "/routines/Calibration-0?schema=true")
@@ -43,7 +39,7 @@ TEST(Host, CalibrationWaitsIsConfiguredContinuedAndCompletesWithResults) {
     const auto created = creation.get();
     EXPECT_EQ(created.status, 201);
     EXPECT_EQ(created.Header("Location"), "/routines/Calibration-0");
-    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 3; }));
+    ASSERT_TRUE(Eventually([&] { return host.RoutineState("Calibration-0") == 3; }));
     const json results = host.Request("GET", "/routines/Calibration-0").Json()["results"];
     EXPECT_EQ(results["label"], "default");
     EXPECT_TRUE(results["gain"].is_number());
@@ -52,7 +48,7 @@ TEST(Host, CalibrationWaitsIsConfiguredContinuedAndCompletesWithResults) {
 TEST(Host, SelfTestCompletesAloneAndDeleteAllClears) {
     HostProcess host;
     EXPECT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 201);
-    ASSERT_TRUE(Eventually([&] { return State(host, "SelfTest-0") == 3; }));
+    ASSERT_TRUE(Eventually([&] { return host.RoutineState("SelfTest-0") == 3; }));
     EXPECT_EQ(host.Request("GET", "/routines/SelfTest-0").Json()["results"]["passedChecks"], 3);
     EXPECT_EQ(host.Request("GET", "/routines").Json()["_embedded"]["item"].size(), 1u);
     EXPECT_EQ(host.Request("DELETE", "/routines/*").status, 204);
@@ -114,7 +110,7 @@ TEST(Host, EventsArriveInOrderWithStepsCoalesced) {
     ASSERT_TRUE(Eventually([&] {
         return host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status == 201;
     }));
-    ASSERT_TRUE(Eventually([&] { return State(host, "SelfTest-0") == 3; }));
+    ASSERT_TRUE(Eventually([&] { return host.RoutineState("SelfTest-0") == 3; }));
     host.Request("DELETE", "/routines/SelfTest-0");
     const std::string stream = events.ReadUntil(
         [](const std::string& data) { return data.find("event: deleted") != std::string::npos; });
@@ -141,7 +137,7 @@ TEST(Host, ShutdownReleasesAWaitingCreationAndExitsCleanly) {
     auto creation = std::async(std::launch::async, [&] {
         return host.Request("POST", "/routines", json{{"type", "Calibration"}});
     });
-    ASSERT_TRUE(Eventually([&] { return State(host, "Calibration-0") == 2; }));
+    ASSERT_TRUE(Eventually([&] { return host.RoutineState("Calibration-0") == 2; }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(host.Terminate(std::chrono::seconds(10)), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
@@ -184,10 +180,10 @@ TEST(Host, FaultyRoutinesEndInDefinedStatesAndTheHostStaysUp) {
         const std::string id = std::string(c.type) + "-" + std::to_string(number++);
         ASSERT_EQ(host.Request("POST", "/routines", json{{"type", c.type}}).status, 201) << c.type;
         if (std::string(c.type) == "ThrowInContinue") {
-            ASSERT_TRUE(Eventually([&] { return State(host, id) == 2; }));
+            ASSERT_TRUE(Eventually([&] { return host.RoutineState(id) == 2; }));
             host.Request("POST", "/routines/" + id + "/commands/continue");
         }
-        ASSERT_TRUE(Eventually([&] { return State(host, id) == c.state; })) << c.type;
+        ASSERT_TRUE(Eventually([&] { return host.RoutineState(id) == c.state; })) << c.type;
         const std::string details = host.Request("GET", "/routines/" + id).Json()["stateDetails"];
         EXPECT_EQ(details.rfind(c.details, 0), 0u) << c.type << ": " << details;
         EXPECT_EQ(host.Request("DELETE", "/routines/" + id).status, 204) << c.type;
