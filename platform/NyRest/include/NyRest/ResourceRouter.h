@@ -23,6 +23,7 @@
 // resource's notifications (type, path) on the thread that raised them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,6 +43,17 @@ struct Response {
     int status = 200;
     std::vector<std::pair<std::string, std::string>> headers;
     nlohmann::json body;  // not sent for 204
+};
+
+// What a transport adds to a dispatch beyond method, target and body.
+struct DispatchOptions {
+    // The request's Prefer header values joined by ", " (see RequestInfo::Prefers).
+    std::string prefer;
+    // Called once, on the dispatching thread, with the id and path of the first Created notification
+    // raised on that thread while it is inside this dispatch (a creation announces its routine
+    // synchronously, before it may block waiting for the routine). The id is the path's last segment.
+    // What it throws is logged and dropped: it must not fail the creation that raised the notification.
+    std::function<void(const CreateResult&)> onCreated;
 };
 
 // The HTTP status for a failure: -999 404, -997 400, -1000 and -987 409, a read-only document 405,
@@ -66,9 +78,11 @@ class ResourceRouter {
     // Waits for dispatches into the withdrawn resources to return.
     void Deregister(const std::string& pattern, bool recursive);
 
-    Response Dispatch(const std::string& method, const std::string& target, const nlohmann::json& body);
+    Response Dispatch(const std::string& method, const std::string& target, const nlohmann::json& body,
+                      const DispatchOptions& options = {});
     // Parses `body` first (empty means null); malformed or nested deeper than MaxBodyDepth gives 400.
-    Response DispatchRaw(const std::string& method, const std::string& target, std::string_view body);
+    Response DispatchRaw(const std::string& method, const std::string& target, std::string_view body,
+                         const DispatchOptions& options = {});
 
     // The segments a target is matched by: its path without the query, split at "/", empty segments
     // dropped, each percent-decoded. A caller that classifies requests by path must use these, or a
@@ -82,6 +96,9 @@ class ResourceRouter {
     struct Match;
 
     std::shared_ptr<Route> Find(const std::vector<std::string>& segments, Match& match) const;
+    // Forwards a resource's notification, and hands a Created one to the created hook of the dispatch
+    // running on this thread, if any.
+    void Forward(EventType type, const std::string& path);
     Response Invoke(Route& route, const std::string& method, const RequestInfo& request,
                     const nlohmann::json& body);
 
