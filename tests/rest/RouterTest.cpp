@@ -266,4 +266,31 @@ TEST(RequestInfo, PrefersReadsCommaSeparatedPreferencesCaseInsensitively) {
     EXPECT_FALSE(prefers("return=minimal", "respond-async"));
 }
 
+TEST(ErrorBody, FieldsOfTheWholeChainAppearOnlyWhenThereAreAny) {
+    try {
+        try {
+            Ny::Exception refusal(1, "f", -997, "Value::CheckValidation", "samples was set to be too big.");
+            refusal.AddField("samples", "samples was set to be too big.");
+            refusal.AddField("outer.\xff\xfe", "odd \xc3 bytes");
+            refusal.AddField("samples", "second message");
+            throw refusal;
+        } catch (const Ny::Exception& e) {
+            std::throw_with_nested(
+                Ny::Exception(2, "f", e.Status(), "Root::Set", "Set routine params failed."));
+        }
+    } catch (const std::exception& wrapped) {
+        EXPECT_EQ(NyRest::HttpStatusFor(wrapped), 400);
+        const json body = NyRest::ErrorBody(wrapped);
+        EXPECT_EQ(body["status"], -997);
+        EXPECT_EQ(body["message"], "Set routine params failed.");
+        EXPECT_EQ(body["causes"], json({"samples was set to be too big."}));
+        EXPECT_EQ(body["fields"]["samples"], json({"samples was set to be too big.", "second message"}));
+        // Odd bytes from the request stay in the body; the edge writes them replaced, as valid JSON.
+        const std::string text = body.dump(-1, ' ', false, json::error_handler_t::replace);
+        const json reparsed = json::parse(text);
+        EXPECT_EQ(reparsed["fields"]["outer.\xEF\xBF\xBD\xEF\xBF\xBD"], json({"odd \xEF\xBF\xBD bytes"}));
+    }
+    EXPECT_FALSE(NyRest::ErrorBody(Ny::Exception(1, "f", -997, "X")).contains("fields"));
+}
+
 }  // namespace

@@ -222,9 +222,17 @@ json ErrorBody(const std::exception& error) {
     for (const std::string& cause : Ny::Exception::NestedMessages(error)) {
         causes.push_back(WithoutJsonPrefix(cause.c_str()));
     }
-    return {{"status", Ny::StatusOf(error)},
-            {"message", WithoutJsonPrefix(error.what())},
-            {"causes", std::move(causes)}};
+    json body = {{"status", Ny::StatusOf(error)},
+                 {"message", WithoutJsonPrefix(error.what())},
+                 {"causes", std::move(causes)}};
+    json fields = json::object();
+    for (const auto& refusal : Ny::Exception::FieldsOf(error)) {
+        fields[refusal.path].push_back(refusal.message);
+    }
+    if (!fields.empty()) {
+        body["fields"] = std::move(fields);
+    }
+    return body;
 }
 
 void DocumentResourceBase::UpdateDocument(const RequestInfo&, const nlohmann::json&) {

@@ -14,7 +14,7 @@
 // path 404. Embedded entries are laid out HAL-style under "_embedded".
 //
 // Errors: every failure becomes {"status": <Ny status>, "message": <text>, "causes": [<nested texts>]}
-// with the HTTP status from `HttpStatusFor`. Nothing thrown by a resource escapes a dispatch.
+// (plus "fields" when it carries field refusals) with the HTTP status from `HttpStatusFor`. Nothing thrown by a resource escapes a dispatch.
 //
 // Threading: dispatches run on many threads at once and may block inside a resource for a long time.
 // The route table has a reader-writer lock held only for lookups, never while a resource runs.
@@ -59,7 +59,8 @@ struct DispatchOptions {
 // The HTTP status for a failure: -999 404, -997 400, -1000 and -987 409, a read-only document 405,
 // a JSON type or parse error 400, anything else 500. The one place statuses meet HTTP.
 int HttpStatusFor(const std::exception& error);
-// The JSON error body for a failure.
+// The JSON error body for a failure: {"status", "message", "causes"}, and "fields" (a field's path ->
+// its messages) when the failure or one nested in it carries field refusals.
 nlohmann::json ErrorBody(const std::exception& error);
 
 class ResourceRouter {
