@@ -224,4 +224,27 @@ TEST(Serializer, UnknownMembersAreFoundAtEveryDepth) {
     EXPECT_TRUE(JsonSerializer::UnknownMembers(rig, json::array()).empty());
 }
 
+TEST(Serializer, ElementsBeyondTheArrayAreValidatedBeforeAnythingIsStored) {
+    Rig rig;
+    const json before = JsonSerializer::Serialize(rig);
+    const json grown = {
+        {"outer", {{"label", "new"}}},
+        {"list", {json::object(), json::object(), json::object(), {{"name", 5}}, {{"level", 11}}}}};
+    const Ny::Exception e = Refusal(rig, grown);
+    EXPECT_EQ(e.Fields(), (Fields{{"list.3.name", "Member \"list[3].name\" must be a string."},
+                                  {"list.4.level", "level was set to be greater than its maximum."}}));
+    EXPECT_EQ(JsonSerializer::Serialize(rig), before);
+    EXPECT_EQ(JsonSerializer::UnknownMembers(
+                  rig, {{"list", {json::object(), json::object(), json::object(), {{"nme", 1}}}}}),
+              std::vector<std::string>{"list.3.nme"});
+    // Valid new elements are made and read.
+    JsonSerializer::Deserialize(
+        rig, {{"list", {json::object(), json::object(), json::object(), {{"name", "d"}, {"level", 4}}}}});
+    ASSERT_EQ(rig.list.Count(), 4u);
+    EXPECT_EQ(rig.list[3].name.Get(), "d");
+    EXPECT_EQ(rig.list[3].level.Get(), 4u);
+    Ny::Properties::Array<Channel> empty;
+    EXPECT_EQ(JsonSerializer::UnknownMembers(empty, {{{"nme", 1}}}), std::vector<std::string>{"0.nme"});
+}
+
 }  // namespace

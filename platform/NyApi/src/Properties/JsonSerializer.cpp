@@ -1,6 +1,7 @@
 #include "NyApi/Properties/JsonSerializer.h"
 
 #include <limits>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -227,10 +228,16 @@ struct Refusals {
 };
 
 // The two passes of Deserialize: validate everything first (collecting every refusal), then read.
+// Elements the read makes (beyond an array's current ones) were validated on a scratch element in the
+// first pass; when read they are validated again, so that their values take the same checks (a
+// read-only refusal among them) as those of existing elements.
 class DocumentReader final : public INodeVisitor {
   public:
-    DocumentReader(const json& incomingIn, MemberPath pathIn, Refusals* refusalsIn)
-        : incoming(incomingIn), path(std::move(pathIn)), refusals(refusalsIn) {}
+    DocumentReader(const json& incomingIn, MemberPath pathIn, Refusals* refusalsIn, bool validateToo = false)
+        : incoming(incomingIn),
+          path(std::move(pathIn)),
+          refusals(refusalsIn),
+          validateBeforeRead(validateToo) {}
 
     void Visit(Structure& node) override {
         if (!incoming.is_object()) {
@@ -247,7 +254,7 @@ class DocumentReader final : public INodeVisitor {
             if (found == incoming.end() || child.node->WriteOnly()) {
                 continue;
             }
-            DocumentReader inner(*found, path.With(child.key, false), refusals);
+            DocumentReader inner(*found, path.With(child.key, false), refusals, validateBeforeRead);
             child.node->Accept(inner);
         }
     }
@@ -255,6 +262,9 @@ class DocumentReader final : public INodeVisitor {
         const std::string member = path.Member();
         JsonValueReader reader(incoming, member);
         if (refusals == nullptr) {
+            if (validateBeforeRead) {
+                node.Validate(reader);
+            }
             node.Read(reader);
             return;
         }
@@ -270,13 +280,21 @@ class DocumentReader final : public INodeVisitor {
                                  "Member \"%s\" must be an array.", path.Member().c_str()));
             return;
         }
-        // Elements that do not exist yet are made when reading; the first pass checks the existing ones.
+        // Elements that do not exist yet are made when reading; the first pass checks them on a scratch
+        // element each.
+        const size_t existing = node.Count();
         if (refusals == nullptr) {
             node.Resize(incoming.size());
         }
-        for (size_t i = 0; i < incoming.size() && i < node.Count(); ++i) {
-            DocumentReader inner(incoming[i], path.With(std::to_string(i), true), refusals);
-            node.ElementAt(i).Accept(inner);
+        for (size_t i = 0; i < incoming.size(); ++i) {
+            const bool made = i >= existing;
+            DocumentReader inner(incoming[i], path.With(std::to_string(i), true), refusals,
+                                 validateBeforeRead || (made && refusals == nullptr));
+            if (made && refusals != nullptr) {
+                node.MakeElement()->Accept(inner);
+            } else if (i < node.Count()) {
+                node.ElementAt(i).Accept(inner);
+            }
         }
     }
     void Visit(ReferenceArray&) override {}
@@ -294,6 +312,7 @@ class DocumentReader final : public INodeVisitor {
     const json& incoming;
     MemberPath path;
     Refusals* refusals;  // null while reading
+    bool validateBeforeRead;
 };
 
 void CollectUnknown(const Node& node, const json& incoming, const MemberPath& path,
@@ -320,14 +339,16 @@ class UnknownMemberFinder final : public INodeVisitorConst {
     }
     void Visit(const Internal::ValueBase&) override {}
     void Visit(const Internal::ArrayBase& node) override {
-        if (!incoming.is_array() || node.Count() == 0) {
+        if (!incoming.is_array()) {
             return;
         }
-        // The elements of a typed array share one structure type: an element that does not exist yet
-        // takes the first one's members.
+        std::unique_ptr<Structure> scratch;  // the members of an element that does not exist yet
         for (size_t i = 0; i < incoming.size(); ++i) {
-            CollectUnknown(node.ElementAt(i < node.Count() ? i : 0), incoming[i],
-                           path.With(std::to_string(i), true), unknown);
+            if (i >= node.Count() && !scratch) {
+                scratch = node.MakeElement();
+            }
+            const Structure& element = i < node.Count() ? node.ElementAt(i) : *scratch;
+            CollectUnknown(element, incoming[i], path.With(std::to_string(i), true), unknown);
         }
     }
     void Visit(const ReferenceArray&) override {}

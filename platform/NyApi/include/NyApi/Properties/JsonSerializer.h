@@ -34,7 +34,7 @@ class JsonSerializer {
     // Throws the first refusal (see above), or -997 when `json` is not an object for a structure.
     static void Deserialize(Node& node, const nlohmann::json& json);
     // Paths joined with "." (array elements by index); an element beyond the array's current ones is
-    // checked against the first element. Members under a node of another kind are not looked into.
+    // checked against a new element. Members under a node of another kind are not looked into.
     static std::vector<std::string> UnknownMembers(const Node& node, const nlohmann::json& json);
 };
 
