@@ -14,7 +14,8 @@
 // path 404. Embedded entries are laid out HAL-style under "_embedded".
 //
 // Errors: every failure becomes {"status": <Ny status>, "message": <text>, "causes": [<nested texts>]}
-// (plus "fields" when it carries field refusals) with the HTTP status from `HttpStatusFor`. Nothing thrown by a resource escapes a dispatch.
+// (plus "fields" when it carries field refusals) with the HTTP status from `HttpStatusFor`. Nothing
+// thrown by a resource escapes a dispatch.
 //
 // Threading: dispatches run on many threads at once and may block inside a resource for a long time.
 // The route table has a reader-writer lock held only for lookups, never while a resource runs.
@@ -52,7 +53,9 @@ struct DispatchOptions {
     // Called once, on the dispatching thread, with the id and path of the first Created notification
     // raised on that thread while it is inside this dispatch (a creation announces its routine
     // synchronously, before it may block waiting for the routine). The id is the path's last segment.
-    // What it throws is logged and dropped: it must not fail the creation that raised the notification.
+    // It runs inside the creation while the engine announces the new resource (other creations and
+    // clears wait meanwhile): it must return quickly (hand the result to another thread) and must not
+    // dispatch into the router. What it throws is logged and dropped: it must not fail the creation.
     std::function<void(const CreateResult&)> onCreated;
 };
 
