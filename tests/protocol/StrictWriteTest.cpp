@@ -206,6 +206,13 @@ TEST_F(StrictWriteTest, HostileKeysGiveABoundedMessageAndValidJson) {
     EXPECT_EQ(reparsed["fields"].size(), 1u);
     EXPECT_LT(reparsed["message"].get<std::string>().size(), 200u);
     EXPECT_NE(reparsed["message"].get<std::string>().find("%s%n"), std::string::npos);
+    // A long key is cut between characters, never inside one.
+    std::string accented(33, 'a');
+    for (int i = 0; i < 20; ++i) {
+        accented += "\xC3\xA9";
+    }
+    const NyRest::Response cut = Write({{"parameters", {{accented, 1}}}});
+    EXPECT_NO_THROW(static_cast<void>(cut.body.dump())) << "the message is not valid UTF-8";
 }
 
 TEST_F(StrictWriteTest, SchemaMarksParametersReadOnlyExactlyWhenTheRoutineDoesNotWait) {

@@ -42,7 +42,16 @@ std::string NameKeys(const std::vector<std::string>& keys) {
     std::string text;
     for (size_t i = 0; i < keys.size() && i < MaxNamedKeys; ++i) {
         text += i == 0 ? "\"" : ", \"";
-        text += keys[i].size() <= MaxNamedKeyBytes ? keys[i] : keys[i].substr(0, MaxNamedKeyBytes) + "...";
+        if (keys[i].size() <= MaxNamedKeyBytes) {
+            text += keys[i];
+        } else {
+            // Cut before a UTF-8 continuation byte, so that no character is split.
+            size_t cut = MaxNamedKeyBytes;
+            while (cut > 0 && (static_cast<unsigned char>(keys[i][cut]) & 0xC0) == 0x80) {
+                --cut;
+            }
+            text += keys[i].substr(0, cut) + "...";
+        }
         text += "\"";
     }
     if (keys.size() > MaxNamedKeys) {
@@ -199,25 +208,23 @@ void RoutinesRoot::SetRoutineParamsStrictly(RoutineInstance& instance, const nlo
     // From here to the release the instance lock is held: a continue, an abort or the routine's next
     // parameters wait for it, so the routine still waits for exactly what was checked when it is
     // applied. Every refusal releases without reporting a write: nothing was stored.
-    if (access.Get() == nullptr || !instance.AcceptsParams()) {
-        access.ReleaseUnwritten();
-        throw NY_EXCEPTION(-1000, "The routine does not wait for parameters; nothing was applied.");
-    }
-    const std::vector<std::string> unknown =
-        Ny::Properties::JsonSerializer::UnknownMembers(*access.Get(), incoming);
-    if (!unknown.empty()) {
-        access.ReleaseUnwritten();
-        RefuseUnknownParameters(unknown);
-    }
-    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] {
-        try {
-            Ny::Properties::JsonSerializer::Deserialize(*access.Get(), incoming);
-        } catch (...) {
-            access.ReleaseUnwritten();
-            throw;
+    try {
+        if (access.Get() == nullptr || !instance.AcceptsParams()) {
+            throw NY_EXCEPTION(-1000, "The routine does not wait for parameters; nothing was applied.");
         }
-        access.Release();
-    });
+        const std::vector<std::string> unknown =
+            Ny::Properties::JsonSerializer::UnknownMembers(*access.Get(), incoming);
+        if (!unknown.empty()) {
+            RefuseUnknownParameters(unknown);
+        }
+        WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__,
+                    [&] { Ny::Properties::JsonSerializer::Deserialize(*access.Get(), incoming); });
+    } catch (...) {
+        access.ReleaseUnwritten();
+        throw;
+    }
+    // The release reports the write to the routine; a refusal there is the request's failure too.
+    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] { access.Release(); });
 }
 
 void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instance,
