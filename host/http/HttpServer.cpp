@@ -531,6 +531,12 @@ struct HttpServer::Impl {
                                                 std::shared_ptr<void> ticket,
                                                 const std::optional<std::string>& lastEventId)
         NY_EXCLUDES(sessionsMutex);
+    template <typename Stream>
+    std::shared_ptr<EventClient> AddEventClientLocked(Stream& stream, const std::string& remote,
+                                                      std::shared_ptr<void> ticket,
+                                                      const std::optional<std::string>& lastEventId,
+                                                      std::size_t& replayed, bool& reset)
+        NY_REQUIRES(sessionsMutex);
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
     bool CallMayWait(const HttpRequest& request) const;
@@ -1277,14 +1283,35 @@ template <typename Stream>
 std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, const std::string& remote,
                                                               std::shared_ptr<void> ticket,
                                                               const std::optional<std::string>& lastEventId) {
-    Ny::MutexLock guard(sessionsMutex);
+    std::shared_ptr<EventClient> added;
+    std::size_t replayed = 0;
+    bool reset = false;
+    {
+        Ny::MutexLock guard(sessionsMutex);
+        added = AddEventClientLocked(stream, remote, std::move(ticket), lastEventId, replayed, reset);
+    }
+    // Logged outside the lock, which stays innermost.
+    if (added && lastEventId) {
+        if (reset) {
+            NY_LOG(Ny::Logging::Level::Progress, "Event client %s resumes with a reset.", remote.c_str());
+        } else {
+            NY_LOG(Ny::Logging::Level::Progress, "Event client %1$s resumes: %2$zu events replayed.",
+                   remote.c_str(), replayed);
+        }
+    }
+    return added;
+}
+
+template <typename Stream>
+std::shared_ptr<EventClient> HttpServer::Impl::AddEventClientLocked(
+    Stream& stream, const std::string& remote, std::shared_ptr<void> ticket,
+    const std::optional<std::string>& lastEventId, std::size_t& replayed, bool& reset) {
     std::erase_if(eventSessions, [](const auto& weak) { return weak.expired(); });
     if (stopping || eventSessions.size() >= options.maxEventClients) {
         return nullptr;
     }
     // The replay shares the journal's frames: many clients resuming at once cost a pointer per frame.
     std::vector<EventJournal::Frame> opening{streamOpening};
-    bool reset = false;
     if (lastEventId) {
         auto resumption = journal.After(*lastEventId);
         reset = resumption.reset;
@@ -1306,10 +1333,7 @@ std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, co
         reset = true;
         cost = costOf(opening);
     }
-    if (lastEventId) {
-        NY_LOG(Ny::Logging::Level::Progress, "Event client %1$s resumes: %2$s.", remote.c_str(),
-               reset ? "reset" : (std::to_string(opening.size() - 1) + " events replayed").c_str());
-    }
+    replayed = reset ? 0 : opening.size() - 1;
     auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket),
                                                          std::move(opening));
     events->Hold(cost);
