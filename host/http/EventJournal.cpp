@@ -94,10 +94,10 @@ EventJournal::Frame EventJournal::Append(std::string_view event, std::string_vie
 }
 
 EventJournal::Frame EventJournal::ResetFrame(std::string_view reason) const {
-    const nlohmann::json data{{"type", "reset"}, {"reason", reason}};
+    // Written by hand so that "type" comes first, as in every other event's data.
     return std::make_shared<const std::string>(
-        "id: " + LatestId() + "\nevent: reset\ndata: " +
-        data.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n\n");
+        "id: " + LatestId() + "\nevent: reset\ndata: {\"type\":\"reset\",\"reason\":" +
+        nlohmann::json(reason).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "}\n\n");
 }
 
 EventJournal::Resumption EventJournal::After(std::string_view lastEventId) const {

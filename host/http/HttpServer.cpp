@@ -1090,7 +1090,11 @@ class Session final : public Connection {
             message->body() = std::move(response.body);
         }
         message->prepare_payload();
-        if (headOnly && !noBody) {
+        if (noBody) {
+            // The library writes "Content-Length: 0"; a 204 must not carry the field, and a 304 only with
+            // the length of the 200 it stands for, which a cache would otherwise take as the document's.
+            message->content_length(boost::none);
+        } else if (headOnly) {
             // The length GET would have sent, and no body.
             const std::size_t length = message->body().size();
             message->body().clear();
@@ -1326,7 +1330,7 @@ std::shared_ptr<EventClient> HttpServer::Impl::AddEventClientLocked(
         return cost;
     };
     std::size_t cost = costOf(opening);
-    if (cost > options.eventClientQueueBytes / 2) {
+    if (lastEventId && cost > options.eventClientQueueBytes / 2) {
         // Queued whole, a replay this long would leave no room for the live frames behind it and the
         // client would be dropped at once: it re-reads instead.
         opening = {streamOpening, journal.ResetFrame("More events were missed than the stream can replay.")};
