@@ -57,6 +57,11 @@ NyHost::HttpServer& Server() {
                 return std::nullopt;
             });
         created->Start();
+        // A journal with something in it, so that a stream opened with an event id has frames to
+        // replay or a reset to send.
+        for (int i = 0; i < 3; ++i) {
+            created->PublishEvent("updated", R"({"type":"updated","path":"/routines/Fuzz-0"})");
+        }
         return created;  // lives for the process: the fuzzer never returns from its loop
     }();
     return *server;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
+#include <exception>
 #include <random>
 
 #include <nlohmann/json.hpp>
@@ -17,12 +19,19 @@ constexpr std::size_t kRunDigits = 8;
 constexpr std::size_t kMaxNumberDigits = 20;
 
 std::string RunText(std::uint32_t run) {
-    if (run == 0) {
-        // Two servers started at the same moment must not share a run: seeded from the device, not the
-        // clock. Zero is kept for "pick one".
-        std::random_device device;
-        std::uniform_int_distribution<std::uint32_t> pick(1, UINT32_MAX);
-        run = pick(device);
+    // Two servers started at the same moment must not share a run: taken from the system's random
+    // device, not the clock. Zero is kept for "pick one".
+    while (run == 0) {
+        try {
+            std::random_device device;
+            run = static_cast<std::uint32_t>(device());
+        } catch (const std::exception&) {
+            // No random device (a bare container): the clock and an address differ between runs too.
+            const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+            const auto where = reinterpret_cast<std::uintptr_t>(&run);
+            run = static_cast<std::uint32_t>(static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15ull >> 32) ^
+                  static_cast<std::uint32_t>(where >> 4);
+        }
     }
     char text[kRunDigits + 1];
     std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(run));
@@ -85,10 +94,10 @@ EventJournal::Frame EventJournal::Append(std::string_view event, std::string_vie
 }
 
 EventJournal::Frame EventJournal::ResetFrame(std::string_view reason) const {
-    const nlohmann::json data{{"type", "reset"}, {"reason", reason}};
+    // Written by hand so that "type" comes first, as in every other event's data.
     return std::make_shared<const std::string>(
-        "id: " + LatestId() + "\nevent: reset\ndata: " +
-        data.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n\n");
+        "id: " + LatestId() + "\nevent: reset\ndata: {\"type\":\"reset\",\"reason\":" +
+        nlohmann::json(reason).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "}\n\n");
 }
 
 EventJournal::Resumption EventJournal::After(std::string_view lastEventId) const {

@@ -531,6 +531,12 @@ struct HttpServer::Impl {
                                                 std::shared_ptr<void> ticket,
                                                 const std::optional<std::string>& lastEventId)
         NY_EXCLUDES(sessionsMutex);
+    template <typename Stream>
+    std::shared_ptr<EventClient> AddEventClientLocked(Stream& stream, const std::string& remote,
+                                                      std::shared_ptr<void> ticket,
+                                                      const std::optional<std::string>& lastEventId,
+                                                      std::size_t& replayed, bool& reset)
+        NY_REQUIRES(sessionsMutex);
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
     bool CallMayWait(const HttpRequest& request) const;
@@ -1084,7 +1090,11 @@ class Session final : public Connection {
             message->body() = std::move(response.body);
         }
         message->prepare_payload();
-        if (headOnly && !noBody) {
+        if (noBody) {
+            // The library writes "Content-Length: 0"; a 204 must not carry the field, and a 304 only with
+            // the length of the 200 it stands for, which a cache would otherwise take as the document's.
+            message->content_length(boost::none);
+        } else if (headOnly) {
             // The length GET would have sent, and no body.
             const std::size_t length = message->body().size();
             message->body().clear();
@@ -1277,14 +1287,35 @@ template <typename Stream>
 std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, const std::string& remote,
                                                               std::shared_ptr<void> ticket,
                                                               const std::optional<std::string>& lastEventId) {
-    Ny::MutexLock guard(sessionsMutex);
+    std::shared_ptr<EventClient> added;
+    std::size_t replayed = 0;
+    bool reset = false;
+    {
+        Ny::MutexLock guard(sessionsMutex);
+        added = AddEventClientLocked(stream, remote, std::move(ticket), lastEventId, replayed, reset);
+    }
+    // Logged outside the lock, which stays innermost.
+    if (added && lastEventId) {
+        if (reset) {
+            NY_LOG(Ny::Logging::Level::Progress, "Event client %s resumes with a reset.", remote.c_str());
+        } else {
+            NY_LOG(Ny::Logging::Level::Progress, "Event client %1$s resumes: %2$zu events replayed.",
+                   remote.c_str(), replayed);
+        }
+    }
+    return added;
+}
+
+template <typename Stream>
+std::shared_ptr<EventClient> HttpServer::Impl::AddEventClientLocked(
+    Stream& stream, const std::string& remote, std::shared_ptr<void> ticket,
+    const std::optional<std::string>& lastEventId, std::size_t& replayed, bool& reset) {
     std::erase_if(eventSessions, [](const auto& weak) { return weak.expired(); });
     if (stopping || eventSessions.size() >= options.maxEventClients) {
         return nullptr;
     }
     // The replay shares the journal's frames: many clients resuming at once cost a pointer per frame.
     std::vector<EventJournal::Frame> opening{streamOpening};
-    bool reset = false;
     if (lastEventId) {
         auto resumption = journal.After(*lastEventId);
         reset = resumption.reset;
@@ -1299,17 +1330,14 @@ std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, co
         return cost;
     };
     std::size_t cost = costOf(opening);
-    if (cost > options.eventClientQueueBytes / 2) {
+    if (lastEventId && cost > options.eventClientQueueBytes / 2) {
         // Queued whole, a replay this long would leave no room for the live frames behind it and the
         // client would be dropped at once: it re-reads instead.
         opening = {streamOpening, journal.ResetFrame("More events were missed than the stream can replay.")};
         reset = true;
         cost = costOf(opening);
     }
-    if (lastEventId) {
-        NY_LOG(Ny::Logging::Level::Progress, "Event client %1$s resumes: %2$s.", remote.c_str(),
-               reset ? "reset" : (std::to_string(opening.size() - 1) + " events replayed").c_str());
-    }
+    replayed = reset ? 0 : opening.size() - 1;
     auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket),
                                                          std::move(opening));
     events->Hold(cost);

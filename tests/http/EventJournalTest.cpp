@@ -33,6 +33,8 @@ TEST(EventJournal, NumbersFramesFromOneWithinItsRunInExactBytes) {
               "id: 1a2b3c4d-2\nevent: note\ndata: two\ndata: lines\n\n");
     EXPECT_EQ(*journal.Append("empty", ""), "id: 1a2b3c4d-3\nevent: empty\ndata: \n\n");
     EXPECT_EQ(journal.LatestId(), kRunText + "-3");
+    EXPECT_EQ(*journal.ResetFrame("Say \"why\"."),
+              "id: 1a2b3c4d-3\nevent: reset\ndata: {\"type\":\"reset\",\"reason\":\"Say \\\"why\\\".\"}\n\n");
 }
 
 TEST(EventJournal, RandomRunsDifferAndAreEightLowercaseHexDigits) {
