@@ -45,6 +45,7 @@ void HostService::Start() {
     }
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
     operatorResources = std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes);
+    apiDescription = std::make_unique<ApiDescription>(router);
 
     HttpServerOptions serverOptions;
     serverOptions.address = options.address;
@@ -187,6 +188,7 @@ void HostService::Shutdown() {
         server->Stop();
     }
     notifications.Reset();
+    apiDescription.reset();
     operatorResources.reset();
     module.reset();
     server.reset();

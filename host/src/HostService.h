@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "ApiDescription.h"
 #include "HostOptions.h"
 #include "HttpServer.h"
 #include "NyApi/Event.h"
@@ -68,6 +69,7 @@ class HostService {
     NyPlugin::PluginManager plugins;
     std::unique_ptr<NyRoutine::RoutineModule> module;
     std::unique_ptr<OperatorResources> operatorResources;
+    std::unique_ptr<ApiDescription> apiDescription;
     std::unique_ptr<RequestPolicy> policy;
     std::unique_ptr<HttpServer> server;
     Ny::Subscription notifications;  // router notifications to event clients; reset before the server goes
