@@ -73,6 +73,17 @@ async function validateAt(pointer, value) {
   return validators.get(pointer)(value, 'BASIC');
 }
 
+// The validator's errors, with the members a "required" keyword missed named.
+function describe(errors, instance) {
+  return formatErrors(errors, (error) => {
+    if (!error.keyword.endsWith('/required') || !error.absoluteKeywordLocation.startsWith(`${documentUrl}#`)) return '';
+    const required = pointerGet(document, error.absoluteKeywordLocation.slice(documentUrl.length));
+    const at = pointerGet(instance, error.instanceLocation);
+    const missing = (required ?? []).filter((name) => !(at && typeof at === 'object' && name in at));
+    return missing.map((name) => ` "${name}" is missing`).join(',');
+  });
+}
+
 function header(exchange, name) {
   const found = exchange.headers.find(([key]) => key.toLowerCase() === name.toLowerCase());
   return found ? found[1] : undefined;
@@ -117,7 +128,7 @@ async function check(exchange) {
     if (spec.schema) {
       const { node: schema, pointer: schemaPointer } = deref(spec.schema, `${headerPointer}/schema`);
       const result = await validateAt(schemaPointer ?? `${headerPointer}/schema`, value);
-      if (!result.valid) problems.push(`the header ${headerName}: ${JSON.stringify(value)} does not match ${headerPointer}/schema\n${formatErrors(result.errors)}`);
+      if (!result.valid) problems.push(`the header ${headerName}: ${JSON.stringify(value)} does not match ${headerPointer}/schema\n${describe(result.errors, value)}`);
     }
   }
   const headOnly = exchange.method === 'HEAD' || exchange.status === 304 || exchange.status === 204;
@@ -143,7 +154,7 @@ async function check(exchange) {
   }
   const schemaPointer = `${pointer}/content/${pointerEscape(key)}/schema`;
   const result = await validateAt(schemaPointer, body);
-  if (!result.valid) problems.push(`the body does not match ${schemaPointer}\n${formatErrors(result.errors)}`);
+  if (!result.valid) problems.push(`the body does not match ${schemaPointer}\n${describe(result.errors, body)}`);
   return { name, problems };
 }
 

@@ -26,11 +26,12 @@ export function pointerEscape(key) {
   return encodeURIComponent(key.replace(/~/g, '~0').replace(/\//g, '~1'));
 }
 
-export function formatErrors(errors = []) {
+// `detail(error)` may add text of its own to an error's line.
+export function formatErrors(errors = [], detail = () => '') {
   // The innermost failures say most; the schema's own combinators ("anyOf" failed) repeat them.
   const shown = errors.filter((e) => !/\/(anyOf|oneOf|allOf|ref|\$ref|properties|items|additionalProperties)$/.test(e.keyword));
   return (shown.length > 0 ? shown : errors)
     .slice(0, 12)
-    .map((e) => `  at ${e.instanceLocation}: ${e.keyword.replace(/^.*\/keyword\//, '')} (${e.absoluteKeywordLocation})`)
+    .map((e) => `  at ${e.instanceLocation}: ${e.keyword.replace(/^.*\/keyword\//, '')} (${e.absoluteKeywordLocation})${detail(e)}`)
     .join('\n');
 }

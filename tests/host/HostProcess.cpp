@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,6 +85,7 @@ void RecordExchange(const std::string& method, const std::string& target, const 
     // Tests send bytes that are not UTF-8 on purpose; they are replaced, not thrown on.
     const std::string line = exchange.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     const std::string file = std::string(folder) + "/exchanges-" + std::to_string(getpid()) + ".jsonl";
+    ::mkdir(folder, 0755);  // the first record of a run makes the folder; EEXIST after that
     const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         ADD_FAILURE() << "cannot record the exchange in " << file << ": " << std::strerror(errno);
