@@ -114,6 +114,42 @@ function replyFor(exchange) {
   return { name, reply: node, pointer };
 }
 
+// A stream as far as the test read it: every whole frame's event must be one the document names in
+// "x-events", and its data must match that event's schema.
+async function checkEvents(stream, media, mediaPointer) {
+  const problems = [];
+  const events = media['x-events'] ?? {};
+  const frames = stream.split('\n\n');
+  frames.pop();  // the last piece is a frame still arriving, or nothing
+  for (const frame of frames) {
+    const fields = {};
+    for (const line of frame.split('\n')) {
+      if (line === '' || line.startsWith(':')) continue;
+      const colon = line.indexOf(':');
+      const field = colon < 0 ? line : line.slice(0, colon);
+      const value = colon < 0 ? '' : line.slice(colon + 1).replace(/^ /, '');
+      fields[field] = field === 'data' && field in fields ? `${fields.data}\n${value}` : value;
+    }
+    if (!('data' in fields)) continue;
+    const event = fields.event ?? 'message';
+    if (!(event in events)) {
+      problems.push(`the event ${JSON.stringify(event)} is not among the events of ${mediaPointer}/x-events`);
+      continue;
+    }
+    let data;
+    try {
+      data = JSON.parse(fields.data);
+    } catch (e) {
+      problems.push(`the data of an event ${event} is not JSON: ${e.message}`);
+      continue;
+    }
+    const { pointer } = deref(events[event], `${mediaPointer}/x-events/${pointerEscape(event)}`);
+    const result = await validateAt(pointer, data);
+    if (!result.valid) problems.push(`the event ${event} ${fields.data} does not match ${pointer}\n${describe(result.errors, data)}`);
+  }
+  return problems;
+}
+
 async function check(exchange) {
   const problems = [];
   const { name, reply, pointer, problem } = replyFor(exchange);
@@ -142,6 +178,10 @@ async function check(exchange) {
   const key = [mediaType, `${mediaType.split('/')[0]}/*`, '*/*'].find((k) => k in content);
   if (!key) {
     problems.push(`Content-Type ${JSON.stringify(mediaType)} is not among ${Object.keys(content).join(', ')} of ${pointer}`);
+    return { name, problems };
+  }
+  if (key === 'text/event-stream') {
+    problems.push(...(await checkEvents(exchange.body, content[key], `${pointer}/content/${pointerEscape(key)}`)));
     return { name, problems };
   }
   if (key !== 'application/json') return { name, problems };

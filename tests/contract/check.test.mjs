@@ -43,7 +43,7 @@ const schemas = (document) => document.components.schemas;
 test('the recorded replies agree with the document', () => {
   const { status, output } = checkWith(() => {});
   assert.equal(status, 0, output);
-  assert.match(output, /12 passed, 0 failed/);
+  assert.match(output, /13 passed, 0 failed/);
 });
 
 const drifts = [
@@ -83,6 +83,13 @@ const drifts = [
   ['the preflight reply loses a header the policy sends', (d) => {
     d.components.responses.Preflight.headers['Access-Control-Expose-Headers'] = { required: true, schema: { type: 'string' } };
   }, /OPTIONS "\/routines\/\*" -> 204[\s\S]*Access-Control-Expose-Headers/],
+  ['the stream no longer documents an event it sends', (d) => {
+    schemas(d).EventData.properties.type.enum = ['created', 'deleted'];
+  }, /GET "\/events" -> 200[\s\S]*the event updated \{[^\n]*\} does not match #\/components\/schemas\/EventData/],
+  ['the stream names its events otherwise', (d) => {
+    const media = d.paths['/events'].get.responses['200'].content['text/event-stream'];
+    media['x-events'] = { change: media['x-events'].updated };
+  }, /GET "\/events" -> 200[\s\S]*the event "created" is not among the events/],
 ];
 
 for (const [name, mutate, expected] of drifts) {

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -29,35 +30,6 @@ std::string HttpReply::Header(const std::string& name) const {
         }
     }
     return {};
-}
-
-HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout, const std::string& source) {
-    socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (!source.empty()) {
-        sockaddr_in local{};
-        local.sin_family = AF_INET;
-        inet_pton(AF_INET, source.c_str(), &local.sin_addr);
-        if (bind(socket, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-            ::close(socket);
-            throw std::runtime_error("cannot bind to " + source);
-        }
-    }
-    timeval tv{static_cast<time_t>(timeout.count() / 1000),
-               static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
-    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(socket);
-        throw std::runtime_error("cannot connect to the host");
-    }
-}
-
-HttpConnection::~HttpConnection() {
-    ::close(socket);
 }
 
 namespace {
@@ -98,6 +70,86 @@ void RecordExchange(const std::string& method, const std::string& target, const 
 }
 
 }  // namespace
+
+namespace {
+
+// The status and headers of the reply at the start of `data`, and where its body starts; nullopt while
+// the header is not complete. `length` is the Content-Length (0 without one).
+struct ReplyHead {
+    HttpReply reply;
+    size_t bodyStart = 0;
+    size_t length = 0;
+};
+
+std::optional<ReplyHead> ParseHead(const std::string& data) {
+    const size_t headerEnd = data.find("\r\n\r\n");
+    if (headerEnd == std::string::npos || headerEnd < 12) {
+        return std::nullopt;
+    }
+    ReplyHead parsed;
+    parsed.bodyStart = headerEnd + 4;
+    const std::string head = data.substr(0, headerEnd);
+    size_t lineEnd = head.find("\r\n");
+    parsed.reply.status = std::atoi(head.substr(9, 3).c_str());
+    while (lineEnd != std::string::npos && lineEnd < head.size()) {
+        const size_t next = head.find("\r\n", lineEnd + 2);
+        const std::string line =
+            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
+        const size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            std::string value = line.substr(colon + 1);
+            value.erase(0, value.find_first_not_of(' '));
+            parsed.reply.headers.emplace_back(line.substr(0, colon), value);
+            if (strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
+                parsed.length = std::strtoul(value.c_str(), nullptr, 10);
+            }
+        }
+        lineEnd = next;
+    }
+    return parsed;
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout, const std::string& source) {
+    socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (!source.empty()) {
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, source.c_str(), &local.sin_addr);
+        if (bind(socket, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+            ::close(socket);
+            throw std::runtime_error("cannot bind to " + source);
+        }
+    }
+    timeval tv{static_cast<time_t>(timeout.count() / 1000),
+               static_cast<suseconds_t>((timeout.count() % 1000) * 1000)};
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(socket);
+        throw std::runtime_error("cannot connect to the host");
+    }
+}
+
+HttpConnection::~HttpConnection() {
+    // An event stream is read with ReadUntil and never ends: what arrived of it is its reply.
+    try {
+        if (auto parsed = ParseHead(pending);
+            parsed && parsed->reply.Header("Content-Type").rfind("text/event-stream", 0) == 0) {
+            parsed->reply.body = pending.substr(parsed->bodyStart);
+            const SentRequest answered = TakeAnswered();
+            RecordExchange(answered.method, answered.target, parsed->reply);
+        }
+    } catch (...) {
+        // Recording is for the contract check; a destructor must not throw.
+    }
+    ::close(socket);
+}
 
 bool HttpConnection::SendRaw(const std::string& bytes) {
     NoteSent(bytes);
@@ -181,34 +233,16 @@ std::string HttpConnection::ReadUntil(const std::function<bool(const std::string
 }
 
 HttpReply HttpConnection::ReadReply() {
-    HttpReply reply;
     ReadUntil([](const std::string& data) { return data.find("\r\n\r\n") != std::string::npos; });
-    const size_t headerEnd = pending.find("\r\n\r\n");
-    if (headerEnd == std::string::npos) {
-        return reply;
+    auto parsed = ParseHead(pending);
+    if (!parsed) {
+        return {};
     }
-    const std::string head = pending.substr(0, headerEnd);
-    size_t lineEnd = head.find("\r\n");
-    reply.status = std::stoi(head.substr(9, 3));
-    size_t length = 0;
-    while (lineEnd != std::string::npos && lineEnd < head.size()) {
-        const size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line =
-            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
-        const size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            reply.headers.emplace_back(line.substr(0, colon), value);
-            if (strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
-                length = std::stoul(value);
-            }
-        }
-        lineEnd = next;
-    }
-    ReadUntil([&](const std::string& data) { return data.size() >= headerEnd + 4 + length; });
-    reply.body = pending.substr(headerEnd + 4, length);
-    pending.erase(0, std::min(pending.size(), headerEnd + 4 + length));
+    const size_t end = parsed->bodyStart + parsed->length;
+    ReadUntil([&](const std::string& data) { return data.size() >= end; });
+    HttpReply reply = std::move(parsed->reply);
+    reply.body = pending.substr(parsed->bodyStart, parsed->length);
+    pending.erase(0, std::min(pending.size(), end));
     const SentRequest answered = TakeAnswered();
     RecordExchange(answered.method, answered.target, reply);
     return reply;
