@@ -121,6 +121,12 @@ async function checkEvents(stream, media, mediaPointer) {
   const events = media['x-events'] ?? {};
   const frames = stream.split('\n\n');
   frames.pop();  // the last piece is a frame still arriving, or nothing
+  // "x-retry": the stream opens with that reconnection hint; "x-event-id-pattern": every event has an id
+  // of that form.
+  if (media['x-retry'] !== undefined && frames.length > 0 && frames[0] !== `retry: ${media['x-retry']}`) {
+    problems.push(`the stream does not open with "retry: ${media['x-retry']}" (${mediaPointer}/x-retry)`);
+  }
+  const idPattern = media['x-event-id-pattern'] ? new RegExp(media['x-event-id-pattern']) : null;
   for (const frame of frames) {
     const fields = {};
     for (const line of frame.split('\n')) {
@@ -132,6 +138,9 @@ async function checkEvents(stream, media, mediaPointer) {
     }
     if (!('data' in fields)) continue;
     const event = fields.event ?? 'message';
+    if (idPattern && !idPattern.test(fields.id ?? '')) {
+      problems.push(`the event ${event} has the id ${JSON.stringify(fields.id ?? null)}, not one of ${mediaPointer}/x-event-id-pattern`);
+    }
     if (!(event in events)) {
       problems.push(`the event ${JSON.stringify(event)} is not among the events of ${mediaPointer}/x-events`);
       continue;

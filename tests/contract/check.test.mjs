@@ -90,6 +90,12 @@ const drifts = [
     const media = d.paths['/events'].get.responses['200'].content['text/event-stream'];
     media['x-events'] = { change: media['x-events'].updated };
   }, /GET "\/events" -> 200[\s\S]*the event "created" is not among the events/],
+  ['the stream is documented to open with a reconnection hint it does not send', (d) => {
+    d.paths['/events'].get.responses['200'].content['text/event-stream']['x-retry'] = 3000;
+  }, /GET "\/events" -> 200[\s\S]*does not open with "retry: 3000"/],
+  ['the stream is documented to number its events, which it does not', (d) => {
+    d.paths['/events'].get.responses['200'].content['text/event-stream']['x-event-id-pattern'] = '^[0-9a-f]{8}-[1-9][0-9]*$';
+  }, /GET "\/events" -> 200[\s\S]*the event created has the id null/],
 ];
 
 for (const [name, mutate, expected] of drifts) {
