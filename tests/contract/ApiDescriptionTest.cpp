@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -60,4 +61,44 @@ TEST(ApiDescription, DocumentNeedsTheTokenLikeEveryApiPath) {
     EXPECT_EQ(refused.body.find("paths"), std::string::npos);
     EXPECT_EQ(host.Request("GET", "/openapi.json", "", {"Authorization: Bearer wrong-token"}).status, 401);
     EXPECT_EQ(host.Request("GET", "/openapi.json", "", {"Authorization: Bearer " + token}).status, 200);
+}
+
+// The operations the other host tests do not reach, each answered as the document says; the contract
+// check then holds every reply to the documented shape. One request per documented operation.
+TEST(ApiDescription, OperationsOutsideTheFlowsAnswerAsDocumented) {
+    HostProcess host;
+    struct Case {
+        const char* method;
+        std::string target;
+        std::string body;
+        int status;
+    };
+    const std::vector<Case> cases = {
+        {"PUT", "/routineTypes", "{}", 405},
+        {"PATCH", "/routineTypes", "{}", 405},
+        {"PUT", "/routines", "{}", 400},  // the collection has no document to write
+        {"PATCH", "/routines", "{}", 400},
+        {"DELETE", "/routines", "", 400},  // every routine is "/routines/*"
+        {"POST", "/routines/none/commands/abort", "", 404},
+        {"GET", "/index.html", "", 200},
+        {"GET", "/web/app.js", "", 200},
+        {"GET", "/web/style.css", "", 200},
+        {"GET", "/web/missing.js", "", 404},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(host.Request(c.method, c.target, c.body).status, c.status) << c.method << " " << c.target;
+    }
+    ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "SelfTest"}}).status, 201);
+    EXPECT_EQ(host.Request("POST", "/routines/SelfTest-0/commands/abort").status, 200);
+
+    // A cross-origin client asks first; the policy answers for every API path alike.
+    const std::string origin = "Origin: http://127.0.0.1:" + std::to_string(host.Port());
+    for (const char* path :
+         {"/routineTypes", "/routines/SelfTest-0/commands/continue", "/routines/SelfTest-0/commands/abort",
+          "/events", "/system", "/system/commands/factoryRestore", "/plugins", "/openapi.json"}) {
+        const auto preflight =
+            host.Request("OPTIONS", path, "", {origin, "Access-Control-Request-Method: POST"});
+        EXPECT_EQ(preflight.status, 204) << path;
+        EXPECT_FALSE(preflight.Header("Access-Control-Allow-Methods").empty()) << path;
+    }
 }
