@@ -1,5 +1,6 @@
 #include "AsyncCreations.h"
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <string>
@@ -42,7 +43,9 @@ std::optional<AsyncCreations::Outcome> AsyncCreations::Run(Creation creation) {
     auto task = std::make_shared<Task>();
     {
         Ny::MutexLock guard(mutex);
-        if (tasks.size() >= maxRunning) {
+        const auto running =
+            std::count_if(tasks.begin(), tasks.end(), [](const auto& t) { return !t->done; });
+        if (static_cast<std::size_t>(running) >= maxRunning) {
             return std::nullopt;
         }
         // The thread holds the task by name, so the list may drop it while the creation still runs.
@@ -67,8 +70,6 @@ std::optional<AsyncCreations::Outcome> AsyncCreations::Run(Creation creation) {
             {
                 Ny::MutexLock taskGuard(task->mutex);
                 answeredEarly = task->created.has_value();
-                task->finished = reply;
-                task->changed.NotifyAll();
             }
             if (answeredEarly && reply.status >= 400) {
                 // The client was told 202 already; what became of its routine shows in its document and
@@ -76,7 +77,12 @@ std::optional<AsyncCreations::Outcome> AsyncCreations::Run(Creation creation) {
                 NY_LOG(Ny::Logging::Level::Notice, "A creation answered early ended with %1$d: %2$s",
                        reply.status, reply.body.value("message", std::string()).c_str());
             }
+            // Done before its reply is seen: a request that has the reply may start the next creation,
+            // and this one must no longer count against the bound by then.
+            Ny::MutexLock taskGuard(task->mutex);
             task->done = true;
+            task->finished = std::move(reply);
+            task->changed.NotifyAll();
         });
         tasks.push_back(task);
     }

@@ -224,7 +224,7 @@ TEST(HostPolicy, RunStateOutsideTheCoresRangeIsRefused) {
         EXPECT_NE(reply.Json()["message"].get<std::string>().find("runState"), std::string::npos) << value;
     }
     EXPECT_EQ(host.Request("PATCH", "/system", json{{"runState", 2147483647}}).status, 204);
-    EXPECT_EQ(host.Request("GET", "/system").Json(), json({{"runState", 2147483647}}));
+    EXPECT_EQ(host.Request("GET", "/system").Json()["runState"], 2147483647);
 }
 
 TEST(HostPolicy, OptionsThatWouldExposeThePortAreRefusedAtStart) {
