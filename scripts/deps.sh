@@ -33,4 +33,8 @@ nyr_install_browser_tests() {
     if [ ! -d "$root/tests/web/node_modules/playwright-core" ]; then
         (cd "$root/tests/web" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
     fi
+    # The API contract's checks: an OpenAPI 3.1 and JSON Schema validator from the npm registry.
+    if [ ! -d "$root/tests/contract/node_modules/@hyperjump/json-schema" ]; then
+        (cd "$root/tests/contract" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+    fi
 }

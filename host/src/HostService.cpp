@@ -88,6 +88,7 @@ void HostService::Start() {
     operatorResources =
         std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes,
                                             static_cast<unsigned>(module->RoutineManager().Limit()));
+    apiDescription = std::make_unique<ApiDescription>(router);
 
     HttpServerOptions serverOptions;
     serverOptions.address = options.address;
@@ -252,6 +253,7 @@ void HostService::Shutdown() {
     // Every creation thread was released by the clearing above; none can start now (`stopping`).
     asyncCreations.JoinAll();
     notifications.Reset();
+    apiDescription.reset();
     operatorResources.reset();
     module.reset();
     server.reset();

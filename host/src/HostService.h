@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "ApiDescription.h"
 #include "AsyncCreations.h"
 #include "HostOptions.h"
 #include "HttpServer.h"
@@ -74,6 +75,7 @@ class HostService {
     NyPlugin::PluginManager plugins;
     std::unique_ptr<NyRoutine::RoutineModule> module;
     std::unique_ptr<OperatorResources> operatorResources;
+    std::unique_ptr<ApiDescription> apiDescription;
     std::unique_ptr<RequestPolicy> policy;
     std::unique_ptr<HttpServer> server;
     AsyncCreations asyncCreations{kMaxAsyncCreations};  // joined before the module goes

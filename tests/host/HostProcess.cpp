@@ -6,11 +6,16 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -26,6 +31,85 @@ std::string HttpReply::Header(const std::string& name) const {
     }
     return {};
 }
+
+namespace {
+
+// Appends one exchange as a JSON line to this process's record file, when recording is on. One write(2)
+// of the whole line to a file opened with O_APPEND: appends to a regular file do not interleave, so
+// threads of one test need no lock, and every process writes a file of its own.
+void RecordExchange(const std::string& method, const std::string& target, const HttpReply& reply) {
+    const char* folder = std::getenv("NYR_CONTRACT_RECORD_DIR");
+    if (folder == nullptr || *folder == '\0' || reply.status == 0) {
+        return;
+    }
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    nlohmann::json headers = nlohmann::json::array();
+    for (const auto& [name, value] : reply.headers) {
+        headers.push_back({name, value});
+    }
+    const nlohmann::json exchange = {
+        {"test", test == nullptr ? std::string() : std::string(test->test_suite_name()) + "." + test->name()},
+        {"method", method},
+        {"target", target},
+        {"status", reply.status},
+        {"headers", std::move(headers)},
+        {"body", reply.body}};
+    // Tests send bytes that are not UTF-8 on purpose; they are replaced, not thrown on.
+    const std::string line = exchange.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    const std::string file = std::string(folder) + "/exchanges-" + std::to_string(getpid()) + ".jsonl";
+    ::mkdir(folder, 0755);  // the first record of a run makes the folder; EEXIST after that
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        ADD_FAILURE() << "cannot record the exchange in " << file << ": " << std::strerror(errno);
+        return;
+    }
+    if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+        ADD_FAILURE() << "cannot record the exchange in " << file;
+    }
+    ::close(fd);
+}
+
+}  // namespace
+
+namespace {
+
+// The status and headers of the reply at the start of `data`, and where its body starts; nullopt while
+// the header is not complete. `length` is the Content-Length (0 without one).
+struct ReplyHead {
+    HttpReply reply;
+    size_t bodyStart = 0;
+    size_t length = 0;
+};
+
+std::optional<ReplyHead> ParseHead(const std::string& data) {
+    const size_t headerEnd = data.find("\r\n\r\n");
+    if (headerEnd == std::string::npos || headerEnd < 12) {
+        return std::nullopt;
+    }
+    ReplyHead parsed;
+    parsed.bodyStart = headerEnd + 4;
+    const std::string head = data.substr(0, headerEnd);
+    size_t lineEnd = head.find("\r\n");
+    parsed.reply.status = std::atoi(head.substr(9, 3).c_str());
+    while (lineEnd != std::string::npos && lineEnd < head.size()) {
+        const size_t next = head.find("\r\n", lineEnd + 2);
+        const std::string line =
+            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
+        const size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            std::string value = line.substr(colon + 1);
+            value.erase(0, value.find_first_not_of(' '));
+            parsed.reply.headers.emplace_back(line.substr(0, colon), value);
+            if (strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
+                parsed.length = std::strtoul(value.c_str(), nullptr, 10);
+            }
+        }
+        lineEnd = next;
+    }
+    return parsed;
+}
+
+}  // namespace
 
 HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout, const std::string& source) {
     socket = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -53,10 +137,22 @@ HttpConnection::HttpConnection(int port, std::chrono::milliseconds timeout, cons
 }
 
 HttpConnection::~HttpConnection() {
+    // An event stream is read with ReadUntil and never ends: what arrived of it is its reply.
+    try {
+        if (auto parsed = ParseHead(pending);
+            parsed && parsed->reply.Header("Content-Type").rfind("text/event-stream", 0) == 0) {
+            parsed->reply.body = pending.substr(parsed->bodyStart);
+            const SentRequest answered = TakeAnswered();
+            RecordExchange(answered.method, answered.target, parsed->reply);
+        }
+    } catch (...) {
+        // Recording is for the contract check; a destructor must not throw.
+    }
     ::close(socket);
 }
 
 bool HttpConnection::SendRaw(const std::string& bytes) {
+    NoteSent(bytes);
     size_t sent = 0;
     while (sent < bytes.size()) {
         const ssize_t n = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -66,6 +162,62 @@ bool HttpConnection::SendRaw(const std::string& bytes) {
         sent += static_cast<size_t>(n);
     }
     return true;
+}
+
+void HttpConnection::NoteSent(const std::string& bytes) {
+    unsent += bytes;
+    for (;;) {
+        if (bodyLeft > 0) {
+            const size_t taken = std::min(bodyLeft, unsent.size());
+            unsent.erase(0, taken);
+            bodyLeft -= taken;
+            if (bodyLeft > 0) {
+                return;
+            }
+        }
+        const size_t headerEnd = unsent.find("\r\n\r\n");
+        if (headerEnd == std::string::npos) {
+            return;
+        }
+        const std::string head = unsent.substr(0, headerEnd);
+        const std::string line = head.substr(0, head.find("\r\n"));
+        const size_t space = line.find(' ');
+        const size_t secondSpace = space == std::string::npos ? std::string::npos : line.find(' ', space + 1);
+        SentRequest request;
+        if (secondSpace != std::string::npos) {
+            request.method = line.substr(0, space);
+            request.target = line.substr(space + 1, secondSpace - space - 1);
+        }
+        sent.push_back(std::move(request));
+        // Only Content-Length framing is followed: a chunked body's bytes, which no reply answers on their
+        // own, would at worst be taken for a request line that no reply pairs with.
+        bodyLeft = 0;
+        for (size_t at = head.find("\r\n"); at != std::string::npos; at = head.find("\r\n", at + 2)) {
+            if (strncasecmp(head.c_str() + at + 2, "Content-Length:", 15) == 0) {
+                bodyLeft = std::strtoul(head.c_str() + at + 17, nullptr, 10);
+            }
+        }
+        unsent.erase(0, headerEnd + 4);
+    }
+}
+
+HttpConnection::SentRequest HttpConnection::TakeAnswered() {
+    if (!sent.empty()) {
+        SentRequest request = std::move(sent.front());
+        sent.erase(sent.begin());
+        return request;
+    }
+    // A reply to a header that never ended (too large, or not HTTP): the request line, if there is one.
+    SentRequest request;
+    const std::string line = unsent.substr(0, std::min(unsent.find("\r\n"), unsent.size()));
+    const size_t space = line.find(' ');
+    const size_t secondSpace = space == std::string::npos ? std::string::npos : line.find(' ', space + 1);
+    if (secondSpace != std::string::npos) {
+        request.method = line.substr(0, space);
+        request.target = line.substr(space + 1, secondSpace - space - 1);
+    }
+    unsent.clear();
+    return request;
 }
 
 std::string HttpConnection::ReadUntil(const std::function<bool(const std::string&)>& done) {
@@ -81,34 +233,18 @@ std::string HttpConnection::ReadUntil(const std::function<bool(const std::string
 }
 
 HttpReply HttpConnection::ReadReply() {
-    HttpReply reply;
     ReadUntil([](const std::string& data) { return data.find("\r\n\r\n") != std::string::npos; });
-    const size_t headerEnd = pending.find("\r\n\r\n");
-    if (headerEnd == std::string::npos) {
-        return reply;
+    auto parsed = ParseHead(pending);
+    if (!parsed) {
+        return {};
     }
-    const std::string head = pending.substr(0, headerEnd);
-    size_t lineEnd = head.find("\r\n");
-    reply.status = std::stoi(head.substr(9, 3));
-    size_t length = 0;
-    while (lineEnd != std::string::npos && lineEnd < head.size()) {
-        const size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line =
-            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
-        const size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            reply.headers.emplace_back(line.substr(0, colon), value);
-            if (strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
-                length = std::stoul(value);
-            }
-        }
-        lineEnd = next;
-    }
-    ReadUntil([&](const std::string& data) { return data.size() >= headerEnd + 4 + length; });
-    reply.body = pending.substr(headerEnd + 4, length);
-    pending.erase(0, std::min(pending.size(), headerEnd + 4 + length));
+    const size_t end = parsed->bodyStart + parsed->length;
+    ReadUntil([&](const std::string& data) { return data.size() >= end; });
+    HttpReply reply = std::move(parsed->reply);
+    reply.body = pending.substr(parsed->bodyStart, parsed->length);
+    pending.erase(0, std::min(pending.size(), end));
+    const SentRequest answered = TakeAnswered();
+    RecordExchange(answered.method, answered.target, reply);
     return reply;
 }
 

@@ -1,4 +1,9 @@
 // Runs the real routine-host on a free loopback port and talks HTTP to it over plain sockets.
+//
+// When the environment variable NYR_CONTRACT_RECORD_DIR names a folder, every reply a test reads with
+// `HttpConnection::ReadReply` (and so every `HostProcess::Request`) is appended, with the request line it
+// answers, to "<folder>/exchanges-<pid>.jsonl"; the API contract check validates each against the
+// OpenAPI document afterwards.
 #pragma once
 
 #include <sys/types.h>
@@ -37,8 +42,20 @@ class HttpConnection {
     std::string ReadUntil(const std::function<bool(const std::string&)>& done);
 
   private:
+    struct SentRequest {
+        std::string method;
+        std::string target;
+    };
+    // Splits what was sent into requests, so that each reply is recorded with the request it answers
+    // (several may be sent before the first reply is read).
+    void NoteSent(const std::string& bytes);
+    SentRequest TakeAnswered();
+
     int socket = -1;
     std::string pending;
+    std::string unsent;             // sent bytes of a request whose header is not complete yet
+    std::size_t bodyLeft = 0;       // bytes of the current request's body still to come
+    std::vector<SentRequest> sent;  // requests sent whose reply has not been read
 };
 
 // What a host run that was expected to refuse its options left behind.
