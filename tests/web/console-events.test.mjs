@@ -1,0 +1,71 @@
+// Browser test of the console's event stream and re-reads: a dropped stream resumes where it stopped
+// (Last-Event-ID) and the change made meanwhile arrives without re-reading everything; a "reset" makes
+// the page re-read everything; a re-read of an unchanged routine is answered 304.
+// Usage: node console-events.test.mjs <routine-host> <plugin dir> <web dir>
+import assert from 'node:assert/strict';
+import { run, routineOf, startOf, timeout } from './harness.mjs';
+
+const isList = (request) => request.method() === 'GET' && new URL(request.url()).pathname === '/routines';
+
+await run({ relay: true }, async ({ page, relay, api }) => {
+  const lists = [];
+  page.on('request', (request) => { if (isList(request)) lists.push(request); });
+
+  await startOf(page, 'Sensor calibration').click();
+  const routine = routineOf(page, 'Calibration-0');
+  await routine.getByText('Waiting for user feedback').waitFor();
+  const label = routine.getByLabel('label');
+  await page.waitForFunction(() => document.querySelector('#Calibration-0-param-label')?.value === 'default');
+
+  // Drops the stream, and while the page is reconnecting (its new request held here) lets another
+  // client change things; returns the reconnecting request's headers. `headers` replaces some of them.
+  async function dropStream(changeMeanwhile, headers = {}) {
+    const reconnected = new Promise((resolve) => {
+      page.route(/\/events$/, async (route) => {
+        const sent = route.request().headers();
+        await changeMeanwhile();
+        await route.continue({ headers: { ...sent, ...headers } });
+        resolve(sent);
+      });
+    });
+    relay.cut();
+    await page.getByText('reconnecting…').waitFor();
+    const sent = await reconnected;
+    await page.unroute(/\/events$/);
+    await page.getByText('live', { exact: true }).waitFor();
+    return sent;
+  }
+
+  // Resumed: the reconnection names the last event the page received, the service replays the write
+  // made meanwhile, and the page shows it without reading the list of routines again.
+  const seen = relay.lastId();
+  assert.match(seen, /^[0-9a-f]{8}-\d+$/);
+  const listsBefore = lists.length;
+  const sent = await dropStream(async () => {
+    const written = await api.call('PATCH', '/routines/Calibration-0', { parameters: { label: 'changed meanwhile' } });
+    assert.equal(written.status, 204);
+  });
+  assert.equal(sent['last-event-id'], seen);
+  await page.waitForFunction(() => document.querySelector('#Calibration-0-param-label')?.value === 'changed meanwhile',
+    null, { timeout });
+  assert.equal(lists.length, listsBefore, 'a resumed stream re-read the list of routines');
+
+  // A re-read of an unchanged document is conditional and answered 304: parameters written with the
+  // values they have raise an update that changes nothing.
+  const [reread] = await Promise.all([
+    page.waitForResponse((r) => r.url().endsWith('/routines/Calibration-0?schema=true')),
+    api.call('PATCH', '/routines/Calibration-0', { parameters: { label: 'changed meanwhile' } }),
+  ]);
+  assert.equal(reread.status(), 304);
+  assert.match(reread.request().headers()['if-none-match'], /^"[0-9a-f]{16}"$/);
+  assert.equal(await label.inputValue(), 'changed meanwhile');
+
+  // Reset: the service cannot replay after the id it is given (here a malformed one), so the page
+  // re-reads everything and learns of the routine deleted meanwhile.
+  await dropStream(async () => {
+    assert.equal((await api.call('DELETE', '/routines/Calibration-0')).status, 204);
+  }, { 'last-event-id': 'not-an-id' });
+  await page.getByText('No routine is running.').waitFor();
+  assert.ok(lists.length > listsBefore, 'a reset did not re-read the list of routines');
+  console.log('console events test passed');
+});
