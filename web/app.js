@@ -199,12 +199,18 @@ $('delete-all').addEventListener('click', () => {
 });
 
 follow({
-  onOpen: () => { $('connection').textContent = 'live'; $('connection').className = 'pill live'; rereadAll().catch(report); },
+  // A resumed stream replays what happened while it was down; otherwise the page re-reads.
+  onOpen: (resumed) => {
+    $('connection').textContent = 'live';
+    $('connection').className = 'pill live';
+    if (!resumed) rereadAll().catch(report);
+  },
   onClose: () => { $('connection').textContent = 'reconnecting…'; $('connection').className = 'pill'; },
   onEvent: ({ type, path }) => {
-    if (path === '/routines') rereadAll().catch(report);
+    if (type === 'reset' || path === '/routines') rereadAll().catch(report);
+    else if (typeof path !== 'string' || !path.startsWith('/routines/')) return;
     else if (type === 'deleted') drop(path);
-    else if (path.startsWith('/routines/')) scheduleRefresh(path);
+    else scheduleRefresh(path);
   },
 });
 
