@@ -50,15 +50,15 @@ async function startHost(hostPath, pluginDir, webDir, tls, extraArguments) {
 
 // A plain TCP relay to the host. The connection whose request is "GET /events" is the event stream:
 // hold() stops passing the host's bytes to the browser (they wait in the relay, as on a slow network),
-// release() lets them through, cut() closes both sides as a dropped connection would; lastId() is the
-// id of the last event frame passed to the browser. It listens before the host starts (the host is told
+// release() lets them through, cut() closes both sides as a dropped connection would; ids() are the ids
+// of the event frames passed to the browser, in order. It listens before the host starts (the host is told
 // to accept the relay's address as its name), and connects to the host once it is given its address.
 async function startRelay() {
   let hostname;
   let port;
   const streams = new Set();
   let holding = false;
-  let lastId = '';
+  const ids = [];
   const server = createServer((browserSide) => {
     const hostSide = connect(Number(port), hostname);
     browserSide.on('error', () => hostSide.destroy());
@@ -79,7 +79,7 @@ async function startRelay() {
     });
     hostSide.on('data', (chunk) => {
       if (!streams.has(pair)) return;
-      for (const match of chunk.toString('utf8').matchAll(/^id: ?(.*)$/gm)) lastId = match[1];
+      for (const match of chunk.toString('utf8').matchAll(/^id: ?(.*)$/gm)) ids.push(match[1]);
     });
     browserSide.pipe(hostSide);
     hostSide.pipe(browserSide);
@@ -94,7 +94,7 @@ async function startRelay() {
     hold() { holding = true; streams.forEach(hold); },
     release() { holding = false; for (const { browserSide, hostSide } of streams) hostSide.pipe(browserSide); },
     cut() { for (const { browserSide, hostSide } of streams) { browserSide.destroy(); hostSide.destroy(); } streams.clear(); },
-    lastId: () => lastId,
+    ids: () => [...ids],
     close: () => new Promise((resolve) => { server.close(resolve); for (const { browserSide } of streams) browserSide.destroy(); }),
   };
 }
@@ -163,6 +163,13 @@ function hostApi(base) {
     // A creation that answers when the routine exists, so the test does not wait for the continue.
     create: (type) => call('POST', '/routines', { type }, { Prefer: 'respond-async' }),
   };
+}
+
+// The promise's value, or a failure naming `what` after the tests' bound.
+export function bounded(promise, what) {
+  let timer;
+  const expiry = new Promise((resolve, reject) => { timer = setTimeout(() => reject(new Error(what)), timeout); });
+  return Promise.race([promise, expiry]).finally(() => clearTimeout(timer));
 }
 
 // The page's routine article and a type's Start button.
