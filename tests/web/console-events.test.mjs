@@ -73,5 +73,17 @@ await run({ relay: true }, async ({ page, relay, api }) => {
   }, { 'last-event-id': 'not-an-id' });
   await page.getByText('No routine is running.').waitFor();
   assert.ok(lists.length > listsBefore, 'a reset did not re-read the list of routines');
+
+  // A frame whose data is not JSON is skipped, and the frames after it still count: here a reset,
+  // served once in place of the stream, after which the page re-reads the list.
+  await page.route(/\/events$/, (route) => route.fulfill({
+    status: 200, contentType: 'text/event-stream',
+    // Without ids: a page that broke off at the bad frame would resume after its last real id and
+    // find nothing to re-read.
+    body: 'retry: 3000\n\nevent: updated\ndata: {not json\n\nevent: reset\ndata: {"type":"reset","reason":"test"}\n\n',
+  }), { times: 1 });
+  const listRead = page.waitForRequest(isList);
+  relay.cut();
+  await listRead;
   console.log('console events test passed');
 });

@@ -62,6 +62,14 @@ await run({ relay: true }, async ({ page, relay, api }) => {
   assert.equal((await api.routine('Calibration-0')).parameters.samples, 10);
   await page.unroute(/\/routines\/Calibration-0$/);
 
+  // A reply that is not JSON (a proxy's error page) is shown as a message; the page goes on working.
+  await page.route(/\/routines\/Calibration-0$/, (route) => (route.request().method() === 'PATCH'
+    ? route.fulfill({ status: 502, contentType: 'text/html', body: '<html><body>Bad gateway</body></html>' })
+    : route.continue()));
+  await routine.getByRole('button', { name: 'Save parameters' }).click();
+  await routine.locator('.message', { hasText: 'HTTP 502' }).waitFor();
+  await page.unroute(/\/routines\/Calibration-0$/);
+
   // Accepted: every message goes.
   await routine.getByLabel('label').fill('browser');
   await routine.getByRole('button', { name: 'Save parameters' }).click();
