@@ -9,11 +9,15 @@ await run({ relay: true }, async ({ page, relay, api }) => {
   const allStarts = async (disabled) => page.waitForFunction(
     (expected) => [...document.querySelectorAll('#types button.start')].every((b) => b.disabled === expected), disabled, { timeout });
 
-  // The creation answers while the routine still waits for its continue, with the new routine's id.
+  // The creation answers while the routine still waits for its continue, with the new routine's id. A
+  // double click asks once: the creation on its way holds the one slot.
   await allStarts(false);
+  const isCreation = (request) => request.method() === 'POST' && new URL(request.url()).pathname === '/routines';
+  const creations = [];
+  page.on('request', (request) => { if (isCreation(request)) creations.push(request); });
   const [created] = await Promise.all([
-    page.waitForResponse((r) => r.request().method() === 'POST' && new URL(r.url()).pathname === '/routines'),
-    startOf(page, 'Sensor calibration').click(),
+    page.waitForResponse((r) => isCreation(r.request())),
+    startOf(page, 'Sensor calibration').dblclick(),
   ]);
   assert.equal(created.status(), 202);
   assert.match(created.request().headers().prefer, /respond-async/);
@@ -21,6 +25,7 @@ await run({ relay: true }, async ({ page, relay, api }) => {
   assert.deepEqual(await created.json(), { id: 'Calibration-0', path: '/routines/Calibration-0' });
   assert.equal((await api.routine('Calibration-0')).state, 2, 'the routine waits for its continue');
   await routineOf(page, 'Calibration-0').getByText('Waiting for user feedback').waitFor();
+  assert.equal(creations.length, 1);
 
   // The one routine slot is taken: every Start is disabled and the page says why.
   await allStarts(true);
