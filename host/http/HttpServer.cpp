@@ -1,6 +1,8 @@
 // All Boost.Beast and Asio code of the host lives in this one file: it is slow to compile.
 #include <utility>  // Boost 1.74's Asio needs it before its own headers under g++ 12 in C++20
 
+#include "ConditionalRead.h"
+#include "EventJournal.h"
 #include "HttpServer.h"
 #include "LogBudget.h"
 
@@ -104,9 +106,13 @@ constexpr std::size_t kChunkLineLimit = 4096;
 // the hand-over to its strand. Counted so that a flood of tiny frames is bounded like a few large ones.
 constexpr std::size_t kQueuedFrameOverhead = 128;
 
-const std::string kStreamHeader =
-    "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
-    "X-Content-Type-Options: nosniff\r\nConnection: keep-alive\r\n\r\n";
+// The start of every stream: its HTTP header and the reconnection delay the client is advised.
+std::string StreamOpening(std::chrono::milliseconds retry) {
+    return "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
+           "X-Content-Type-Options: nosniff\r\nConnection: keep-alive\r\n\r\nretry: " +
+           std::to_string(std::max<long long>(0, retry.count())) + "\n\n";
+}
+
 const std::string kContinueLine = "HTTP/1.1 100 Continue\r\n\r\n";
 
 void NameThread(const char* name) {
@@ -121,29 +127,6 @@ bool IsTransportHeader(std::string_view name) {
 
 bool HasLineBreak(std::string_view text) {
     return text.find_first_of("\r\n") != std::string_view::npos;
-}
-
-// A line break inside `data` would end the field early; each line becomes a "data: " line of its own,
-// which stream clients join again with "\n".
-std::string EventFrame(const std::string& event, const std::string& data) {
-    std::string frame;
-    frame.reserve(event.size() + data.size() + 16);
-    frame += "event: ";
-    frame += event;
-    frame += '\n';
-    std::size_t start = 0;
-    for (;;) {
-        const std::size_t end = data.find('\n', start);
-        frame += "data: ";
-        frame.append(data, start, end == std::string::npos ? std::string::npos : end - start);
-        frame += '\n';
-        if (end == std::string::npos) {
-            break;
-        }
-        start = end + 1;
-    }
-    frame += '\n';
-    return frame;
 }
 
 // RFC 3629: no overlong forms, no surrogates, nothing beyond U+10FFFF.
@@ -256,6 +239,32 @@ std::string_view Trimmed(std::string_view text) {
     return text;
 }
 
+// The id a stream client says it saw last: the Last-Event-ID header, or for clients that cannot set
+// headers the query parameter "lastEventId" (the header wins: a client reconnecting by itself sends the
+// header, newer than the query of the address it was first given). Empty counts as absent.
+std::optional<std::string> LastEventId(const HttpRequest& request) {
+    if (const std::string* header = request.Header("Last-Event-ID")) {
+        const std::string_view id = Trimmed(*header);
+        if (!id.empty()) {
+            return std::string(id);
+        }
+    }
+    const std::size_t query = request.target.find('?');
+    if (query == std::string::npos) {
+        return std::nullopt;
+    }
+    std::string_view rest = std::string_view(request.target).substr(query + 1);
+    while (!rest.empty()) {
+        const std::size_t end = rest.find('&');
+        const std::string_view pair = rest.substr(0, end);
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        constexpr std::string_view kKey = "lastEventId=";
+        if (pair.substr(0, kKey.size()) == kKey && pair.size() > kKey.size()) {
+            return PercentDecoded(pair.substr(kKey.size()));
+        }
+    }
+    return std::nullopt;
+}
 // Raises the soft limit on open descriptors to the hard one, so that connections are refused by the
 // connection cap long before accept runs out of descriptors.
 void RaiseDescriptorLimit() {
@@ -489,6 +498,8 @@ class EventClient : public std::enable_shared_from_this<EventClient> {
         return true;
     }
     void Release(std::size_t cost) { heldBytes.fetch_sub(cost); }
+    // Counts frames however far past the cap: a stream's opening, which it must send whatever it costs.
+    void Hold(std::size_t cost) { heldBytes.fetch_add(cost); }
     // True the first time only, so that one drop is handed over per client.
     bool MarkBehind() { return !behind.exchange(true); }
 
@@ -512,10 +523,14 @@ struct HttpServer::Impl {
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
     bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
     // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
-    // and `stream` is left as it was).
+    // and `stream` is left as it was). The client opens with the stream's header, then what it missed
+    // after `lastEventId` (or a reset), then the live frames: all decided under the lock that publication
+    // takes, so that nothing published meanwhile is lost or doubled.
     template <typename Stream>
     std::shared_ptr<EventClient> AddEventClient(Stream& stream, const std::string& remote,
-                                                std::shared_ptr<void> ticket) NY_EXCLUDES(sessionsMutex);
+                                                std::shared_ptr<void> ticket,
+                                                const std::optional<std::string>& lastEventId)
+        NY_EXCLUDES(sessionsMutex);
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
     bool CallMayWait(const HttpRequest& request) const;
@@ -540,10 +555,15 @@ struct HttpServer::Impl {
     std::vector<std::thread> ioThreads NY_GUARDED_BY(stopMutex);  // joined by Stop()
     WaitingThreads waiting;                                       // thread-safe on its own
 
-    // Innermost: only Asio's non-blocking post runs under it.
+    // Innermost: only Asio's non-blocking post and the journal's bookkeeping run under it. It also orders
+    // publication: a frame is numbered, kept and handed to every client in one hold of it.
     mutable Ny::Mutex sessionsMutex;
     std::vector<std::weak_ptr<Connection>> sessions NY_GUARDED_BY(sessionsMutex);
     std::vector<std::weak_ptr<EventClient>> eventSessions NY_GUARDED_BY(sessionsMutex);
+    EventJournal journal NY_GUARDED_BY(sessionsMutex){options.eventReplayCount, options.eventReplayBytes};
+    // The header and "retry:" line every stream starts with; shared by all of them.
+    const std::shared_ptr<const std::string> streamOpening =
+        std::make_shared<const std::string>(StreamOpening(options.eventRetry));
 
     Ny::Mutex ioMutex;  // innermost
     Ny::CondVar ioFinished;
@@ -589,14 +609,16 @@ struct ConnectionTicket {
 template <typename Stream>
 class EventSession final : public EventClient {
   public:
+    // `opening`: the frames it starts with, their cost already counted (see AddEventClient).
     EventSession(Stream streamIn, HttpServer::Impl& serverIn, std::string remoteIn,
-                 std::shared_ptr<void> ticketIn)
+                 std::shared_ptr<void> ticketIn, std::vector<std::shared_ptr<const std::string>> openingIn)
         : ticket(std::move(ticketIn)),
           stream(std::move(streamIn)),
           executor(stream.get_executor()),
           server(serverIn),
           remote(std::move(remoteIn)),
-          timer(executor) {
+          timer(executor),
+          opening(std::move(openingIn)) {
         // The stream watches its clients itself (Tick); a request's deadline must not cut it.
         beast::get_lowest_layer(stream).expires_never();
     }
@@ -604,7 +626,10 @@ class EventSession final : public EventClient {
     const net::any_io_executor& Executor() const override { return executor; }
 
     void Start() override {
-        EnqueueOwn(std::make_shared<const std::string>(kStreamHeader));
+        for (auto& frame : opening) {
+            Enqueue(std::move(frame));
+        }
+        opening.clear();
         WatchForClose();
         Tick();
     }
@@ -715,7 +740,8 @@ class EventSession final : public EventClient {
     HttpServer::Impl& server;             // outlives every session (see Impl's member order)
     const std::string remote;
     net::steady_timer timer;
-    std::deque<std::shared_ptr<const std::string>> queue;  // frames shared between clients
+    std::deque<std::shared_ptr<const std::string>> queue;     // frames shared between clients
+    std::vector<std::shared_ptr<const std::string>> opening;  // until Start() queues them
     bool closed = false;
     Clock::time_point lastEnqueue = Clock::now();
     Clock::time_point writeStarted = Clock::now();
@@ -939,7 +965,7 @@ class Session final : public Connection {
         whole.body = std::move(parser->release().body());
         const std::string path = whole.target.substr(0, whole.target.find('?'));
         if (whole.method == "GET" && !headOnly && path == server.options.eventsPath) {
-            OpenEventStream();
+            OpenEventStream(LastEventId(whole));
             return;
         }
         Dispatch(std::move(whole));
@@ -973,6 +999,7 @@ class Session final : public Connection {
         auto request = std::make_shared<HttpRequest>(std::move(requestIn));  // std::function copies jobs
         auto run = [self, request] {
             HttpResponse response = self->server.CallHandler(*request);
+            ApplyConditionalRead(*request, response);  // on the worker: hashing a body may take a while
             net::post(self->executor,
                       [self, response = std::move(response)]() mutable { self->Write(std::move(response)); });
         };
@@ -1000,8 +1027,8 @@ class Session final : public Connection {
         Write(std::move(busyReply));
     }
 
-    void OpenEventStream() {
-        auto events = server.AddEventClient(stream, remote, ticket);
+    void OpenEventStream(const std::optional<std::string>& lastEventId) {
+        auto events = server.AddEventClient(stream, remote, ticket, lastEventId);
         if (!events) {
             NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.",
                    remote.c_str(), server.options.maxEventClients);
@@ -1010,7 +1037,7 @@ class Session final : public Connection {
         }
         closing = true;  // the socket belongs to the stream now
         NY_LOG(Ny::Logging::Level::Progress, "Event client %s connected.", remote.c_str());
-        // Still on the strand: frames published from now on are queued behind the stream's header.
+        // Still on the strand: frames published from now on are queued behind the stream's opening.
         events->Start();
     }
 
@@ -1248,13 +1275,44 @@ bool HttpServer::Impl::Track(const std::shared_ptr<Connection>& session) {
 
 template <typename Stream>
 std::shared_ptr<EventClient> HttpServer::Impl::AddEventClient(Stream& stream, const std::string& remote,
-                                                              std::shared_ptr<void> ticket) {
+                                                              std::shared_ptr<void> ticket,
+                                                              const std::optional<std::string>& lastEventId) {
     Ny::MutexLock guard(sessionsMutex);
     std::erase_if(eventSessions, [](const auto& weak) { return weak.expired(); });
     if (stopping || eventSessions.size() >= options.maxEventClients) {
         return nullptr;
     }
-    auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket));
+    // The replay shares the journal's frames: many clients resuming at once cost a pointer per frame.
+    std::vector<EventJournal::Frame> opening{streamOpening};
+    bool reset = false;
+    if (lastEventId) {
+        auto resumption = journal.After(*lastEventId);
+        reset = resumption.reset;
+        opening.insert(opening.end(), std::make_move_iterator(resumption.frames.begin()),
+                       std::make_move_iterator(resumption.frames.end()));
+    }
+    const auto costOf = [](const std::vector<EventJournal::Frame>& frames) {
+        std::size_t cost = 0;
+        for (const auto& frame : frames) {
+            cost += EventClient::FrameCost(*frame);
+        }
+        return cost;
+    };
+    std::size_t cost = costOf(opening);
+    if (cost > options.eventClientQueueBytes / 2) {
+        // Queued whole, a replay this long would leave no room for the live frames behind it and the
+        // client would be dropped at once: it re-reads instead.
+        opening = {streamOpening, journal.ResetFrame("More events were missed than the stream can replay.")};
+        reset = true;
+        cost = costOf(opening);
+    }
+    if (lastEventId) {
+        NY_LOG(Ny::Logging::Level::Progress, "Event client %1$s resumes: %2$s.", remote.c_str(),
+               reset ? "reset" : (std::to_string(opening.size() - 1) + " events replayed").c_str());
+    }
+    auto events = std::make_shared<EventSession<Stream>>(std::move(stream), *this, remote, std::move(ticket),
+                                                         std::move(opening));
+    events->Hold(cost);
     eventSessions.push_back(events);
     return events;
 }
@@ -1387,9 +1445,10 @@ void HttpServer::PublishEvent(const std::string& event, const std::string& data)
     if (impl->stopping) {
         return;
     }
-    const auto frame = std::make_shared<const std::string>(EventFrame(event, data));
-    const std::size_t cost = EventClient::FrameCost(*frame);
     Ny::MutexLock guard(impl->sessionsMutex);
+    // Numbered and handed out in one hold of the lock that a connecting client's replay takes too.
+    const auto frame = impl->journal.Append(event, data);
+    const std::size_t cost = EventClient::FrameCost(*frame);
     for (const auto& weak : impl->eventSessions) {
         auto session = weak.lock();
         if (!session) {

@@ -31,11 +31,24 @@
 // TLS: with `tlsCertFile` and `tlsKeyFile` the port speaks HTTPS only (TLS 1.2 and later, no
 // renegotiation), the handshake under the read time-out; a client speaking plain HTTP is closed.
 //
-// Event streams: GET on `eventsPath` (after the filter) opens a stream. Each client has a queue of at
-// most `eventClientQueueBytes`, counting each frame's bytes and a fixed overhead per queued frame; a
-// client further behind, or one that has not taken a frame for `readTimeout`, is dropped (its connection
-// closed) and never waited for. Idle streams get a comment line every `eventKeepAlive`. At most
-// `maxEventClients` streams at once; beyond, 503.
+// Event streams: GET on `eventsPath` (after the filter) opens a stream. It starts with "retry: <ms>"
+// (`eventRetry`), then carries every published event as "id: <id>\nevent: <type>\ndata: <data>\n\n".
+// Ids are "<run>-<n>": <run> 8 hex digits picked at random at construction, <n> counting from 1 (see
+// EventJournal). The last `eventReplayCount` events (at most `eventReplayBytes`) are kept: a client that
+// opens the stream with "Last-Event-ID: <id>" (or, when it cannot set headers, the query "lastEventId")
+// is first sent every kept event after that id, then the live ones, none lost or doubled in between
+// (the replay and the joining happen under the lock publication takes). An id too old, from another
+// run, malformed or ahead of the latest starts the stream instead with one event "reset" that carries the
+// latest id and a reason: the client re-reads what it shows. Replayed frames are shared, not copied.
+// Each client has a queue of at most `eventClientQueueBytes`, counting each frame's bytes and a fixed
+// overhead per queued frame (the replay included); a client further behind, or one that has not taken a
+// frame for `readTimeout`, is dropped (its connection closed) and never waited for. Idle streams get a
+// comment line every `eventKeepAlive`. At most `maxEventClients` streams at once; beyond, 503. The stream
+// gets no entity tag and ignores If-None-Match.
+//
+// Conditional reads: every 200 reply to GET or HEAD with a body gets a strong ETag (a hash of the body),
+// unless the handler set one; a request whose If-None-Match (a list, weak tags, or "*") matches it is
+// answered 304 with the ETag and no body, on a connection that stays usable (see ConditionalRead.h).
 //
 // Ownership and lifetime: the owner constructs it, calls Start() once, and calls Stop() or destroys it.
 // The server owns every thread it starts and joins them in Stop(). The handler, the filter and
@@ -114,6 +127,14 @@ struct HttpServerOptions {
     std::size_t maxEventClients = 64;
     std::size_t eventClientQueueBytes = 1 << 20;
     std::chrono::milliseconds eventKeepAlive{15000};
+    // The reconnection delay each stream advises its client ("retry:" at its start).
+    std::chrono::milliseconds eventRetry{3000};
+    // The events kept for clients that reconnect with Last-Event-ID: the last `eventReplayCount`, and
+    // within them at most `eventReplayBytes` of frames. A replay is queued like live frames and may take
+    // half of a client's queue, so that live frames still fit behind it (with the defaults a whole
+    // journal does); a client that missed more is sent a reset instead.
+    std::size_t eventReplayCount = 1024;
+    std::size_t eventReplayBytes = 256 * 1024;
 };
 
 class HttpServer {
@@ -142,10 +163,11 @@ class HttpServer {
     std::uint16_t Port() const;
     std::string Address() const;
 
-    // Queues "event: <event>\ndata: <data>\n\n" for every stream client (a `data` of several lines
-    // becomes one "data: " line each). `event` must be one line. Never waits for a client: the frame
-    // is handed to each client's strand, which drops a client whose queue is full. Does nothing once
-    // Stop() has begun. Thread-safe; must not race with destruction.
+    // Numbers "id: <id>\nevent: <event>\ndata: <data>\n\n", keeps it for clients that reconnect, and
+    // queues it for every stream client (a `data` of several lines becomes one "data: " line each).
+    // `event` must be one line. Never waits for a client: the frame is handed to each client's strand,
+    // which drops a client whose queue is full. Does nothing once Stop() has begun. Thread-safe; must
+    // not race with destruction.
     void PublishEvent(const std::string& event, const std::string& data);
     // The event streams currently open. Thread-safe.
     std::size_t EventClientCount() const;

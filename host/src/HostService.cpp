@@ -1,6 +1,9 @@
 #include "HostService.h"
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
+#include <string_view>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -28,6 +31,44 @@ std::string RequestPath(const HttpRequest& request) {
     return request.target.substr(0, request.target.find('?'));
 }
 
+bool IsPrefer(const std::string& name) {
+    constexpr std::string_view kPrefer = "prefer";
+    return name.size() == kPrefer.size() &&
+           std::equal(name.begin(), name.end(), kPrefer.begin(),
+                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
+}
+
+// Every Prefer header of the request as one list: a client may send its preferences in several.
+std::string PreferencesOf(const HttpRequest& request) {
+    std::string prefer;
+    for (const auto& [name, value] : request.headers) {
+        if (IsPrefer(name)) {
+            prefer += prefer.empty() ? value : ", " + value;
+        }
+    }
+    return prefer;
+}
+
+HttpResponse FromRouter(const NyRest::Response& reply) {
+    HttpResponse response;
+    response.status = reply.status;
+    response.headers = reply.headers;
+    response.headers.emplace_back("Content-Type", "application/json");
+    if (reply.status != 204) {
+        // The body may quote the client's path or body, which need not be UTF-8.
+        response.body = SafeDump(reply.body);
+    }
+    return response;
+}
+
+struct CountedDispatch {
+    explicit CountedDispatch(std::atomic<int>& countIn) : count(countIn) { ++count; }
+    ~CountedDispatch() { --count; }
+    CountedDispatch(const CountedDispatch&) = delete;
+    CountedDispatch& operator=(const CountedDispatch&) = delete;
+    std::atomic<int>& count;
+};
+
 }  // namespace
 
 HostService::HostService(HostOptions optionsIn, std::filesystem::path pluginDirIn,
@@ -44,7 +85,9 @@ void HostService::Start() {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refused.c_str());
     }
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
-    operatorResources = std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes);
+    operatorResources =
+        std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes,
+                                            static_cast<unsigned>(module->RoutineManager().Limit()));
 
     HttpServerOptions serverOptions;
     serverOptions.address = options.address;
@@ -131,27 +174,47 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
     if (StaticFiles::Handles(path)) {
         return webFiles.Serve(request.method, path);
     }
-    ++requestsInProgress;
-    struct Done {
-        std::atomic<int>& count;
-        ~Done() { --count; }
-    } done{requestsInProgress};
+    const CountedDispatch counted(requestsInProgress);
     if (stopping.load()) {
         return ErrorReply(503, "The service is shutting down.");
     }
     if (!IsValidUtf8(request.body)) {
         return ErrorReply(400, "The request body is not valid UTF-8.");
     }
-    const NyRest::Response reply = router.DispatchRaw(request.method, request.target, request.body);
-    HttpResponse response;
-    response.status = reply.status;
-    response.headers = reply.headers;
-    response.headers.emplace_back("Content-Type", "application/json");
-    if (reply.status != 204) {
-        // The body may quote the client's path or body, which need not be UTF-8.
-        response.body = SafeDump(reply.body);
+    NyRest::DispatchOptions options;
+    options.prefer = PreferencesOf(request);
+    if (request.method == "POST" &&
+        NyRest::ResourceRouter::PathSegments(request.target) == std::vector<std::string>{"routines"} &&
+        NyRest::RequestInfo("POST", "/routines", {}, {}, options.prefer).Prefers("respond-async")) {
+        return ServeAsyncCreation(request, options);
     }
-    return response;
+    return FromRouter(router.DispatchRaw(request.method, request.target, request.body, options));
+}
+
+HttpResponse HostService::ServeAsyncCreation(const HttpRequest& request,
+                                             const NyRest::DispatchOptions& options) {
+    // The creation thread counts as a dispatch in progress, so that shut-down keeps clearing routines
+    // until it has returned; it starts counting before this request stops counting.
+    auto outcome = asyncCreations.Run([this, request, options](const AsyncCreations::CreatedFx& onCreated) {
+        const CountedDispatch counted(requestsInProgress);
+        NyRest::DispatchOptions withHook = options;
+        withHook.onCreated = onCreated;
+        return router.DispatchRaw(request.method, request.target, request.body, withHook);
+    });
+    if (!outcome) {
+        HttpResponse busy = ErrorReply(503, "Too many creations are in progress.");
+        busy.headers.emplace_back("Retry-After", "1");
+        return busy;
+    }
+    if (!outcome->created) {
+        return FromRouter(outcome->finished);
+    }
+    NyRest::Response accepted;
+    accepted.status = 202;
+    accepted.headers.emplace_back("Location", outcome->created->path);
+    accepted.headers.emplace_back("Preference-Applied", "respond-async");
+    accepted.body = {{"id", outcome->created->id}, {"path", outcome->created->path}};
+    return FromRouter(accepted);
 }
 
 void HostService::ReleaseRequestsInProgress() {
@@ -186,6 +249,8 @@ void HostService::Shutdown() {
         // Drains: every request received gets its reply (503 from here on) before the connections close.
         server->Stop();
     }
+    // Every creation thread was released by the clearing above; none can start now (`stopping`).
+    asyncCreations.JoinAll();
     notifications.Reset();
     operatorResources.reset();
     module.reset();

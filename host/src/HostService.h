@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "AsyncCreations.h"
 #include "HostOptions.h"
 #include "HttpServer.h"
 #include "NyApi/Event.h"
@@ -51,10 +52,15 @@ class HostService {
 
   private:
     static constexpr std::size_t kMaxWaitingRequests = 32;
+    // Creations that answered 202 and wait on for their continue. The routine limit keeps the ones that
+    // really wait to one; the others are refusals that end at once.
+    static constexpr std::size_t kMaxAsyncCreations = 8;
 
     // Runs on a worker or waiting thread; never throws.
     HttpResponse Handle(const HttpRequest& request);
     HttpResponse Serve(const HttpRequest& request);
+    // A creation that asked not to be held: 202 as soon as the routine exists (see AsyncCreations).
+    HttpResponse ServeAsyncCreation(const HttpRequest& request, const NyRest::DispatchOptions& options);
     // True for requests that may block for a person or for routine code; see the class comment.
     static bool MayWait(const HttpRequest& request);
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
@@ -70,10 +76,11 @@ class HostService {
     std::unique_ptr<OperatorResources> operatorResources;
     std::unique_ptr<RequestPolicy> policy;
     std::unique_ptr<HttpServer> server;
+    AsyncCreations asyncCreations{kMaxAsyncCreations};  // joined before the module goes
     Ny::Subscription notifications;  // router notifications to event clients; reset before the server goes
 
     std::atomic<bool> stopping{false};       // set once by Shutdown; read by request threads
-    std::atomic<int> requestsInProgress{0};  // router dispatches running now
+    std::atomic<int> requestsInProgress{0};  // router dispatches running now, async creations included
     // Serializes Start, Rescan and Shutdown; taken by nothing else, so it has no order with other locks.
     Ny::Mutex lifecycleMutex;
     bool shutDown NY_GUARDED_BY(lifecycleMutex) = false;

@@ -6,7 +6,7 @@
 namespace NyHost {
 
 nlohmann::json SystemResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) {
-    return {{"runState", core.GetRunState()}};
+    return {{"runState", core.GetRunState()}, {"routineLimit", routineLimit}};
 }
 
 void SystemResource::UpdateDocument(const NyRest::RequestInfo&, const nlohmann::json& body) {
@@ -62,8 +62,9 @@ nlohmann::json FixedReplyResource::GetDocument(const NyRest::RequestInfo&, NyRes
 }
 
 OperatorResources::OperatorResources(NyRest::ResourceRouter& routerIn, NyCore::Core& core,
-                                     NyPlugin::PluginManager& plugins, unsigned fixedReplyBytes)
-    : router(routerIn), system(core), factoryRestore(core), pluginList(plugins) {
+                                     NyPlugin::PluginManager& plugins, unsigned fixedReplyBytes,
+                                     unsigned routineLimit)
+    : router(routerIn), system(core, routineLimit), factoryRestore(core), pluginList(plugins) {
     router.Register("/system", system);
     router.Register("/system/commands/factoryRestore", factoryRestore);
     router.Register("/plugins", pluginList);

@@ -1,6 +1,6 @@
 // The host's own operator resources, served through the same router as the routine engine:
-//   "/system"                          GET {"runState": n}; PUT/PATCH {"runState": n} sets the core's run
-//   state
+//   "/system"                          GET {"runState": n, "routineLimit": n}; PUT/PATCH {"runState": n}
+//   sets the core's run state
 //   "/system/commands/factoryRestore"  POST: the core announces a factory restore
 //   "/plugins"                         GET the loaded plug-in libraries and the routine types of each
 // Owned by the host service; registered for their lifetime. Request threads only.
@@ -22,7 +22,8 @@ namespace NyHost {
 
 class SystemResource final : public NyRest::DocumentResourceBase {
   public:
-    explicit SystemResource(NyCore::Core& core) : core(core) {}
+    // `routineLimit`: how many routines may exist at once, so that a client can tell before it creates.
+    SystemResource(NyCore::Core& core, unsigned routineLimit) : core(core), routineLimit(routineLimit) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
     // Throws -997 unless the body is an object with an integer "runState" within the run states.
     void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
@@ -36,6 +37,7 @@ class SystemResource final : public NyRest::DocumentResourceBase {
 
   private:
     NyCore::Core& core;
+    const unsigned routineLimit;
 };
 
 class FactoryRestoreCommand final : public NyRest::CommandResourceBase {
@@ -71,7 +73,7 @@ class FixedReplyResource final : public NyRest::DocumentResourceBase {
 class OperatorResources {
   public:
     OperatorResources(NyRest::ResourceRouter& router, NyCore::Core& core, NyPlugin::PluginManager& plugins,
-                      unsigned fixedReplyBytes);
+                      unsigned fixedReplyBytes, unsigned routineLimit);
     ~OperatorResources();
     OperatorResources(const OperatorResources&) = delete;
     OperatorResources& operator=(const OperatorResources&) = delete;

@@ -118,7 +118,8 @@ std::optional<HttpResponse> RequestPolicy::Decide(const HttpRequest& request) {
         HttpResponse preflight;
         preflight.status = 204;
         preflight.headers.emplace_back("Access-Control-Allow-Methods", "GET, HEAD, POST, PUT, PATCH, DELETE");
-        preflight.headers.emplace_back("Access-Control-Allow-Headers", "Authorization, Content-Type");
+        preflight.headers.emplace_back("Access-Control-Allow-Headers",
+                                       "Authorization, Content-Type, Prefer, If-None-Match, Last-Event-ID");
         preflight.headers.emplace_back("Access-Control-Max-Age", std::to_string(kPreflightMaxAgeSeconds));
         return preflight;
     }
@@ -244,11 +245,16 @@ void RequestPolicy::Decorate(const HttpRequest& request, HttpResponse& response,
         const auto listed = std::find(settings.allowOrigins.begin(), settings.allowOrigins.end(), lower);
         if (listed != settings.allowOrigins.end()) {
             response.headers.emplace_back("Access-Control-Allow-Origin", *listed);
+            // A script reads only the reply headers it is allowed to: these carry the API's answers.
+            response.headers.emplace_back("Access-Control-Expose-Headers",
+                                          "ETag, Location, Preference-Applied, Retry-After");
         }
         // The reply depends on Origin whether it was allowed or not: caches must key on it.
         response.headers.emplace_back("Vary", "Origin");
     }
     if (api) {
+        // Nothing a token protects is written to a cache's disk. Conditional reads stay open to clients
+        // that keep the document and its ETag themselves (the console does).
         response.headers.emplace_back("Cache-Control", "no-store");
     }
 }

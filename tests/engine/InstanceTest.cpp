@@ -313,6 +313,52 @@ TEST_F(InstanceTest, ParametersAreWritableOnlyBetweenGetParamsAndContinue) {
                              "> Routine params locked, but not forWriting."));
 }
 
+// Whether a routine waits for parameters, in each of the ways it can stop waiting; the parameters stay
+// open for writing after an abort (the lenient write still takes them), but the routine no longer waits.
+class AcceptsParamsTest : public InstanceTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(AcceptsParamsTest, OnlyWhilePublishedOpenAndNotStopped) {
+    const std::string way = GetParam();
+    std::atomic<int> changes{0};
+    Gate published;
+    auto instance = Make([&](ScriptedRoutine& self, IRoutineHost& host) {
+        host.GetParams(self.parameters, [&](Ny::Properties::Structure&) { ++changes; });
+        published.Open();
+        if (way == "fail") {
+            host.SetFailedState("broken");
+            return;
+        }
+        host.WaitForContinue([](IRoutineHost&) {});
+    });
+    EXPECT_FALSE(instance->AcceptsParams());  // nothing published
+    instance->Start();
+    ASSERT_TRUE(published.Wait());
+    if (way == "fail") {
+        ASSERT_TRUE(Eventually([&] { return instance->State() == RoutineState::Failed; }));
+    } else {
+        ASSERT_TRUE(Eventually([&] { return instance->State() == RoutineState::WaitingForFeedback; }));
+        EXPECT_TRUE(instance->AcceptsParams());
+        if (way == "continue") {
+            instance->Continue();
+        } else {
+            instance->Abort();
+        }
+    }
+    EXPECT_FALSE(instance->AcceptsParams());
+
+    // A writer that refuses releases without telling the routine or anyone: nothing was written.
+    const int updatesBefore = updates.load();
+    instance->LockParams(true);
+    instance->UnlockParamsUnwritten();
+    instance->UnlockParamsUnwritten();  // a second release does nothing
+    EXPECT_EQ(changes.load(), 0);
+    EXPECT_EQ(updates.load(), updatesBefore);
+    EXPECT_EQ(instance->LockParams(false), &routine->parameters);  // the lock was released
+    instance->UnlockParams();
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, AcceptsParamsTest, ::testing::Values("continue", "abort", "fail"));
+
 TEST_F(InstanceTest, ClientLockHoldsOffStateChangesAndUpdatedHandlersMayReadParameters) {
     Gate published;
     auto instance = Make([&](ScriptedRoutine& self, IRoutineHost& host) {

@@ -73,13 +73,18 @@ TEST_F(ManagerTest, LimitCountsStoppedRoutinesUntilRemoved) {
         FAIL() << "second routine admitted at the limit";
     } catch (const Ny::Exception& e) {
         EXPECT_EQ(e.Status(), -1000);
-        EXPECT_EQ(e.Message(),
-                  "Routine [Quick] cannot be created; maximum number of [1] concurrently running routines "
-                  "reached.");
+        EXPECT_EQ(
+            e.Message(),
+            "Routine [Quick] cannot be created: the routine limit of [1] is reached (a finished routine "
+            "counts until it is deleted).");
     }
+    EXPECT_EQ(manager.Limit(), 1u);
     const auto refusals = log.Records();
     EXPECT_TRUE(std::any_of(refusals.begin(), refusals.end(), [](const auto& record) {
-        return record.levelWord == Ny::Logging::Level::ManagerRefusal && record.context == "RoutineManager";
+        return record.levelWord == Ny::Logging::Level::ManagerRefusal && record.context == "RoutineManager" &&
+               record.text ==
+                   "Routine [Quick] cannot be created; maximum number of [1] concurrently running routines "
+                   "reached.";
     }));
     manager.Remove(first);
     EXPECT_EQ(manager.Create("Quick", nullptr), "Quick-1");

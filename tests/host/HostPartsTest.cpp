@@ -1,8 +1,12 @@
-// The host's reply helpers in-process: text checks at the edge of what UTF-8 allows, and log text that
-// no byte can break.
+// The host's parts in-process: text checks at the edge of what UTF-8 allows, log text that no byte can
+// break, and the creations that answer before they end.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
+#include "AsyncCreations.h"
 #include "HostReplies.h"
+#include "Sync.h"
 
 namespace {
 
@@ -40,6 +44,51 @@ TEST(HostReplies, RepliesAndLogTextSurviveAnyByte) {
     EXPECT_NE(line.find("\\x0A"), std::string::npos);
     EXPECT_NE(line.find("\\x5C"), std::string::npos);  // a backslash cannot fake an escape
     EXPECT_EQ(ForLog(std::string(300, 'a')).size(), 256u + 3u);
+}
+
+using NyHost::AsyncCreations;
+
+// A creation that announces its routine, then waits for `release` as a creation waits for its continue.
+AsyncCreations::Creation Waiting(NyTest::Gate& release, const std::string& id) {
+    return [&release, id](const AsyncCreations::CreatedFx& onCreated) {
+        onCreated({id, "/routines/" + id});
+        EXPECT_TRUE(release.Wait(NyTest::Generous));
+        NyRest::Response done;
+        done.status = 201;
+        return done;
+    };
+}
+
+TEST(AsyncCreations, AnswerWhenTheRoutineExistsAndWaitOnWithinTheirBound) {
+    NyTest::Gate release;
+    AsyncCreations creations(2);
+    const auto first = creations.Run(Waiting(release, "A-0"));
+    ASSERT_TRUE(first && first->created);
+    EXPECT_EQ(first->created->path, "/routines/A-0");
+    ASSERT_TRUE(creations.Run(Waiting(release, "A-1")));
+    EXPECT_EQ(creations.Running(), 2u);
+    EXPECT_FALSE(creations.Run(Waiting(release, "A-2"))) << "beyond the bound the creation is refused";
+    release.Open();
+    creations.JoinAll();
+    EXPECT_EQ(creations.Running(), 0u);
+    EXPECT_TRUE(creations.Run(Waiting(release, "A-3"))) << "finished creations free their places";
+}
+
+TEST(AsyncCreations, ACreationThatEndsFirstGivesItsOwnReply) {
+    AsyncCreations creations(1);
+    const auto refused = creations.Run([](const AsyncCreations::CreatedFx&) {
+        NyRest::Response response;
+        response.status = 409;
+        return response;
+    });
+    ASSERT_TRUE(refused);
+    EXPECT_FALSE(refused->created);
+    EXPECT_EQ(refused->finished.status, 409);
+    const auto failed = creations.Run(
+        [](const AsyncCreations::CreatedFx&) -> NyRest::Response { throw std::runtime_error("plug-in"); });
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->finished.status, 500);
+    EXPECT_EQ(failed->finished.body["message"], "The creation failed.");
 }
 
 }  // namespace

@@ -597,15 +597,68 @@ TEST_F(HttpServerTest, FilterDecidesOnTheHeaderBeforeAnyBodyIsRead) {
 }
 
 // Opens a stream and reads its header, after which the server has registered the client.
-std::unique_ptr<Client> OpenStream(std::uint16_t port, int receiveBuffer = 0) {
+// Opens a stream and takes its header and its "retry:" line; what follows stays in `received`.
+std::unique_ptr<Client> OpenStream(std::uint16_t port, int receiveBuffer = 0, const std::string& headers = "",
+                                   const std::string& target = "/events") {
     auto client = std::make_unique<Client>(port, receiveBuffer);
-    EXPECT_TRUE(client->Send(Request("GET", "/events")));
+    EXPECT_TRUE(client->Send(Request("GET", target, "", headers)));
     const std::string header = client->TakeThrough("\r\n\r\n");
     EXPECT_EQ(header.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << header;
     EXPECT_NE(header.find("Content-Type: text/event-stream\r\n"), std::string::npos) << header;
     EXPECT_NE(header.find("Cache-Control: no-cache\r\n"), std::string::npos) << header;
     EXPECT_NE(header.find("X-Content-Type-Options: nosniff\r\n"), std::string::npos) << header;
+    EXPECT_EQ(header.find("ETag"), std::string::npos) << header;
+    EXPECT_EQ(client->TakeThrough("\n\n"), "retry: 3000\n\n");
     return client;
+}
+
+struct SseFrame {
+    std::string id;
+    std::string event;
+    std::string data;
+    bool operator==(const SseFrame&) const = default;
+};
+
+// The whole frames at the start of `text`, each consumed; comment frames are skipped.
+std::vector<SseFrame> TakeFrames(std::string& text) {
+    std::vector<SseFrame> frames;
+    for (std::size_t end; (end = text.find("\n\n")) != std::string::npos;) {
+        SseFrame frame;
+        std::size_t line = 0;
+        while (line < end) {
+            const std::size_t lineEnd = text.find('\n', line);
+            const std::string field = text.substr(line, lineEnd - line);
+            if (field.rfind("id: ", 0) == 0) {
+                frame.id = field.substr(4);
+            } else if (field.rfind("event: ", 0) == 0) {
+                frame.event = field.substr(7);
+            } else if (field.rfind("data: ", 0) == 0) {
+                frame.data += (frame.data.empty() ? "" : "\n") + field.substr(6);
+            }
+            line = lineEnd + 1;
+        }
+        if (!frame.event.empty()) {
+            frames.push_back(frame);
+        }
+        text.erase(0, end + 2);
+    }
+    return frames;
+}
+
+// Reads `stream` until the frame of `event` with `data` has come; the frames up to it, or none.
+std::vector<SseFrame> FramesThrough(Client& stream, const std::string& event, const std::string& data) {
+    if (!stream.ReadUntil("event: " + event + "\ndata: " + data + "\n\n")) {
+        return {};
+    }
+    const std::string marker = "event: " + event + "\ndata: " + data + "\n\n";
+    std::string through = stream.Take(stream.received.find(marker) + marker.size());
+    return TakeFrames(through);
+}
+
+// The number after the run in an event id ("1a2b3c4d-17" gives 17), or -1.
+long long IdNumber(const std::string& id) {
+    const std::size_t dash = id.find('-');
+    return dash == 8 && id.size() > 9 ? std::stoll(id.substr(9)) : -1;
 }
 
 TEST_F(HttpServerTest, EventStreamCarriesExactFramesInPublishedOrder) {
@@ -615,12 +668,200 @@ TEST_F(HttpServerTest, EventStreamCarriesExactFramesInPublishedOrder) {
     server->PublishEvent("updated", R"({"type":"updated","path":"/routines/A-0"})");
     server->PublishEvent("note", "two\nlines");
     server->PublishEvent("deleted", R"({"type":"deleted","path":"/routines/A-0"})");
+    const std::string frames = stream->TakeThrough("\"deleted\",\"path\":\"/routines/A-0\"}\n\n");
+    ASSERT_EQ(frames.rfind("id: ", 0), 0u) << frames;
+    const std::string run = frames.substr(4, 8);
+    EXPECT_EQ(run.find_first_not_of("0123456789abcdef"), std::string::npos) << run;
     const std::string expected =
-        "event: created\ndata: {\"type\":\"created\",\"path\":\"/routines/A-0\"}\n\n"
-        "event: updated\ndata: {\"type\":\"updated\",\"path\":\"/routines/A-0\"}\n\n"
-        "event: note\ndata: two\ndata: lines\n\n"
-        "event: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/A-0\"}\n\n";
-    EXPECT_EQ(stream->TakeThrough("\"deleted\",\"path\":\"/routines/A-0\"}\n\n"), expected);
+        "id: " + run + "-1\nevent: created\ndata: {\"type\":\"created\",\"path\":\"/routines/A-0\"}\n\n" +
+        "id: " + run + "-2\nevent: updated\ndata: {\"type\":\"updated\",\"path\":\"/routines/A-0\"}\n\n" +
+        "id: " + run + "-3\nevent: note\ndata: two\ndata: lines\n\n" + "id: " + run +
+        "-4\nevent: deleted\ndata: {\"type\":\"deleted\",\"path\":\"/routines/A-0\"}\n\n";
+    EXPECT_EQ(frames, expected);
+}
+
+// A client that lost its stream reconnects with the id of the last frame it saw, by header or, when it
+// cannot set one, by query, and is sent what it missed in order, then the live events.
+TEST_F(HttpServerTest, ReconnectingWithTheLastIdReplaysWhatWasMissedThenLiveEvents) {
+    StartServer();
+    auto first = OpenStream(server->Port());
+    std::vector<std::string> published{"0"};
+    server->PublishEvent("e", "0");
+    const auto seen = FramesThrough(*first, "e", "0");
+    ASSERT_EQ(seen.size(), 1u);
+    first.reset();  // the stream drops
+    for (const std::string data : {"1", "2\nsecond line"}) {
+        published.push_back(data);
+        server->PublishEvent("e", data);
+    }
+    const std::vector<std::pair<std::string, std::string>> ways{
+        {"Last-Event-ID: " + seen[0].id + "\r\n", "/events"},
+        {"", "/events?x=1&lastEventId=" + seen[0].id},
+        // The header is newer than the address the client was first given.
+        {"Last-Event-ID: " + seen[0].id + "\r\n", "/events?lastEventId=00000000-1"}};
+    for (const auto& [headers, target] : ways) {
+        SCOPED_TRACE(headers + target);
+        auto resumed = OpenStream(server->Port(), 0, headers, target);
+        const std::string live = "live " + std::to_string(published.size());
+        published.push_back(live);
+        server->PublishEvent("e", live);
+        const auto frames = FramesThrough(*resumed, "e", live);
+        ASSERT_EQ(frames.size(), published.size() - 1);
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            EXPECT_EQ(frames[i].data, published[i + 1]);
+            EXPECT_EQ(frames[i].id, seen[0].id.substr(0, 9) + std::to_string(i + 2));
+        }
+    }
+    // The latest id: nothing to replay, live events only.
+    auto current =
+        OpenStream(server->Port(), 0,
+                   "Last-Event-ID: " + seen[0].id.substr(0, 9) + std::to_string(published.size()) + "\r\n");
+    server->PublishEvent("e", "last");
+    const auto frames = FramesThrough(*current, "e", "last");
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(IdNumber(frames[0].id), static_cast<long long>(published.size()) + 1);
+}
+
+struct StaleId {
+    std::string name;
+    std::string headers;  // the id by header,
+    std::string query;    // or by query
+    std::string reason;
+};
+
+class StreamResetTest : public HttpServerTest, public ::testing::WithParamInterface<StaleId> {};
+
+// An id the journal cannot resume from, whatever its bytes, opens the stream with one reset that
+// carries the latest id; the live events follow.
+TEST_P(StreamResetTest, StartsWithOneResetCarryingTheLatestIdThenLiveEvents) {
+    auto options = Options();
+    options.eventReplayCount = 2;
+    StartServer(options);
+    auto witness = OpenStream(server->Port());
+    for (int i = 1; i <= 4; ++i) {
+        server->PublishEvent("e", std::to_string(i));
+    }
+    const auto published = FramesThrough(*witness, "e", "4");
+    ASSERT_EQ(published.size(), 4u);
+    const std::string run = published[0].id.substr(0, 8);
+    const auto fill = [&run](std::string text) {
+        for (std::size_t at; (at = text.find("RUN")) != std::string::npos;) {
+            text.replace(at, 3, run);
+        }
+        return text;
+    };
+    auto stream = OpenStream(server->Port(), 0, fill(GetParam().headers), "/events" + fill(GetParam().query));
+    server->PublishEvent("e", "live");
+    const auto frames = FramesThrough(*stream, "e", "live");
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].id, run + "-4");
+    EXPECT_EQ(frames[0].event, "reset");
+    EXPECT_EQ(nlohmann::json::parse(frames[0].data),
+              (nlohmann::json{{"type", "reset"}, {"reason", GetParam().reason}}));
+    EXPECT_EQ(frames[1].id, run + "-5");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ids, StreamResetTest,
+    ::testing::Values(
+        StaleId{"TooOld", "Last-Event-ID: RUN-1\r\n", "", "The events after this id are no longer kept."},
+        StaleId{"AnotherRun", "", "?lastEventId=00000000-3",
+                "The event id is from another run of the server."},
+        StaleId{"Ahead", "Last-Event-ID: RUN-5\r\n", "", "The event id is ahead of the latest event."},
+        StaleId{"Dash", "Last-Event-ID: -\r\n", "", "The event id is malformed."},
+        StaleId{"TenKilobytes", "Last-Event-ID: " + std::string(10 * 1024, '9') + "\r\n", "",
+                "The event id is malformed."},
+        StaleId{"HugeNumber", "Last-Event-ID: RUN-" + std::string(5000, '9') + "\r\n", "",
+                "The event id is malformed."},
+        StaleId{"NotUtf8ByQuery", "", "?lastEventId=RUN-%FF%FE%00", "The event id is malformed."}),
+    [](const auto& info) { return info.param.name; });
+
+// Header values must be UTF-8: an id of other bytes is refused with the transport's JSON error, and the
+// server goes on.
+TEST_F(HttpServerTest, LastEventIdOfNonUtf8BytesIsRefused400) {
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send(Request("GET", "/events", "", "Last-Event-ID: \xff\xfe-1\r\n")));
+    auto refused = client.ReadReply();
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 400);
+    EXPECT_EQ(nlohmann::json::parse(refused->body), ErrorBody("A header value is not valid UTF-8."));
+    auto stream = OpenStream(server->Port());
+    EXPECT_EQ(server->EventClientCount(), 1u);
+}
+
+// One round of clients resuming while threads publish: publishers run until every client is connected
+// (within the journal's bound), so that connections and publications overlap.
+void ResumeWhilePublishing(HttpServer& server) {
+    auto witness = OpenStream(server.Port());
+    constexpr int kEarly = 40;
+    for (int i = 0; i < kEarly; ++i) {
+        server.PublishEvent("e", "early " + std::to_string(i));
+    }
+    const auto early = FramesThrough(*witness, "e", "early " + std::to_string(kEarly - 1));
+    ASSERT_EQ(early.size(), static_cast<std::size_t>(kEarly));
+
+    constexpr int kPublishers = 3;
+    constexpr int kMaxEvents = 300;  // 40 + 3 * 300 stay within the 1,024 kept
+    constexpr int kClients = 8;
+    NyTest::Gate go;
+    std::atomic<int> ready{0};
+    std::atomic<int> connected{0};
+    std::vector<std::thread> publishers;
+    for (int t = 0; t < kPublishers; ++t) {
+        publishers.emplace_back([&server, t, &go, &ready, &connected] {
+            ++ready;
+            go.Wait();
+            for (int i = 0; i < kMaxEvents && connected < kClients; ++i) {
+                server.PublishEvent("e", std::to_string(t) + " " + std::to_string(i));
+            }
+        });
+    }
+    // Each client resumes from a different early id.
+    std::vector<std::unique_ptr<Client>> clients(kClients);
+    std::vector<std::thread> connecting;
+    for (int c = 0; c < kClients; ++c) {
+        connecting.emplace_back([&server, c, &clients, &early, &go, &ready, &connected] {
+            ++ready;
+            go.Wait();
+            clients[c] = OpenStream(server.Port(), 0, "Last-Event-ID: " + early[c * 5].id + "\r\n");
+            ++connected;
+        });
+    }
+    ASSERT_TRUE(NyTest::Eventually([&ready] { return ready == kPublishers + kClients; }));
+    go.Open();
+    for (auto& thread : publishers) {
+        thread.join();
+    }
+    for (auto& thread : connecting) {
+        thread.join();
+    }
+    server.PublishEvent("end", "");
+
+    auto journal = FramesThrough(*witness, "end", "");
+    ASSERT_FALSE(journal.empty());
+    journal.insert(journal.begin(), early.begin(), early.end());
+    for (std::size_t i = 0; i < journal.size(); ++i) {
+        ASSERT_EQ(IdNumber(journal[i].id), static_cast<long long>(i) + 1);
+    }
+    for (int c = 0; c < kClients; ++c) {
+        ASSERT_TRUE(clients[c]);
+        const auto frames = FramesThrough(*clients[c], "end", "");
+        const std::vector<SseFrame> expected(journal.begin() + c * 5 + 1, journal.end());
+        ASSERT_EQ(frames, expected) << "client " << c;
+    }
+}
+
+// Clients connect with ids while several threads publish: whatever the interleaving, each receives every
+// event after its id exactly once, in the order of the journal, which a client connected before all of
+// it records. Several rounds, each on a fresh server, so that the connections meet publications often.
+TEST_F(HttpServerTest, EventsPublishedWhileClientsResumeArriveExactlyOnceInJournalOrder) {
+    for (int round = 0; round < 10 && !HasFatalFailure(); ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        server.reset();
+        StartServer();
+        ResumeWhilePublishing(*server);
+    }
 }
 
 TEST_F(HttpServerTest, IdleStreamGetsKeepAliveComments) {
@@ -652,19 +893,17 @@ TEST_F(HttpServerTest, EventsFromSeveralThreadsReachEveryClientInEachThreadsOrde
     }
     server->PublishEvent("end", "");
     for (auto& client : clients) {
-        const std::string frames = client->TakeThrough("event: end\ndata: \n\n");
-        ASSERT_FALSE(frames.empty());
+        const auto frames = FramesThrough(*client, "end", "");
+        ASSERT_EQ(frames.size(), static_cast<std::size_t>(kThreads * kEvents + 1));
         std::vector<int> next(kThreads, 0);
-        std::size_t pos = 0;
-        while (frames.compare(pos, 9, "event: e\n") == 0) {
-            const std::size_t end = frames.find("\n\n", pos);
+        for (std::size_t i = 0; i + 1 < frames.size(); ++i) {
+            EXPECT_EQ(IdNumber(frames[i].id), static_cast<long long>(i) + 1);
             int thread = -1;
             int index = -1;
-            ASSERT_EQ(std::sscanf(frames.c_str() + pos, "event: e\ndata: %d %d", &thread, &index), 2);
+            ASSERT_EQ(std::sscanf(frames[i].data.c_str(), "%d %d", &thread, &index), 2);
             ASSERT_GE(thread, 0);
             ASSERT_LT(thread, kThreads);
             EXPECT_EQ(index, next[thread]++);
-            pos = end + 2;
         }
         EXPECT_EQ(next, std::vector<int>(kThreads, kEvents));
     }
@@ -694,15 +933,15 @@ TEST_F(HttpServerTest, SlowStreamClientIsDroppedWhileAFastOneKeepsReceiving) {
 
     server->PublishEvent("e", std::to_string(sequence++) + " after");
     ASSERT_TRUE(fast->ReadUntil(std::to_string(sequence - 1) + " after\n\n"));
-    std::size_t pos = 0;
+    const auto frames = TakeFrames(fast->received);
+    ASSERT_EQ(frames.size(), static_cast<std::size_t>(sequence));
     for (int expected = 0; expected < sequence; ++expected) {
-        const std::string frame = "event: e\ndata: " + std::to_string(expected) + " ";
-        ASSERT_EQ(fast->received.compare(pos, frame.size(), frame), 0) << "frame " << expected;
-        pos = fast->received.find("\n\n", pos) + 2;
+        ASSERT_EQ(frames[expected].data.rfind(std::to_string(expected) + " ", 0), 0u) << "frame " << expected;
     }
     // The slow client got a prefix of the stream, then the server closed it.
     EXPECT_TRUE(slow->ReadUntilClosed());
-    EXPECT_EQ(slow->received.rfind("event: e\ndata: 0 ", 0), 0u);
+    EXPECT_NE(slow->received.find("\nevent: e\ndata: 0 "), std::string::npos);
+    EXPECT_EQ(slow->received.rfind("id: ", 0), 0u);
 }
 
 // The peak resident memory of this process since the last reset, in bytes (0 where not readable).
@@ -747,6 +986,65 @@ TEST_F(HttpServerTest, EventClientsThatNeverReadHoldLittleMoreThanTheirCaps) {
     const std::size_t growth = PeakResidentBytes() - before;
     // 64 caps plus room for the allocator; a server that let hand-overs pile up went well beyond.
     EXPECT_LT(growth, kClients * kCap + (2u << 20)) << growth;
+}
+
+// Many clients reconnect at once with the oldest kept id and read nothing: their replays share the
+// journal's frames, so the server holds about a pointer per frame and client, not a copy of the journal
+// for each.
+TEST_F(HttpServerTest, ManyClientsResumingAtOnceShareTheReplayedFrames) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own bookkeeping dominates the process's memory";
+#endif
+    constexpr std::size_t kClients = 64;
+    constexpr std::size_t kFrames = 1024;
+    auto options = Options();
+    options.maxEventClients = kClients + 1;
+    StartServer(options);
+    auto witness = OpenStream(server->Port());
+    const std::string payload(200, 'p');  // the journal holds about 220 KiB of frames
+    for (std::size_t i = 0; i < kFrames; ++i) {
+        server->PublishEvent("e", std::to_string(i) + " " + payload);
+    }
+    const auto first = FramesThrough(*witness, "e", "0 " + payload);
+    ASSERT_EQ(first.size(), 1u);
+    const std::string oldest = first[0].id.substr(0, 9) + "1";  // what is replayed is 2 .. 1024
+
+    std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak below
+    const std::size_t before = PeakResidentBytes();
+    ASSERT_GT(before, 0u);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (std::size_t i = 0; i < kClients; ++i) {
+        clients.push_back(OpenStream(server->Port(), 4096, "Last-Event-ID: " + oldest + "\r\n"));
+    }
+    ASSERT_EQ(server->EventClientCount(), kClients + 1);
+    // Each has its replay queued; the last one's last frame arriving says the replays were all queued.
+    EXPECT_TRUE(clients.back()->ReadUntil("data: 1 " + payload));
+    const std::size_t growth = PeakResidentBytes() - before;
+    // Copies would take 64 times the journal, 14 MiB; shared frames a few hundred KiB and the sockets.
+    EXPECT_LT(growth, 6u << 20) << growth;
+}
+
+// A replay longer than half a client's queue would get it dropped at once: it gets a reset instead.
+TEST_F(HttpServerTest, ReplayBeyondHalfTheClientQueueBecomesAReset) {
+    auto options = Options();
+    options.eventClientQueueBytes = 24 * 1024;  // the witness takes all 100 frames, half holds 75
+    StartServer(options);
+    auto witness = OpenStream(server->Port());
+    for (int i = 0; i < 100; ++i) {
+        server->PublishEvent("e", std::to_string(i));
+    }
+    const auto published = FramesThrough(*witness, "e", "99");
+    ASSERT_EQ(published.size(), 100u);
+    auto recent = OpenStream(server->Port(), 0, "Last-Event-ID: " + published[97].id + "\r\n");
+    auto old = OpenStream(server->Port(), 0, "Last-Event-ID: " + published[0].id + "\r\n");
+    server->PublishEvent("e", "live");
+    EXPECT_EQ(FramesThrough(*recent, "e", "live").size(), 3u);
+    const auto frames = FramesThrough(*old, "e", "live");
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].event, "reset");
+    EXPECT_EQ(frames[0].id, published[99].id);
+    EXPECT_EQ(nlohmann::json::parse(frames[0].data)["reason"],
+              "More events were missed than the stream can replay.");
 }
 
 TEST_F(HttpServerTest, StreamsBeyondTheCapAreRefused503UntilOneCloses) {
@@ -963,6 +1261,75 @@ TEST_F(HttpServerTest, ConnectionsBeyondTheCapAreClosedAtOnce) {
         Client next(server->Port());
         return next.Send(Request("GET", "/x")) && next.ReadReply().has_value();
     }));
+}
+
+// A client that holds the current document asks with its tag and is told 304, without a body, on a
+// connection that goes on serving; HEAD is answered alike; other replies and the stream get no tag.
+TEST_F(HttpServerTest, ReadWithAMatchingTagIsAnswered304AndTheConnectionGoesOn) {
+    handler = [](const HttpRequest& request) {
+        if (request.target == "/missing") {
+            return NyHost::JsonErrorReply(404, "No such thing.");
+        }
+        return HttpResponse{200, {}, "{\"doc\":1}"};
+    };
+    StartServer();
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send(Request("GET", "/doc")));
+    auto full = client.ReadReply();
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->status, 200);
+    const std::string tag = full->headers["etag"];
+    ASSERT_EQ(tag.size(), 18u) << tag;
+    EXPECT_EQ(tag.front(), '"');
+    EXPECT_EQ(tag.substr(1, 16).find_first_not_of("0123456789abcdef"), std::string::npos) << tag;
+
+    for (const std::string& condition : {tag, "W/" + tag, std::string("\"x\", ") + tag, std::string("*")}) {
+        SCOPED_TRACE(condition);
+        for (const std::string method : {"GET", "HEAD"}) {
+            ASSERT_TRUE(client.Send(Request(method, "/doc", "", "If-None-Match: " + condition + "\r\n")));
+            auto unchanged = client.ReadReply();
+            ASSERT_TRUE(unchanged);
+            EXPECT_EQ(unchanged->status, 304);
+            EXPECT_EQ(unchanged->headers["etag"], tag);
+            EXPECT_EQ(unchanged->headers.count("content-type"), 0u);
+            EXPECT_TRUE(unchanged->headers.count("content-length") == 0 ||
+                        unchanged->headers["content-length"] == "0");
+            EXPECT_TRUE(unchanged->body.empty());
+        }
+    }
+    // Pipelined: a body sent with the 304 would be read as the start of the next reply.
+    ASSERT_TRUE(client.Send(Request("GET", "/doc", "", "If-None-Match: " + tag + "\r\n") +
+                            Request("GET", "/doc", "", "If-None-Match: \"other\", garbage,,\r\n") +
+                            Request("GET", "/missing", "", "If-None-Match: *\r\n") +
+                            Request("POST", "/doc", "", "If-None-Match: *\r\n")));
+    auto unchanged = client.ReadReply();
+    ASSERT_TRUE(unchanged);
+    EXPECT_EQ(unchanged->status, 304);
+    auto changed = client.ReadReply();
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(changed->status, 200);
+    EXPECT_EQ(changed->body, "{\"doc\":1}");
+    auto missing = client.ReadReply();
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->status, 404);
+    EXPECT_EQ(missing->headers.count("etag"), 0u);
+    auto posted = client.ReadReply();
+    ASSERT_TRUE(posted);
+    EXPECT_EQ(posted->status, 200);
+    EXPECT_EQ(posted->headers.count("etag"), 0u);
+
+    // A thousand tags, the matching one last, fit in the header limit and are all looked at.
+    std::string many;
+    for (int i = 0; i < 999; ++i) {
+        many += "W/\"" + std::to_string(i) + "\",";
+    }
+    ASSERT_TRUE(client.Send(Request("GET", "/doc", "", "If-None-Match: " + many + tag + "\r\n")));
+    auto last = client.ReadReply();
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last->status, 304);
+
+    // The event stream ignores the condition and carries no tag (OpenStream checks).
+    auto stream = OpenStream(server->Port(), 0, "If-None-Match: *\r\n");
 }
 
 TEST_F(HttpServerTest, HeadAndAbsoluteFormAreAnsweredAsTheirOriginFormGet) {

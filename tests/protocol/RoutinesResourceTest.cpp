@@ -129,9 +129,11 @@ TEST_F(RoutinesResourceTest, CreationWaitsForContinueWhileReadsUpdatesAndCommand
     const NyRest::Response refused =
         Call("PATCH", "/routines/Calib-0", {{"parameters", {{"count", 11}, {"name", "x"}}}});
     EXPECT_EQ(refused.status, 400);
-    EXPECT_EQ(refused.body, json({{"status", -997},
-                                  {"message", "Set routine params failed."},
-                                  {"causes", {"count was set to be greater than its maximum."}}}));
+    EXPECT_EQ(refused.body,
+              json({{"status", -997},
+                    {"message", "Set routine params failed."},
+                    {"causes", {"count was set to be greater than its maximum."}},
+                    {"fields", {{"count", {"count was set to be greater than its maximum."}}}}}));
     EXPECT_TRUE(log.Contains("count was set to be greater than its maximum."));
     EXPECT_EQ(Call("GET", "/routines/Calib-0").body["parameters"]["name"], "");  // nothing of it was stored
 

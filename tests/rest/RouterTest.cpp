@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <thread>
 
 #include "NyApi/Exception.h"
 #include "NyRest/Path.h"
@@ -155,6 +156,141 @@ TEST_F(RouterTest, BlockedRequestLeavesOthersServedAndDeregistrationWaitsForIt) 
     items.release.Open();
     EXPECT_EQ(blocked.get().status, 200);
     withdrawn.get();
+}
+
+// A parent whose creation announces itself, then blocks until released, as a routine creation does;
+// with "offThread" another thread announces something else first.
+class Announcer : public NyRest::ResourceBase, public NyRest::IParentResource {
+  public:
+    NyRest::IParentResource* ParentProvider() override { return this; }
+    NyRest::CreateResult Create(const NyRest::RequestInfo& request, const json& body) override {
+        const std::string id = body.at("name").get<std::string>();
+        if (request.Prefers("offThread")) {
+            std::thread([this] {
+                NotificationEvent().Raise(*this, NyRest::EventType::Created, "/things/other");
+            }).join();
+        }
+        NotificationEvent().Raise(*this, NyRest::EventType::Updated, "/things");
+        NotificationEvent().Raise(*this, NyRest::EventType::Created, "/things/" + id);
+        NotificationEvent().Raise(*this, NyRest::EventType::Created, "/things/" + id + "-second");
+        release.Wait();
+        return {id, "/things/" + id};
+    }
+    void Delete(const NyRest::RequestInfo&) override {}
+
+    NyTest::Gate release;
+};
+
+class CreatedHookTest : public ::testing::Test {
+  protected:
+    CreatedHookTest() { router.Register("/things/:thing", announcer); }
+    ~CreatedHookTest() override {
+        announcer.release.Open();
+        router.Deregister("/things/:thing", false);
+    }
+
+    // Runs a creation of `name` on its own thread; the hook records what it was given.
+    std::future<NyRest::Response> StartCreation(const std::string& name, const std::string& prefer = {}) {
+        NyRest::DispatchOptions options;
+        options.prefer = prefer;
+        options.onCreated = [this](const NyRest::CreateResult& created) {
+            {
+                std::lock_guard guard(mutex);
+                seen.push_back(created.id + " " + created.path);
+            }
+            announced.Open();
+        };
+        return std::async(std::launch::async, [this, name, options] {
+            return router.DispatchRaw("POST", "/things", json({{"name", name}}).dump(), options);
+        });
+    }
+    std::vector<std::string> Seen() {
+        std::lock_guard guard(mutex);
+        return seen;
+    }
+
+    NyRest::ResourceRouter router;
+    Announcer announcer;
+    NyTest::Gate announced;
+    std::mutex mutex;
+    std::vector<std::string> seen;
+};
+
+TEST_F(CreatedHookTest, FiresOnceWithTheFirstCreatedBeforeTheBlockedCreationReturns) {
+    auto creation = StartCreation("t1");
+    ASSERT_TRUE(announced.Wait());
+    EXPECT_EQ(creation.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    EXPECT_EQ(Seen(), std::vector<std::string>{"t1 /things/t1"});
+    announcer.release.Open();
+    const NyRest::Response reply = creation.get();
+    EXPECT_EQ(reply.status, 201);
+    EXPECT_EQ(Seen(), std::vector<std::string>{"t1 /things/t1"});  // not the second Created
+}
+
+TEST_F(CreatedHookTest, CreatedRaisedOnAnotherThreadDuringTheDispatchDoesNotFireIt) {
+    auto creation = StartCreation("t2", "offThread");
+    ASSERT_TRUE(announced.Wait());
+    EXPECT_EQ(Seen(), std::vector<std::string>{"t2 /things/t2"});
+    announcer.release.Open();
+    EXPECT_EQ(creation.get().status, 201);
+}
+
+TEST_F(CreatedHookTest, NotificationsOutsideAnyDispatchAndHookFailuresLeaveTheCreationAlone) {
+    announcer.release.Open();
+    announcer.NotificationEvent().Raise(announcer, NyRest::EventType::Created, "/things/outside");
+    NyRest::DispatchOptions throwing;
+    throwing.onCreated = [](const NyRest::CreateResult&) { throw std::runtime_error("host broke"); };
+    const NyRest::Response reply = router.Dispatch("POST", "/things", {{"name", "t3"}}, throwing);
+    EXPECT_EQ(reply.status, 201);
+    EXPECT_EQ(reply.body, json({{"id", "t3"}, {"path", "/things/t3"}}));
+    EXPECT_TRUE(Seen().empty());
+}
+
+TEST(RequestInfo, PrefersReadsCommaSeparatedPreferencesCaseInsensitively) {
+    const auto prefers = [](const std::string& header, std::string_view token) {
+        return NyRest::RequestInfo("PUT", "/x", {}, {}, header).Prefers(token);
+    };
+    EXPECT_TRUE(prefers("respond-async, wait=10", "respond-async"));
+    EXPECT_TRUE(prefers("wait=10,Respond-Async", "respond-async"));
+    EXPECT_TRUE(prefers("respond-async;foo=bar", "respond-async"));
+    EXPECT_TRUE(prefers("handling=strict", "handling=strict"));
+    EXPECT_TRUE(prefers("HANDLING = \"Strict\" ; x=1", "handling=strict"));
+    EXPECT_TRUE(prefers("a=\"x,y\", handling=strict", "handling=strict"));  // a comma inside quotes
+    EXPECT_TRUE(prefers("wait=10", "wait"));
+    EXPECT_FALSE(prefers("", "respond-async"));
+    EXPECT_FALSE(prefers("respond-asynchronously", "respond-async"));
+    EXPECT_FALSE(prefers("handling=lenient", "handling=strict"));
+    EXPECT_FALSE(prefers("handling", "handling=strict"));
+    EXPECT_FALSE(prefers("x=\"handling=strict\"", "handling=strict"));
+    EXPECT_FALSE(prefers("handling=lenient, handling=strict", "handling=strict"));  // the first one counts
+    EXPECT_FALSE(prefers("return=minimal", "respond-async"));
+}
+
+TEST(ErrorBody, FieldsOfTheWholeChainAppearOnlyWhenThereAreAny) {
+    try {
+        try {
+            Ny::Exception refusal(1, "f", -997, "Value::CheckValidation", "samples was set to be too big.");
+            refusal.AddField("samples", "samples was set to be too big.");
+            refusal.AddField("outer.\xff\xfe", "odd \xc3 bytes");
+            refusal.AddField("samples", "second message");
+            throw refusal;
+        } catch (const Ny::Exception& e) {
+            std::throw_with_nested(
+                Ny::Exception(2, "f", e.Status(), "Root::Set", "Set routine params failed."));
+        }
+    } catch (const std::exception& wrapped) {
+        EXPECT_EQ(NyRest::HttpStatusFor(wrapped), 400);
+        const json body = NyRest::ErrorBody(wrapped);
+        EXPECT_EQ(body["status"], -997);
+        EXPECT_EQ(body["message"], "Set routine params failed.");
+        EXPECT_EQ(body["causes"], json({"samples was set to be too big."}));
+        EXPECT_EQ(body["fields"]["samples"], json({"samples was set to be too big.", "second message"}));
+        // Odd bytes from the request stay in the body; the edge writes them replaced, as valid JSON.
+        const std::string text = body.dump(-1, ' ', false, json::error_handler_t::replace);
+        const json reparsed = json::parse(text);
+        EXPECT_EQ(reparsed["fields"]["outer.\xEF\xBF\xBD\xEF\xBF\xBD"], json({"odd \xEF\xBF\xBD bytes"}));
+    }
+    EXPECT_FALSE(NyRest::ErrorBody(Ny::Exception(1, "f", -997, "X")).contains("fields"));
 }
 
 }  // namespace

@@ -139,4 +139,112 @@ TEST(Serializer, SchemaLeavesAreWriteOnlyAndNeverRead) {
     }
 }
 
+// Nested groups and an array of groups, for field paths below the top.
+struct Channel : Ny::Params::Group {
+    Channel() {
+        AddParameter("name", name, "");
+        AddParameter("level", level, "");
+        level.Maximum(10);
+    }
+    Ny::Params::Value<std::string> name;
+    Ny::Params::Value<unsigned int> level;
+};
+
+struct Rig : Ny::Params::Group {
+    Rig() {
+        AddParameter("outer", outer, "");
+        Register("list", list);
+        list.Resize(3);
+    }
+    Settings outer;
+    Ny::Properties::Array<Channel> list;
+};
+
+using Fields = std::vector<Ny::Exception::FieldRefusal>;
+
+// Runs a refused update and returns what it threw; fails the test when nothing was thrown.
+Ny::Exception Refusal(Ny::Properties::Node& node, const json& incoming) {
+    try {
+        JsonSerializer::Deserialize(node, incoming);
+    } catch (const Ny::Exception& e) {
+        return e;
+    }
+    ADD_FAILURE() << "accepted " << incoming;
+    return Ny::Exception(0, "", 0, "");
+}
+
+TEST(Serializer, EveryRefusedValueBecomesAFieldAndTheFirstStaysTheMessage) {
+    Settings settings;
+    const json before = JsonSerializer::Serialize(settings);
+    const Ny::Exception e = Refusal(
+        settings, {{"samples", 5000}, {"label", "fine"}, {"mode", 7}, {"enabled", "yes"}, {"gain", 1.0}});
+    EXPECT_EQ(e.Status(), -997);
+    EXPECT_EQ(e.Message(), "samples was set to be greater than its maximum.");
+    EXPECT_EQ(e.Fields(), (Fields{{"samples", "samples was set to be greater than its maximum."},
+                                  {"mode", "mode was set to a value outside of the enum."},
+                                  {"enabled", "Member \"enabled\" must be a boolean."}}));
+    EXPECT_EQ(JsonSerializer::Serialize(settings), before);          // still all-or-nothing
+    EXPECT_TRUE(Refusal(settings, json::array()).Fields().empty());  // not a field's refusal
+}
+
+TEST(Serializer, FieldPathsJoinNestedKeysAndArrayIndexesWithDots) {
+    Rig rig;
+    const json before = JsonSerializer::Serialize(rig);
+    const Ny::Exception e = Refusal(rig, {{"outer", {{"samples", 0}, {"tags", 5}}},
+                                          {"list", {json::object(), {{"level", 11}}, {{"name", 4}}}}});
+    EXPECT_EQ(e.Message(), "samples was set to be less than its minimum.");
+    EXPECT_EQ(e.Fields(), (Fields{{"outer.samples", "samples was set to be less than its minimum."},
+                                  {"outer.tags", "Member \"outer.tags\" must be an array."},
+                                  {"list.1.level", "level was set to be greater than its maximum."},
+                                  {"list.2.name", "Member \"list[2].name\" must be a string."}}));
+    EXPECT_EQ(JsonSerializer::Serialize(rig), before);
+    EXPECT_EQ(Refusal(rig, {{"outer", 3}}).Fields(),
+              (Fields{{"outer", "Member \"outer\" must be an object."}}));
+    EXPECT_EQ(Refusal(rig, {{"list", {{"level", 1}}}}).Fields(),
+              (Fields{{"list", "Member \"list\" must be an array."}}));
+}
+
+TEST(Serializer, UnknownMembersAreFoundAtEveryDepth) {
+    Rig rig;
+    EXPECT_TRUE(
+        JsonSerializer::UnknownMembers(rig, {{"outer", {{"samples", 3}}}, {"list", json::array()}}).empty());
+    EXPECT_EQ(JsonSerializer::UnknownMembers(
+                  rig, {{"volum", 20},
+                        {"outer", {{"samples", 3}, {"x", {{"deeper", 1}}}}},
+                        {"list", {{{"name", "a"}}, {{"nme", "b"}}, json::object(), {{"extra", 1}}}}}),
+              (std::vector<std::string>{"list.1.nme", "list.3.extra", "outer.x", "volum"}));
+    // Deeper than any node: the first unknown key is reported, not what lies beneath it.
+    json deep = 1;
+    for (int i = 0; i < 50; ++i) {
+        deep = json{{"k", deep}};
+    }
+    EXPECT_EQ(JsonSerializer::UnknownMembers(rig, {{"outer", deep}}), std::vector<std::string>{"outer.k"});
+    // Under a value or a node of another kind there is nothing to look into.
+    EXPECT_TRUE(JsonSerializer::UnknownMembers(rig, {{"outer", {{"samples", {{"a", 1}}}}}}).empty());
+    EXPECT_TRUE(JsonSerializer::UnknownMembers(rig, json::array()).empty());
+}
+
+TEST(Serializer, ElementsBeyondTheArrayAreValidatedBeforeAnythingIsStored) {
+    Rig rig;
+    const json before = JsonSerializer::Serialize(rig);
+    const json grown = {
+        {"outer", {{"label", "new"}}},
+        {"list", {json::object(), json::object(), json::object(), {{"name", 5}}, {{"level", 11}}}}};
+    const Ny::Exception e = Refusal(rig, grown);
+    EXPECT_EQ(e.Fields(), (Fields{{"list.3.name", "Member \"list[3].name\" must be a string."},
+                                  {"list.4.level", "level was set to be greater than its maximum."}}));
+    EXPECT_EQ(JsonSerializer::Serialize(rig), before);
+    EXPECT_EQ(JsonSerializer::UnknownMembers(
+                  rig, {{"list", {json::object(), json::object(), json::object(), {{"nme", 1}}}}}),
+              std::vector<std::string>{"list.3.nme"});
+    // Valid new elements are made and read.
+    JsonSerializer::Deserialize(
+        rig, {{"list", {json::object(), json::object(), json::object(), {{"name", "d"}, {"level", 4}}}}});
+    ASSERT_EQ(rig.list.Count(), 4u);
+    EXPECT_EQ(rig.list[3].name.Get(), "d");
+    EXPECT_EQ(rig.list[3].level.Get(), 4u);
+    Ny::Properties::Array<Channel> empty;
+    EXPECT_EQ(JsonSerializer::UnknownMembers(empty, {{{"nme", 1}}}), std::vector<std::string>{"0.nme"});
+}
+
 }  // namespace

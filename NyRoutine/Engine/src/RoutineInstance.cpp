@@ -580,6 +580,23 @@ void RoutineInstance::UnlockParams() {
     }
 }
 
+void RoutineInstance::UnlockParamsUnwritten() {
+    if (!paramsLocked) {
+        return;
+    }
+    // Written while the lock is still held, like every change of the flag.
+    paramsWriting = false;
+    UnlockParams();
+}
+
+bool RoutineInstance::AcceptsParams() const {
+    Ny::Locker locker(lock.Get());
+    const RoutineState now = state.load();
+    const bool stopped = aborted || deleting || ended.load() != 0 || now == RoutineState::Completed ||
+                         now == RoutineState::Aborted || now == RoutineState::Failed;
+    return params != nullptr && paramsEditable && !stopped;
+}
+
 const Ny::Properties::Structure* RoutineInstance::LockResults() {
     const std::uint32_t thread = NyRt::CurrentThreadId();
     if (resultsLocked) {
@@ -617,6 +634,17 @@ ParamsAccess::~ParamsAccess() {
 void ParamsAccess::Release() {
     if (RoutineInstance* held = std::exchange(instance, nullptr)) {
         held->UnlockParams();
+    }
+}
+
+void ParamsAccess::ReleaseUnwritten() noexcept {
+    if (RoutineInstance* held = std::exchange(instance, nullptr)) {
+        // Nothing runs but the unlock itself (no callback, no event); its failure is only logged.
+        try {
+            held->UnlockParamsUnwritten();
+        } catch (const std::exception& e) {
+            NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+        }
     }
 }
 

@@ -13,6 +13,10 @@ namespace {
 constexpr const char* RunningMessage = "Routine [%1$s] cannot be created while system is running.";
 constexpr const char* LimitMessage =
     "Routine [%1$s] cannot be created; maximum number of [%2$u] concurrently running routines reached.";
+// What a client reads: says which limit, and how to make room.
+constexpr const char* LimitRefusal =
+    "Routine [%1$s] cannot be created: the routine limit of [%2$u] is reached (a finished routine counts "
+    "until it is deleted).";
 constexpr const char* ClosedMessage = "Routine [%1$s] cannot be created; the routine manager is closing.";
 }  // namespace
 
@@ -165,7 +169,7 @@ void RoutineManager::Refuse(const std::string& typeName, bool limit) {
     if (limit) {
         Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, Ny::Logging::Level::ManagerRefusal, "RoutineManager",
                                   LimitMessage, typeName.c_str(), max);
-        throw NY_EXCEPTION(-1000, LimitMessage, typeName.c_str(), max);
+        throw NY_EXCEPTION(-1000, LimitRefusal, typeName.c_str(), max);
     }
     Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, Ny::Logging::Level::ManagerRefusal, "RoutineManager",
                               RunningMessage, typeName.c_str());

@@ -32,6 +32,69 @@ void WithContext(const std::string& context, const char* message, int line, Body
     }
 }
 
+// A refusal names at most this many keys, each cut to this many bytes, and counts the rest: a request
+// with thousands of unknown or huge keys must not get a reply message of the same size.
+constexpr size_t MaxNamedKeys = 20;
+constexpr size_t MaxNamedKeyBytes = 64;
+
+// `"a", "b" and 3 more`
+std::string NameKeys(const std::vector<std::string>& keys) {
+    std::string text;
+    for (size_t i = 0; i < keys.size() && i < MaxNamedKeys; ++i) {
+        text += i == 0 ? "\"" : ", \"";
+        if (keys[i].size() <= MaxNamedKeyBytes) {
+            text += keys[i];
+        } else {
+            // Cut before a UTF-8 continuation byte, so that no character is split.
+            size_t cut = MaxNamedKeyBytes;
+            while (cut > 0 && (static_cast<unsigned char>(keys[i][cut]) & 0xC0) == 0x80) {
+                --cut;
+            }
+            text += keys[i].substr(0, cut) + "...";
+        }
+        text += "\"";
+    }
+    if (keys.size() > MaxNamedKeys) {
+        text += " and " + std::to_string(keys.size() - MaxNamedKeys) + " more";
+    }
+    return text;
+}
+
+// A strict write's body: an object with an object member "parameters" and nothing else.
+void CheckStrictBody(const nlohmann::json& body) {
+    if (!body.is_object()) {
+        throw NY_EXCEPTION(-997, "The request body must be a JSON object.");
+    }
+    const auto parameters = body.find("parameters");
+    if (parameters == body.end()) {
+        throw NY_EXCEPTION(-997, "The request body must have a member \"parameters\".");
+    }
+    if (!parameters->is_object()) {
+        throw NY_EXCEPTION(-997, "Member \"parameters\" must be an object.");
+    }
+    std::vector<std::string> others;
+    for (const auto& [key, value] : body.items()) {
+        if (key != "parameters") {
+            others.push_back(key);
+        }
+    }
+    if (!others.empty()) {
+        throw NY_EXCEPTION(-997, "%s %s; only \"parameters\" may be given.",
+                           others.size() == 1 ? "Unknown member" : "Unknown members",
+                           NameKeys(others).c_str());
+    }
+}
+
+[[noreturn]] void RefuseUnknownParameters(const std::vector<std::string>& unknown) {
+    Ny::Exception refusal =
+        NY_EXCEPTION(-997, "%s %s.", unknown.size() == 1 ? "Unknown parameter" : "Unknown parameters",
+                     NameKeys(unknown).c_str());
+    for (const std::string& path : unknown) {
+        refusal.AddField(path, "Unknown parameter.");
+    }
+    throw refusal;
+}
+
 }  // namespace
 
 RoutinesRoot::RoutinesRoot(NyCommon::IRoutineController& managerIn) : manager(managerIn) {
@@ -102,7 +165,12 @@ void RoutinesRoot::AppendParams(RoutineInstance& instance, nlohmann::json& docum
         const Ny::Properties::Structure& shown = access.Get() != nullptr ? *access.Get() : empty;
         document["parameters"] = Ny::Properties::JsonSerializer::Serialize(shown);
         if (schema != nullptr) {
-            (*schema)["properties"]["parameters"] = Ny::Properties::JsonSerializer::SerializeSchema(shown);
+            nlohmann::json& parametersSchema = (*schema)["properties"]["parameters"];
+            parametersSchema = Ny::Properties::JsonSerializer::SerializeSchema(shown);
+            // Asked while the lock is held (it is re-entrant): the mark matches the values shown.
+            if (!instance.AcceptsParams()) {
+                parametersSchema["readOnly"] = true;
+            }
         }
     });
 }
@@ -126,7 +194,37 @@ void RoutinesRoot::UpdateDocument(const NyRest::RequestInfo& request, const nloh
         throw NY_EXCEPTION(-997);
     }
     const auto instance = manager.AcquireInstance(*id);
+    if (request.Prefers("handling=strict")) {
+        SetRoutineParamsStrictly(*instance, body);
+        return;
+    }
     SetRoutineParams(*id, *instance, body);
+}
+
+void RoutinesRoot::SetRoutineParamsStrictly(RoutineInstance& instance, const nlohmann::json& body) {
+    CheckStrictBody(body);
+    const nlohmann::json& incoming = body["parameters"];
+    ParamsAccess access(instance, true);
+    // From here to the release the instance lock is held: a continue, an abort or the routine's next
+    // parameters wait for it, so the routine still waits for exactly what was checked when it is
+    // applied. Every refusal releases without reporting a write: nothing was stored.
+    try {
+        if (access.Get() == nullptr || !instance.AcceptsParams()) {
+            throw NY_EXCEPTION(-1000, "The routine does not wait for parameters; nothing was applied.");
+        }
+        const std::vector<std::string> unknown =
+            Ny::Properties::JsonSerializer::UnknownMembers(*access.Get(), incoming);
+        if (!unknown.empty()) {
+            RefuseUnknownParameters(unknown);
+        }
+        WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__,
+                    [&] { Ny::Properties::JsonSerializer::Deserialize(*access.Get(), incoming); });
+    } catch (...) {
+        access.ReleaseUnwritten();
+        throw;
+    }
+    // The release reports the write to the routine; a refusal there is the request's failure too.
+    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] { access.Release(); });
 }
 
 void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instance,

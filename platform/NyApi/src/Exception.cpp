@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 #include "NyApi/Logging.h"
 #include "NyRuntime/Runtime.h"
@@ -72,6 +73,20 @@ std::vector<std::string> Exception::NestedMessages(const std::exception& e) {
         first = false;
     });
     return messages;
+}
+
+void Exception::AddField(std::string path, std::string fieldMessage) {
+    fields.push_back({std::move(path), std::move(fieldMessage)});
+}
+
+std::vector<Exception::FieldRefusal> Exception::FieldsOf(const std::exception& e) {
+    std::vector<FieldRefusal> all;
+    WalkChain(e, [&all](const std::exception& link) {
+        if (const auto* ny = dynamic_cast<const Exception*>(&link)) {
+            all.insert(all.end(), ny->Fields().begin(), ny->Fields().end());
+        }
+    });
+    return all;
 }
 
 int StatusOf(const std::exception& e) noexcept {

@@ -1,6 +1,7 @@
 #include "NyRest/ResourceRouter.h"
 
 #include <algorithm>
+#include <cctype>
 #include <exception>
 #include <map>
 
@@ -99,7 +100,101 @@ std::string WithoutJsonPrefix(const char* text) {
     return std::string(view);
 }
 
+std::string_view Trim(std::string_view text) {
+    const auto space = [](char c) { return c == ' ' || c == '\t'; };
+    while (!text.empty() && space(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && space(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+// A trimmed value without the quotes of a quoted-string (its backslash escapes are taken as they are).
+std::string_view Unquote(std::string_view text) {
+    text = Trim(text);
+    if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
+        text = text.substr(1, text.size() - 2);
+    }
+    return text;
+}
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+// Splits `text` at each `separator` that is not inside a quoted-string.
+std::vector<std::string_view> SplitOutsideQuotes(std::string_view text, char separator) {
+    std::vector<std::string_view> parts;
+    bool quoted = false;
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (quoted && text[i] == '\\') {
+            ++i;
+        } else if (text[i] == '"') {
+            quoted = !quoted;
+        } else if (!quoted && text[i] == separator) {
+            parts.push_back(text.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    parts.push_back(text.substr(std::min(start, text.size())));
+    return parts;
+}
+
+// The created hook of the dispatch running on this thread, or null. Thread-local because a creation's
+// notification reaches the router through the engine's own events (manager, resource, router) with no
+// request context to carry it; the creation raises it synchronously on the dispatching thread, so the
+// thread tells which dispatch it belongs to. A Created raised on another thread meets that thread's
+// hook (or none), never this one.
+struct CreatedHook {
+    const std::function<void(const CreateResult&)>* onCreated;
+    bool fired = false;
+};
+thread_local CreatedHook* currentCreatedHook = nullptr;
+
+// Installs a dispatch's hook for its scope. A dispatch nested in another on the same thread has its own
+// (or none): what it creates is its own request's.
+class CreatedHookScope {
+  public:
+    explicit CreatedHookScope(const DispatchOptions& options)
+        : hook{options.onCreated ? &options.onCreated : nullptr}, previous(currentCreatedHook) {
+        currentCreatedHook = hook.onCreated != nullptr ? &hook : nullptr;
+    }
+    ~CreatedHookScope() { currentCreatedHook = previous; }
+    CreatedHookScope(const CreatedHookScope&) = delete;
+    CreatedHookScope& operator=(const CreatedHookScope&) = delete;
+
+  private:
+    CreatedHook hook;
+    CreatedHook* previous;
+};
+
 }  // namespace
+
+bool RequestInfo::Prefers(std::string_view token) const {
+    const size_t equals = token.find('=');
+    const std::string_view name = Trim(token.substr(0, equals));
+    const bool withValue = equals != std::string_view::npos;
+    const std::string_view value = withValue ? Unquote(token.substr(equals + 1)) : std::string_view();
+    for (const std::string_view preference : SplitOutsideQuotes(prefer, ',')) {
+        const std::string_view head = SplitOutsideQuotes(preference, ';').front();
+        const size_t split = head.find('=');
+        if (!EqualsIgnoringCase(Trim(head.substr(0, split)), name)) {
+            continue;
+        }
+        // The first occurrence of a preference decides; later ones are ignored.
+        if (!withValue) {
+            return true;
+        }
+        return split != std::string_view::npos && EqualsIgnoringCase(Unquote(head.substr(split + 1)), value);
+    }
+    return false;
+}
 
 int HttpStatusFor(const std::exception& error) {
     if (dynamic_cast<const json::type_error*>(&error) != nullptr ||
@@ -127,9 +222,17 @@ json ErrorBody(const std::exception& error) {
     for (const std::string& cause : Ny::Exception::NestedMessages(error)) {
         causes.push_back(WithoutJsonPrefix(cause.c_str()));
     }
-    return {{"status", Ny::StatusOf(error)},
-            {"message", WithoutJsonPrefix(error.what())},
-            {"causes", std::move(causes)}};
+    json body = {{"status", Ny::StatusOf(error)},
+                 {"message", WithoutJsonPrefix(error.what())},
+                 {"causes", std::move(causes)}};
+    json fields = json::object();
+    for (const auto& refusal : Ny::Exception::FieldsOf(error)) {
+        fields[refusal.path].push_back(refusal.message);
+    }
+    if (!fields.empty()) {
+        body["fields"] = std::move(fields);
+    }
+    return body;
 }
 
 void DocumentResourceBase::UpdateDocument(const RequestInfo&, const nlohmann::json&) {
@@ -195,7 +298,7 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         routes.push_back(route);
     }
     route->notification = resource.NotificationEvent().SubscribeScoped(
-        [this](IResource&, EventType type, const std::string& path) { notificationEvent.Raise(type, path); });
+        [this](IResource&, EventType type, const std::string& path) { Forward(type, path); });
 }
 
 void ResourceRouter::Deregister(const std::string& pattern, bool recursive) {
@@ -274,8 +377,27 @@ std::vector<std::string> ResourceRouter::PathSegments(std::string_view target) {
     return segments;
 }
 
+void ResourceRouter::Forward(EventType type, const std::string& path) {
+    notificationEvent.Raise(type, path);
+    CreatedHook* hook = currentCreatedHook;
+    if (type != EventType::Created || hook == nullptr || hook->fired) {
+        return;
+    }
+    hook->fired = true;
+    const size_t slash = path.rfind('/');
+    const CreateResult created{slash == std::string::npos ? path : path.substr(slash + 1), path};
+    try {
+        (*hook->onCreated)(created);
+    } catch (const std::exception& e) {
+        // The transport's hook failing must not fail the creation that announced itself here.
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "The created hook failed: %s", e.what());
+    } catch (...) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "The created hook failed with an unknown error.");
+    }
+}
+
 Response ResourceRouter::DispatchRaw(const std::string& method, const std::string& target,
-                                     std::string_view body) {
+                                     std::string_view body, const DispatchOptions& options) {
     json parsed;
     if (!body.empty()) {
         try {
@@ -296,10 +418,11 @@ Response ResourceRouter::DispatchRaw(const std::string& method, const std::strin
             return response;
         }
     }
-    return Dispatch(method, target, parsed);
+    return Dispatch(method, target, parsed, options);
 }
 
-Response ResourceRouter::Dispatch(const std::string& method, const std::string& target, const json& body) {
+Response ResourceRouter::Dispatch(const std::string& method, const std::string& target, const json& body,
+                                  const DispatchOptions& options) {
     const size_t question = target.find('?');
     const std::string_view rawPath = std::string_view(target).substr(0, question);
     const std::string_view rawQuery =
@@ -312,7 +435,9 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
     }
     Response response;
     try {
-        RequestInfo request(method, std::string(rawPath), std::move(match.params), ParseQuery(rawQuery));
+        const CreatedHookScope hookScope(options);
+        RequestInfo request(method, std::string(rawPath), std::move(match.params), ParseQuery(rawQuery),
+                            options.prefer);
         response = Invoke(*route, method, request, body);
     } catch (const std::exception& e) {
         response.status = HttpStatusFor(e);

@@ -6,6 +6,10 @@
 // placeholders such as "%1$s" and "%2$u" work). Context is added by catching, releasing what is held
 // and throwing a new exception with the caught one nested (`std::throw_with_nested`).
 //
+// A refusal that belongs to one field of a request (a parameter) may also carry field refusals: each a
+// field's path in the request (keys joined with ".", array elements by index) and a message. A form
+// shows each next to its input. They survive wrapping: `FieldsOf` collects them from the whole chain.
+//
 // Use the NY_EXCEPTION macro to fill in line, file and function:
 //     throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
 #pragma once
@@ -19,6 +23,12 @@ namespace Ny {
 
 class Exception : public std::exception {
   public:
+    struct FieldRefusal {
+        std::string path;
+        std::string message;
+        bool operator==(const FieldRefusal&) const = default;
+    };
+
     // `format` may be null (no message). Throws nothing itself.
     // No printf format attribute: the compiler's checker flags positional placeholders under -Wpedantic.
     Exception(int line, const char* file, int status, const char* context, const char* format = nullptr, ...);
@@ -31,6 +41,12 @@ class Exception : public std::exception {
     const std::string& Message() const noexcept { return message; }
     // The message, or "<context> failed with status <n>" when there is none.
     const char* what() const noexcept override { return text.c_str(); }
+
+    // This exception's own field refusals, in the order added.
+    const std::vector<FieldRefusal>& Fields() const noexcept { return fields; }
+    void AddField(std::string path, std::string fieldMessage);
+    // The field refusals of `e` and of every exception nested in it, outermost first.
+    static std::vector<FieldRefusal> FieldsOf(const std::exception& e);
 
     // Writes the message of `e` and of every exception nested in it to the debug log, one line each,
     // with the given level word (0 means the caught-failure level).
@@ -48,6 +64,7 @@ class Exception : public std::exception {
     std::string context;
     std::string message;
     std::string text;
+    std::vector<FieldRefusal> fields;
 };
 
 // The status of `e` if it is a `Ny::Exception`, else 0.

@@ -1,7 +1,9 @@
 #include "NyApi/Properties/JsonSerializer.h"
 
 #include <limits>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "NyApi/Exception.h"
@@ -191,59 +193,177 @@ class SchemaWriter final : public INodeVisitorConst {
     void Visit(const ReferenceArray&) override {}
 };
 
-// The two passes of Deserialize: validate everything first, then read.
+// Where a member sits in the incoming JSON: its keys and array indexes from the top. Messages name it
+// as "outer.list[2].name"; field refusals as "outer.list.2.name".
+struct MemberPath {
+    std::vector<std::string> keys;
+    std::vector<bool> indexes;  // per key: an array index rather than a member name
+
+    MemberPath With(std::string key, bool index) const {
+        MemberPath inner = *this;
+        inner.keys.push_back(std::move(key));
+        inner.indexes.push_back(index);
+        return inner;
+    }
+    bool Empty() const { return keys.empty(); }
+    std::string Member() const {
+        std::string text;
+        for (size_t i = 0; i < keys.size(); ++i) {
+            text += indexes[i] ? "[" + keys[i] + "]" : (i == 0 ? keys[i] : "." + keys[i]);
+        }
+        return text;
+    }
+    std::string Field() const {
+        std::string text;
+        for (size_t i = 0; i < keys.size(); ++i) {
+            text += i == 0 ? keys[i] : "." + keys[i];
+        }
+        return text;
+    }
+};
+
+// The refusals of the validating pass, in the order met.
+struct Refusals {
+    std::vector<std::pair<std::string, Ny::Exception>> found;  // field path, refusal
+};
+
+// The two passes of Deserialize: validate everything first (collecting every refusal), then read.
+// Elements the read makes (beyond an array's current ones) were validated on a scratch element in the
+// first pass; when read they are validated again, so that their values take the same checks (a
+// read-only refusal among them) as those of existing elements.
 class DocumentReader final : public INodeVisitor {
   public:
-    DocumentReader(const json& incomingIn, std::string memberIn, bool readingIn)
-        : incoming(incomingIn), member(std::move(memberIn)), reading(readingIn) {}
+    DocumentReader(const json& incomingIn, MemberPath pathIn, Refusals* refusalsIn, bool validateToo = false)
+        : incoming(incomingIn),
+          path(std::move(pathIn)),
+          refusals(refusalsIn),
+          validateBeforeRead(validateToo) {}
 
     void Visit(Structure& node) override {
         if (!incoming.is_object()) {
-            if (member.empty()) {
+            if (path.Empty()) {
                 throw Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
                                     "The values must be a JSON object.");
             }
-            throw Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
-                                "Member \"%s\" must be an object.", member.c_str());
+            Refuse(Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
+                                 "Member \"%s\" must be an object.", path.Member().c_str()));
+            return;
         }
         for (const auto& child : node.Children()) {
             const auto found = incoming.find(child.key);
             if (found == incoming.end() || child.node->WriteOnly()) {
                 continue;
             }
-            DocumentReader inner(*found, member.empty() ? child.key : member + "." + child.key, reading);
+            DocumentReader inner(*found, path.With(child.key, false), refusals, validateBeforeRead);
             child.node->Accept(inner);
         }
     }
     void Visit(Internal::ValueBase& node) override {
+        const std::string member = path.Member();
         JsonValueReader reader(incoming, member);
-        if (reading) {
+        if (refusals == nullptr) {
+            if (validateBeforeRead) {
+                node.Validate(reader);
+            }
             node.Read(reader);
-        } else {
+            return;
+        }
+        try {
             node.Validate(reader);
+        } catch (const Ny::Exception& e) {
+            Refuse(e);
         }
     }
     void Visit(Internal::ArrayBase& node) override {
         if (!incoming.is_array()) {
-            throw Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
-                                "Member \"%s\" must be an array.", member.c_str());
+            Refuse(Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
+                                 "Member \"%s\" must be an array.", path.Member().c_str()));
+            return;
         }
-        // Elements that do not exist yet are made when reading; the first pass checks the existing ones.
-        if (reading) {
+        // Elements that do not exist yet are made when reading; the first pass checks them on a scratch
+        // element each.
+        const size_t existing = node.Count();
+        if (refusals == nullptr) {
             node.Resize(incoming.size());
         }
-        for (size_t i = 0; i < incoming.size() && i < node.Count(); ++i) {
-            DocumentReader inner(incoming[i], member + "[" + std::to_string(i) + "]", reading);
-            node.ElementAt(i).Accept(inner);
+        for (size_t i = 0; i < incoming.size(); ++i) {
+            const bool made = i >= existing;
+            DocumentReader inner(incoming[i], path.With(std::to_string(i), true), refusals,
+                                 validateBeforeRead || (made && refusals == nullptr));
+            if (made && refusals != nullptr) {
+                node.MakeElement()->Accept(inner);
+            } else if (i < node.Count()) {
+                node.ElementAt(i).Accept(inner);
+            }
         }
     }
     void Visit(ReferenceArray&) override {}
 
   private:
+    // While validating, a refusal is noted and the walk goes on; while reading there are none (the
+    // values were validated), so whatever is thrown then passes on at once.
+    void Refuse(const Ny::Exception& refusal) {
+        if (refusals == nullptr) {
+            throw refusal;
+        }
+        refusals->found.emplace_back(path.Field(), refusal);
+    }
+
     const json& incoming;
-    std::string member;
-    bool reading;
+    MemberPath path;
+    Refusals* refusals;  // null while reading
+    bool validateBeforeRead;
 };
+
+void CollectUnknown(const Node& node, const json& incoming, const MemberPath& path,
+                    std::vector<std::string>& unknown);
+
+// Walks the incoming JSON beside the tree, noting members that name no node.
+class UnknownMemberFinder final : public INodeVisitorConst {
+  public:
+    UnknownMemberFinder(const json& incomingIn, const MemberPath& pathIn, std::vector<std::string>& unknownIn)
+        : incoming(incomingIn), path(pathIn), unknown(unknownIn) {}
+
+    void Visit(const Structure& node) override {
+        if (!incoming.is_object()) {
+            return;  // a wrong kind is the validation's to report
+        }
+        for (const auto& [key, value] : incoming.items()) {
+            const Node* child = node.Find(key);
+            if (child == nullptr) {
+                unknown.push_back(path.With(key, false).Field());
+            } else {
+                CollectUnknown(*child, value, path.With(key, false), unknown);
+            }
+        }
+    }
+    void Visit(const Internal::ValueBase&) override {}
+    void Visit(const Internal::ArrayBase& node) override {
+        if (!incoming.is_array()) {
+            return;
+        }
+        std::unique_ptr<Structure> scratch;  // the members of an element that does not exist yet
+        for (size_t i = 0; i < incoming.size(); ++i) {
+            if (i >= node.Count() && !scratch) {
+                scratch = node.MakeElement();
+            }
+            const Structure& element = i < node.Count() ? node.ElementAt(i) : *scratch;
+            CollectUnknown(element, incoming[i], path.With(std::to_string(i), true), unknown);
+        }
+    }
+    void Visit(const ReferenceArray&) override {}
+
+  private:
+    const json& incoming;
+    const MemberPath& path;
+    std::vector<std::string>& unknown;
+};
+
+void CollectUnknown(const Node& node, const json& incoming, const MemberPath& path,
+                    std::vector<std::string>& unknown) {
+    UnknownMemberFinder finder(incoming, path, unknown);
+    node.Accept(finder);
+}
 
 }  // namespace
 
@@ -266,10 +386,24 @@ json JsonSerializer::SerializeSchema(const Node& node) {
 }
 
 void JsonSerializer::Deserialize(Node& node, const json& incoming) {
-    DocumentReader validate(incoming, "", false);
+    Refusals refusals;
+    DocumentReader validate(incoming, MemberPath(), &refusals);
     node.Accept(validate);
-    DocumentReader read(incoming, "", true);
+    if (!refusals.found.empty()) {
+        Ny::Exception first = refusals.found.front().second;
+        for (const auto& [field, refusal] : refusals.found) {
+            first.AddField(field, refusal.Message().empty() ? refusal.what() : refusal.Message());
+        }
+        throw first;
+    }
+    DocumentReader read(incoming, MemberPath(), nullptr);
     node.Accept(read);
+}
+
+std::vector<std::string> JsonSerializer::UnknownMembers(const Node& node, const json& incoming) {
+    std::vector<std::string> unknown;
+    CollectUnknown(node, incoming, MemberPath(), unknown);
+    return unknown;
 }
 
 }  // namespace Ny::Properties

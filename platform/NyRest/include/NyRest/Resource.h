@@ -8,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,12 +36,14 @@ using NotificationEventType = Ny::Event<IResource&, EventType, const std::string
 class RequestInfo {
   public:
     RequestInfo() = default;
+    // `prefer`: the request's Prefer header values joined by ", " (empty without the header).
     RequestInfo(std::string method, std::string path, std::map<std::string, std::string> params,
-                std::map<std::string, std::string> query)
+                std::map<std::string, std::string> query, std::string prefer = {})
         : method(std::move(method)),
           path(std::move(path)),
           params(std::move(params)),
-          query(std::move(query)) {}
+          query(std::move(query)),
+          prefer(std::move(prefer)) {}
 
     // The value of the ":name" path segment, or null when the matched path has none.
     const std::string* Param(const std::string& name) const {
@@ -59,12 +62,21 @@ class RequestInfo {
     }
     const std::string& Method() const { return method; }
     const std::string& Path() const { return path; }
+    const std::string& Prefer() const { return prefer; }
+
+    // Whether the request's Prefer header holds the preference `token` ("respond-async",
+    // "handling=strict"). Preferences are comma-separated `name[=value]`, each optionally followed by
+    // parameters after ";" (ignored). Names and values compare case-insensitively; whitespace and
+    // quotes around a value are ignored. A token without a value matches its name whatever the value.
+    // When a name appears more than once, only its first occurrence counts (RFC 7240).
+    bool Prefers(std::string_view token) const;
 
   private:
     std::string method;
     std::string path;
     std::map<std::string, std::string> params;
     std::map<std::string, std::string> query;
+    std::string prefer;
 };
 
 // What a resource adds to its reply besides the document: embedded entries and headers.

@@ -14,7 +14,8 @@
 // path 404. Embedded entries are laid out HAL-style under "_embedded".
 //
 // Errors: every failure becomes {"status": <Ny status>, "message": <text>, "causes": [<nested texts>]}
-// with the HTTP status from `HttpStatusFor`. Nothing thrown by a resource escapes a dispatch.
+// (plus "fields" when it carries field refusals) with the HTTP status from `HttpStatusFor`. Nothing
+// thrown by a resource escapes a dispatch.
 //
 // Threading: dispatches run on many threads at once and may block inside a resource for a long time.
 // The route table has a reader-writer lock held only for lookups, never while a resource runs.
@@ -23,6 +24,7 @@
 // resource's notifications (type, path) on the thread that raised them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,10 +46,24 @@ struct Response {
     nlohmann::json body;  // not sent for 204
 };
 
+// What a transport adds to a dispatch beyond method, target and body.
+struct DispatchOptions {
+    // The request's Prefer header values joined by ", " (see RequestInfo::Prefers).
+    std::string prefer;
+    // Called once, on the dispatching thread, with the id and path of the first Created notification
+    // raised on that thread while it is inside this dispatch (a creation announces its routine
+    // synchronously, before it may block waiting for the routine). The id is the path's last segment.
+    // It runs inside the creation while the engine announces the new resource (other creations and
+    // clears wait meanwhile): it must return quickly (hand the result to another thread) and must not
+    // dispatch into the router. What it throws is logged and dropped: it must not fail the creation.
+    std::function<void(const CreateResult&)> onCreated;
+};
+
 // The HTTP status for a failure: -999 404, -997 400, -1000 and -987 409, a read-only document 405,
 // a JSON type or parse error 400, anything else 500. The one place statuses meet HTTP.
 int HttpStatusFor(const std::exception& error);
-// The JSON error body for a failure.
+// The JSON error body for a failure: {"status", "message", "causes"}, and "fields" (a field's path ->
+// its messages) when the failure or one nested in it carries field refusals.
 nlohmann::json ErrorBody(const std::exception& error);
 
 class ResourceRouter {
@@ -66,9 +82,11 @@ class ResourceRouter {
     // Waits for dispatches into the withdrawn resources to return.
     void Deregister(const std::string& pattern, bool recursive);
 
-    Response Dispatch(const std::string& method, const std::string& target, const nlohmann::json& body);
+    Response Dispatch(const std::string& method, const std::string& target, const nlohmann::json& body,
+                      const DispatchOptions& options = {});
     // Parses `body` first (empty means null); malformed or nested deeper than MaxBodyDepth gives 400.
-    Response DispatchRaw(const std::string& method, const std::string& target, std::string_view body);
+    Response DispatchRaw(const std::string& method, const std::string& target, std::string_view body,
+                         const DispatchOptions& options = {});
 
     // The segments a target is matched by: its path without the query, split at "/", empty segments
     // dropped, each percent-decoded. A caller that classifies requests by path must use these, or a
@@ -82,6 +100,9 @@ class ResourceRouter {
     struct Match;
 
     std::shared_ptr<Route> Find(const std::vector<std::string>& segments, Match& match) const;
+    // Forwards a resource's notification, and hands a Created one to the created hook of the dispatch
+    // running on this thread, if any.
+    void Forward(EventType type, const std::string& path);
     Response Invoke(Route& route, const std::string& method, const RequestInfo& request,
                     const nlohmann::json& body);
 

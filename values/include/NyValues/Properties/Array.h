@@ -37,6 +37,8 @@ class Array : public Internal::ArrayBase {
         }
     }
 
+    std::unique_ptr<Structure> MakeElement() const override { return std::make_unique<T>(); }
+
     // Throws -999 at or past Count() before anything changes.
     void Remove(size_t index) override {
         if (index >= Count()) {

@@ -139,6 +139,14 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     Ny::Properties::Structure* LockParams(bool forWriting);
     // After a write: calls the routine's change callback and raises UpdatedEvent, then releases.
     void UnlockParams();
+    // Releases like UnlockParams, but reports no write (no change callback, no event) even when the
+    // lock was taken for writing: for a writer that refused the request and stored nothing.
+    void UnlockParamsUnwritten();
+    // Whether the routine waits for parameters now: its code published parameters that are open for
+    // writing, and it has not stopped (completed, aborted, failed, ending or being deleted). Taken
+    // under the instance lock; a caller that holds the lock (LockParams) may act on the answer before
+    // anything can change it. Thread-safe.
+    bool AcceptsParams() const;
     const Ny::Properties::Structure* LockResults();
     void UnlockResults();
 
@@ -243,6 +251,8 @@ class ParamsAccess {
     // The parameters; null when asked for writing while they are closed, or when the routine has none.
     Ny::Properties::Structure* Get() const { return params; }
     void Release();
+    // Releases without reporting a write (RoutineInstance::UnlockParamsUnwritten). Never throws.
+    void ReleaseUnwritten() noexcept;
 
   private:
     RoutineInstance* instance;  // null once released

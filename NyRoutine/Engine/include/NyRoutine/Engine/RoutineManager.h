@@ -75,6 +75,9 @@ class RoutineManager : public NyCommon::IRoutineController {
     std::unique_ptr<Ny::Params::Group> GetCreateParams(const std::string& typeName) override;
     std::shared_ptr<RoutineInstance> AcquireInstance(const std::string& id) override;
 
+    // How many routines may exist at once (a finished one counts until it is removed); 0: no limit.
+    size_t Limit() const { return maxRunning; }
+
     // Throws -1000 (with a log line) when a routine of the type cannot be created now.
     void CheckCanCreate(const std::string& typeName);
 

@@ -52,7 +52,9 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
     // Writes the body's "parameters" into the routine's parameters when they are open for writing.
     // Throws -997 without a routine, -999 for an unknown one, "Set routine params failed." (wrapping
-    // the refusal) for a refused value: no value of the request is stored then.
+    // the refusal, with every refused parameter in its fields) for a refused value: no value of the
+    // request is stored then. With the preference "handling=strict" (see SetRoutineParamsStrictly)
+    // a write that would not apply fully is refused instead of skipped.
     void UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) override;
     // Creates a routine of the body's "type". Blocks until the routine's first continue unless the type
     // skips its start parameters. Throws -997 for a body without "type", the JSON type error for a
@@ -86,6 +88,11 @@ class RoutinesRoot : public NyRest::DocumentResourceBase, public NyRest::IParent
     void AppendParams(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
     void AppendResults(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema);
     void SetRoutineParams(const std::string& id, RoutineInstance& instance, const nlohmann::json& body);
+    // Checks, in order, and applies nothing unless all pass: the body is {"parameters": {...}} and no
+    // more (-997); the routine waits for parameters (-1000); every key under "parameters", at every
+    // depth, names a parameter (-997, each unknown key in the fields); the values pass validation
+    // (-997 "Set routine params failed.", as the lenient write).
+    void SetRoutineParamsStrictly(RoutineInstance& instance, const nlohmann::json& body);
 
     void OnRoutineCreated(const std::string& id);
     void OnRoutineDeleted(const std::string& id);

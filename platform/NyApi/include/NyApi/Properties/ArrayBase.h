@@ -24,6 +24,9 @@ class ArrayBase : public Node {
     virtual void Resize(size_t count) = 0;
     virtual void Remove(size_t index) = 0;
     virtual void Clear() = 0;
+    // A new element as Resize would add it, not part of the array (the serializer checks incoming
+    // elements beyond the current ones against it before anything is stored).
+    virtual std::unique_ptr<Structure> MakeElement() const = 0;
 
     size_t Count() const { return elements.size(); }
     // The element at `index`; throws Ny::Exception -999 at or past Count().
