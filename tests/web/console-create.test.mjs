@@ -4,7 +4,7 @@
 import assert from 'node:assert/strict';
 import { run, routineOf, startOf, timeout } from './harness.mjs';
 
-await run({ relay: true }, async ({ page, relay, api }) => {
+await run({ relay: true }, async ({ page, relay, idle, api }) => {
   const starts = page.locator('#types button.start');
   const allStarts = async (disabled) => page.waitForFunction(
     (expected) => [...document.querySelectorAll('#types button.start')].every((b) => b.disabled === expected), disabled, { timeout });
@@ -37,6 +37,7 @@ await run({ relay: true }, async ({ page, relay, api }) => {
 
   // Another client takes the slot while the page's events are held back: Start still looks possible,
   // the service refuses, and the page shows the service's own message and then counts right.
+  await idle();
   relay.hold();
   const other = await api.create('Calibration');
   assert.equal(other.status, 202);

@@ -8,12 +8,12 @@ import { run, routineOf, startOf, timeout, waitForDescription } from './harness.
 const PROMPT = 'Set the calibration parameters, then continue.';
 
 // Whether every input and button of the routine's parameter form is disabled (true) or enabled (false).
+// The form is looked up on each try: the page replaces it when the routine stops taking parameters.
 async function waitForForm(routine, disabled) {
-  await routine.locator('form.params').waitFor();
-  await routine.page().waitForFunction(([form, expected]) => {
-    const controls = [...form.querySelectorAll('input, select, button')];
+  await routine.page().waitForFunction(([article, expected]) => {
+    const controls = [...(article.querySelector('form.params')?.querySelectorAll('input, select, button') || [])];
     return controls.length === 4 && controls.every((control) => control.disabled === expected);
-  }, [await routine.locator('form.params').elementHandle(), disabled], { timeout });
+  }, [await routine.elementHandle(), disabled], { timeout });
 }
 
 async function startCalibration(page, id) {
@@ -30,7 +30,7 @@ async function deleteAll(page) {
   await page.getByText('No routine is running.').waitFor();
 }
 
-await run({ relay: true }, async ({ page, relay, api }) => {
+await run({ relay: true }, async ({ page, relay, idle, api }) => {
   // Strict writes: a refused value is shown next to its input and stays typed; nothing is applied.
   let routine = await startCalibration(page, 'Calibration-0');
   const samples = routine.getByLabel('samples');
@@ -77,14 +77,21 @@ await run({ relay: true }, async ({ page, relay, api }) => {
   await routine.locator('.message').waitFor({ state: 'hidden' });
   assert.equal(await routine.locator('.field .error').allTextContents().then((t) => t.join('')), '');
 
-  // Continued by another client before the page heard of it (its events held back): the write is
-  // refused with the service's reason, nothing is applied, and the form then shows the routine closed.
+  // Continued by another client before the page heard of it (its events and reads held back, after
+  // the reads of the last write came back): the write is refused with the service's reason, nothing is
+  // applied, and the form then shows the routine closed.
+  await idle();
   relay.hold();
+  let releaseReads;
+  const readsHeld = new Promise((resolve) => { releaseReads = resolve; });
+  await page.route(/\/routines\/Calibration-0\?schema=true$/, async (route) => { await readsHeld; await route.continue(); });
   assert.equal((await api.call('POST', '/routines/Calibration-0/commands/continue')).status, 200);
   await routine.getByLabel('label').fill('too late');
   await routine.getByRole('button', { name: 'Save parameters' }).click();
   await routine.locator('.message', { hasText: 'The routine does not wait for parameters; nothing was applied.' }).waitFor();
+  releaseReads();
   await waitForForm(routine, true);
+  await page.unroute(/\/routines\/Calibration-0\?schema=true$/);
   relay.release();
   assert.equal((await api.routine('Calibration-0')).parameters.label, 'browser');
   await deleteAll(page);

@@ -131,12 +131,27 @@ export async function run(options, body) {
       if (/Content.Security.Policy/i.test(message.text())) violations.push(message.text());
     });
     page.on('pageerror', (error) => pageErrors.push(String(error)));
+    // The page's requests on their way, the event stream aside: idle() waits until there are none, so a
+    // test can know that what the page shows no longer depends on a read still coming back.
+    const inFlight = new Set();
+    const idleWaiters = [];
+    const settle = (request) => {
+      inFlight.delete(request);
+      if (inFlight.size === 0) idleWaiters.splice(0).forEach((resolve) => resolve());
+    };
+    page.on('request', (request) => { if (!request.url().endsWith('/events')) inFlight.add(request); });
+    page.on('requestfinished', settle);
+    page.on('requestfailed', settle);
+    const idle = () => bounded(new Promise((resolve) => {
+      if (inFlight.size === 0) resolve();
+      else idleWaiters.push(resolve);
+    }), 'the page kept requests on their way');
     const origin = relay ? relay.base : base;
     const response = await page.goto(origin + '/');
     assert.equal(response.headers()['content-security-policy'], "default-src 'self'; frame-ancestors 'none'");
     await page.getByText('live', { exact: true }).waitFor();
     await page.locator('.types li', { hasText: 'Self test' }).waitFor();
-    await body({ page, base, relay, screenshot, api: hostApi(base) });
+    await body({ page, base, relay, screenshot, idle, api: hostApi(base) });
     assert.deepEqual(violations, []);
     assert.deepEqual(pageErrors, []);
   } finally {
