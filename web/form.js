@@ -1,5 +1,6 @@
 // Builds a parameter form from a routine's parameter schema: numbers with their limits, text,
-// enumerations as selects with their display texts, read-only fields disabled, in sort order.
+// enumerations as selects with their display texts, read-only fields disabled, in sort order. Each
+// input is described by its own message element, where the service's refusals of that parameter go.
 
 export function buildForm(schema, values, idPrefix) {
   const form = document.createElement('form');
@@ -40,12 +41,16 @@ export function buildForm(schema, values, idPrefix) {
     input.id = id;
     input.name = key;
     input.dataset.type = property.type;
-    if (property.readOnly) input.disabled = true;
+    if (property.readOnly) {
+      input.dataset.readOnly = 'true';
+      input.disabled = true;
+    }
     const value = values?.[key];
     if (input.type === 'checkbox') input.checked = Boolean(value);
     else if (value !== undefined) input.value = String(value);
     const hint = document.createElement('span');
     hint.className = 'hint';
+    hint.id = `${id}-hint`;
     const limits = [];
     if (!Array.isArray(property.enum)) {
       if (property.minimum !== undefined && property.type !== 'string') limits.push(`min ${property.minimum}`);
@@ -56,18 +61,26 @@ export function buildForm(schema, values, idPrefix) {
     error.className = 'error';
     error.id = `${id}-error`;
     error.setAttribute('role', 'alert');
-    input.setAttribute('aria-describedby', error.id);
+    input.setAttribute('aria-describedby', `${hint.id} ${error.id}`);
     field.append(label, input, hint, error);
     form.append(field);
   }
   return form;
 }
 
+// Enables the inputs while the routine takes parameters and disables all of them otherwise; a field the
+// schema marks read-only stays disabled.
+export function setEditable(form, editable) {
+  for (const input of form.querySelectorAll('input, select, button')) {
+    input.disabled = !editable || input.dataset.readOnly === 'true';
+  }
+}
+
 // The values of the form's editable fields, typed as their schema says.
 export function readForm(form) {
   const values = {};
   for (const input of form.querySelectorAll('input, select')) {
-    if (input.disabled) continue;
+    if (input.dataset.readOnly === 'true') continue;
     const type = input.dataset.type;
     if (input.type === 'checkbox') values[input.name] = input.checked;
     else if (type === 'integer') values[input.name] = input.value === '' ? input.value : Number.parseInt(input.value, 10);
@@ -77,15 +90,21 @@ export function readForm(form) {
   return values;
 }
 
-// Shows each refusal next to its field (causes name the field by its title); returns the unmatched ones.
-export function showErrors(form, schema, causes) {
-  for (const error of form.querySelectorAll('.error')) error.textContent = '';
+// Shows each message of a refusal's "fields" next to the input of that parameter path; returns the
+// messages that belong to no input of this form (a parameter the form does not show), prefixed by path.
+export function showErrors(form, fields) {
+  for (const error of form.querySelectorAll('.field .error')) error.textContent = '';
+  for (const input of form.querySelectorAll('[aria-invalid]')) input.removeAttribute('aria-invalid');
   const unmatched = [];
-  for (const cause of causes) {
-    const match = Object.entries(schema?.properties || {}).find(([key, p]) => cause.startsWith(`${p.title || key} `));
-    const field = match && form.querySelector(`.field[data-key="${CSS.escape(match[0])}"] .error`);
-    if (field) field.textContent = cause;
-    else unmatched.push(cause);
+  for (const [path, messages] of Object.entries(fields || {})) {
+    const list = (Array.isArray(messages) ? messages : [messages]).map(String);
+    const field = [...form.querySelectorAll('.field')].find((element) => element.dataset.key === path);
+    if (field) {
+      field.querySelector('.error').textContent = list.join(' ');
+      field.querySelector('input, select').setAttribute('aria-invalid', 'true');
+    } else {
+      unmatched.push(...list.map((message) => `${path}: ${message}`));
+    }
   }
   return unmatched;
 }
