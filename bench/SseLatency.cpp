@@ -78,7 +78,9 @@ int main(int argc, char** argv) {
                     ++connected;
                 }
                 for (size_t at; (at = buffer.find("\n\n")) != std::string::npos;) {
-                    if (buffer.compare(0, 14, "event: updated") == 0 && seen[c] < rounds) {
+                    // Frames open with their id line; the event line follows it.
+                    const size_t event = buffer.find("event: updated");
+                    if (event != std::string::npos && event < at && seen[c] < rounds) {
                         arrivals[c][seen[c]] = Clock::now();
                         ++seen[c];
                     }
