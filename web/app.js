@@ -226,8 +226,15 @@ function renderForm(path, entry, doc, paramSchema, takesParameters) {
     entry.form = null;
     return;
   }
-  if (!takesParameters) entry.editing = false;
-  if (!entry.form || !entry.editing) {
+  if (!takesParameters && entry.editing) {
+    entry.editing = false;
+    entry.formSource = null;  // typed values that were never taken give way to the routine's own
+  }
+  // Rebuilt only when what it shows changed: a re-render for a step or a progress report must not swap
+  // the form under a user who is about to type into it.
+  const source = JSON.stringify([paramSchema, doc.parameters]);
+  if (!entry.form || (!entry.editing && source !== entry.formSource)) {
+    entry.formSource = source;
     const form = buildForm(paramSchema, doc.parameters, `${doc.id}-param`);
     form.setAttribute('aria-describedby', entry.slots.message.id);
     form.addEventListener('input', () => { entry.editing = true; });
