@@ -213,6 +213,12 @@ TEST_F(StrictWriteTest, HostileKeysGiveABoundedMessageAndValidJson) {
     }
     const NyRest::Response cut = Write({{"parameters", {{accented, 1}}}});
     EXPECT_NO_THROW(static_cast<void>(cut.body.dump())) << "the message is not valid UTF-8";
+
+    // A NUL inside a key must not end the message: every key after it is still named.
+    const NyRest::Response nul = Write({{"parameters", {{std::string("a\0b", 3), 1}, {"c", 2}}}, {"x", 1}});
+    const NyRest::Response nulParameter = Write({{"parameters", {{std::string("a\0b", 3), 1}, {"c", 2}}}});
+    EXPECT_EQ(nulParameter.body["message"], "Unknown parameters \"a\\u0000b\", \"c\".");
+    EXPECT_NE(nul.body["message"].get<std::string>().find("\"x\""), std::string::npos) << nul.body.dump();
 }
 
 TEST_F(StrictWriteTest, SchemaMarksParametersReadOnlyExactlyWhenTheRoutineDoesNotWait) {

@@ -38,19 +38,38 @@ constexpr size_t MaxNamedKeys = 20;
 constexpr size_t MaxNamedKeyBytes = 64;
 
 // `"a", "b" and 3 more`
+// A key as a message shows it: control bytes escaped, so that a NUL cannot end the message early (it
+// is formatted as a C string) and no byte can break a log line.
+std::string Shown(const std::string& key) {
+    std::string shown;
+    shown.reserve(key.size());
+    for (const char c : key) {
+        if (static_cast<unsigned char>(c) < 0x20) {
+            constexpr const char* kHex = "0123456789abcdef";
+            shown += "\\u00";
+            shown += kHex[(static_cast<unsigned char>(c) >> 4) & 0xF];
+            shown += kHex[static_cast<unsigned char>(c) & 0xF];
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
 std::string NameKeys(const std::vector<std::string>& keys) {
     std::string text;
     for (size_t i = 0; i < keys.size() && i < MaxNamedKeys; ++i) {
         text += i == 0 ? "\"" : ", \"";
-        if (keys[i].size() <= MaxNamedKeyBytes) {
-            text += keys[i];
+        const std::string key = Shown(keys[i]);
+        if (key.size() <= MaxNamedKeyBytes) {
+            text += key;
         } else {
             // Cut before a UTF-8 continuation byte, so that no character is split.
             size_t cut = MaxNamedKeyBytes;
-            while (cut > 0 && (static_cast<unsigned char>(keys[i][cut]) & 0xC0) == 0x80) {
+            while (cut > 0 && (static_cast<unsigned char>(key[cut]) & 0xC0) == 0x80) {
                 --cut;
             }
-            text += keys[i].substr(0, cut) + "...";
+            text += key.substr(0, cut) + "...";
         }
         text += "\"";
     }
