@@ -9,13 +9,6 @@ namespace NyHost {
 
 namespace {
 
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
 // The tag without its weakness marker: weak comparison looks only at this.
 std::string_view Opaque(std::string_view entityTag) {
     if (entityTag.size() >= 2 && entityTag[0] == 'W' && entityTag[1] == '/') {

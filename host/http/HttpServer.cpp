@@ -51,16 +51,12 @@ using Clock = std::chrono::steady_clock;
 using PlainStream = beast::tcp_stream;
 using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
-namespace {
-
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
                return std::tolower(static_cast<unsigned char>(x)) ==
                       std::tolower(static_cast<unsigned char>(y));
            });
 }
-
-}  // namespace
 
 const std::string* HttpRequest::Header(std::string_view name) const {
     for (const auto& [key, value] : headers) {
@@ -69,6 +65,16 @@ const std::string* HttpRequest::Header(std::string_view name) const {
         }
     }
     return nullptr;
+}
+
+std::string HttpRequest::HeaderList(std::string_view name) const {
+    std::string list;
+    for (const auto& [key, value] : headers) {
+        if (EqualsIgnoringCase(key, name)) {
+            list += list.empty() ? value : ", " + value;
+        }
+    }
+    return list;
 }
 
 HttpResponse JsonErrorReply(int status, const std::string& message) {

@@ -77,7 +77,13 @@ struct HttpRequest {
 
     // The first header of that name, compared case-insensitively; null when absent.
     const std::string* Header(std::string_view name) const;
+    // Every header of that name as one list, their values joined with ", " as a list header may be
+    // split over several lines (Prefer, If-None-Match); empty when absent.
+    std::string HeaderList(std::string_view name) const;
 };
+
+// Header names and schemes compare this way.
+bool EqualsIgnoringCase(std::string_view a, std::string_view b);
 
 struct HttpResponse {
     int status = 200;

@@ -1,9 +1,6 @@
 #include "HostService.h"
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <string_view>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -29,24 +26,6 @@ const char* EventWord(NyRest::EventType type) {
 
 std::string RequestPath(const HttpRequest& request) {
     return request.target.substr(0, request.target.find('?'));
-}
-
-bool IsPrefer(const std::string& name) {
-    constexpr std::string_view kPrefer = "prefer";
-    return name.size() == kPrefer.size() &&
-           std::equal(name.begin(), name.end(), kPrefer.begin(),
-                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
-}
-
-// Every Prefer header of the request as one list: a client may send its preferences in several.
-std::string PreferencesOf(const HttpRequest& request) {
-    std::string prefer;
-    for (const auto& [name, value] : request.headers) {
-        if (IsPrefer(name)) {
-            prefer += prefer.empty() ? value : ", " + value;
-        }
-    }
-    return prefer;
 }
 
 HttpResponse FromRouter(const NyRest::Response& reply) {
@@ -183,7 +162,7 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
         return ErrorReply(400, "The request body is not valid UTF-8.");
     }
     NyRest::DispatchOptions options;
-    options.prefer = PreferencesOf(request);
+    options.prefer = request.HeaderList("Prefer");  // a client may split its preferences
     if (request.method == "POST" &&
         NyRest::ResourceRouter::PathSegments(request.target) == std::vector<std::string>{"routines"} &&
         NyRest::RequestInfo("POST", "/routines", {}, {}, options.prefer).Prefers("respond-async")) {
