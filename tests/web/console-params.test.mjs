@@ -80,11 +80,22 @@ await run({ relay: true }, async ({ page, relay, idle, api }) => {
   // Continued by another client before the page heard of it (its events and reads held back, after
   // the reads of the last write came back): the write is refused with the service's reason, nothing is
   // applied, and the form then shows the routine closed.
-  await idle();
-  relay.hold();
+  // A read that an event sent before the hold started must come back before the continue, or it would
+  // show the continued routine: reads pass (and are awaited) until the continue, and are held after it.
   let releaseReads;
   const readsHeld = new Promise((resolve) => { releaseReads = resolve; });
-  await page.route(/\/routines\/Calibration-0\?schema=true$/, async (route) => { await readsHeld; await route.continue(); });
+  let holdReads = false;
+  const passing = new Set();
+  await page.route(/\/routines\/Calibration-0\?schema=true$/, async (route) => {
+    if (holdReads) { await readsHeld; return route.continue(); }
+    const passed = route.fetch().then((response) => route.fulfill({ response }));
+    passing.add(passed);
+    await passed.finally(() => passing.delete(passed));
+  });
+  relay.hold();
+  await idle();
+  holdReads = true;
+  await Promise.allSettled([...passing]);
   assert.equal((await api.call('POST', '/routines/Calibration-0/commands/continue')).status, 200);
   await routine.getByLabel('label').fill('too late');
   await routine.getByRole('button', { name: 'Save parameters' }).click();
