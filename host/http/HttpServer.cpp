@@ -1428,7 +1428,7 @@ HttpServer::~HttpServer() {
 void HttpServer::Start() {
     Ny::MutexLock startGuard(impl->stopMutex);
     if (impl->started || impl->stopping) {
-        throw NY_EXCEPTION(-1000, "The HTTP server can be started only once.");
+        throw NY_EXCEPTION(Ny::Status::Refused, "The HTTP server can be started only once.");
     }
     const HttpServerOptions& options = impl->options;
     if (!options.tlsCertFile.empty() || !options.tlsKeyFile.empty()) {

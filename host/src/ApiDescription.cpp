@@ -13,7 +13,7 @@ namespace {
 nlohmann::json Parsed(std::string_view text) {
     nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
     if (!document.is_object()) {
-        throw NY_EXCEPTION(-997, "The built-in API description is not a JSON object.");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "The built-in API description is not a JSON object.");
     }
     return document;
 }

@@ -11,7 +11,8 @@ nlohmann::json SystemResource::GetDocument(const NyRest::RequestInfo&, NyRest::R
 
 void SystemResource::UpdateDocument(const NyRest::RequestInfo&, const nlohmann::json& body) {
     if (!body.is_object() || !body.contains("runState")) {
-        throw NY_EXCEPTION(-997, "The body must be an object with an integer \"runState\".");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue,
+                           "The body must be an object with an integer \"runState\".");
     }
     core.SetRunState(RunStateFrom(body["runState"]));
     NotificationEvent().Raise(*this, NyRest::EventType::Updated, "/system");
@@ -26,8 +27,8 @@ int SystemResource::RunStateFrom(const nlohmann::json& value) {
         (value.is_number_integer() && !value.is_number_unsigned() &&
          value.get<std::int64_t>() >= kMinRunState && value.get<std::int64_t>() <= kMaxRunState);
     if (!inRange) {
-        throw NY_EXCEPTION(-997, "\"runState\" must be an integer from %1$d to %2$d.", kMinRunState,
-                           kMaxRunState);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "\"runState\" must be an integer from %1$d to %2$d.",
+                           kMinRunState, kMaxRunState);
     }
     return static_cast<int>(value.get<std::int64_t>());
 }

@@ -116,15 +116,16 @@ void RemoveFromHandlerOfTheRoutinesOwnUpdate(const char* deletion) {
     const auto testThread = std::this_thread::get_id();
     std::promise<int> handlerRemoval;
     std::atomic<bool> handled{false};  // the handler's own deletion raises updates on this thread again
-    auto handler = router.NotificationEvent().SubscribeScoped([&](NyRest::EventType type, std::string path) {
-        if (type != NyRest::EventType::Updated || path != "/routines/Reporting-0" ||
-            std::this_thread::get_id() == testThread) {
-            return;
-        }
-        if (!handled.exchange(true)) {
-            handlerRemoval.set_value(router.Dispatch("DELETE", deletion, nullptr).status);
-        }
-    });
+    auto handler =
+        router.NotificationEvent().SubscribeScoped([&](NyRest::EventType type, const std::string& path) {
+            if (type != NyRest::EventType::Updated || path != "/routines/Reporting-0" ||
+                std::this_thread::get_id() == testThread) {
+                return;
+            }
+            if (!handled.exchange(true)) {
+                handlerRemoval.set_value(router.Dispatch("DELETE", deletion, nullptr).status);
+            }
+        });
     ASSERT_EQ(manager.Create("Reporting", nullptr), "Reporting-0");
     go.Open();
     auto handlerDone = handlerRemoval.get_future();

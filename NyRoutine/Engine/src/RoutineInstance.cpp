@@ -32,7 +32,7 @@ void RoutineInstance::Start() {
     {
         Ny::MutexLock guard(startMutex);
         if (startBegun) {
-            throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
+            throw NY_EXCEPTION(Ny::Status::Refused, "Routine must be in READY state to start.");
         }
         startBegun = true;
     }
@@ -81,7 +81,7 @@ void RoutineInstance::Start() {
         FailStart(e);
     }
     if (endedBefore) {
-        throw NY_EXCEPTION(-1000, "Routine must be in READY state to start.");
+        throw NY_EXCEPTION(Ny::Status::Refused, "Routine must be in READY state to start.");
     }
 }
 
@@ -243,7 +243,7 @@ NyRt::Status RoutineInstance::WaitingForCompletionThreadFx(void* instancePointer
             NyRt::Sleep(CompletionPollUs);
             // Deletion counts as an abort here: the destructor joins this thread.
             if (self.aborted || self.deleting) {
-                return -988;
+                return Ny::Status::WaitAborted;
             }
             if (self.readyForCompletion) {
                 break;
@@ -440,7 +440,8 @@ void RoutineInstance::SetResults(const Ny::Properties::Structure* resultsIn) {
     Ny::Locker locker(lock.Get());
     // Handing over the structure the instance already holds would free it while still in use.
     if (resultsIn != nullptr && resultsIn == results) {
-        throw NY_EXCEPTION(-997, "Routine [%s] results were handed over twice.", id.c_str());
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine [%s] results were handed over twice.",
+                           id.c_str());
     }
     if (results != nullptr) {
         routine->FreeResults(results);
@@ -475,7 +476,8 @@ void RoutineInstance::SetFailedState(const std::string& details) {
 void RoutineInstance::SetCurrentStep(unsigned int step, const std::string& info) {
     const std::uint32_t total = totalSteps.load();
     if (step > total) {
-        throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine step (%1$u) exceeds total steps (%2$u).", step,
+                           total);
     }
     {
         Ny::MutexLock guard(fieldsMutex);
@@ -490,7 +492,8 @@ void RoutineInstance::SetCurrentStep(unsigned int step, const std::string& info)
 
 void RoutineInstance::SetCurrentProgress(unsigned int progress) {
     if (progress > maxProgress) {
-        throw NY_EXCEPTION(-997, "Routine progress (%1$u) exceeds max (%2$u).", progress, maxProgress);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine progress (%1$u) exceeds max (%2$u).", progress,
+                           maxProgress);
     }
     if (progress != currentProgress.exchange(progress)) {
         OnStepsUpdated();

@@ -169,11 +169,11 @@ void RoutineManager::Refuse(const std::string& typeName, bool limit) {
     if (limit) {
         Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, Ny::Logging::Level::ManagerRefusal, "RoutineManager",
                                   LimitMessage, typeName.c_str(), max);
-        throw NY_EXCEPTION(-1000, LimitRefusal, typeName.c_str(), max);
+        throw NY_EXCEPTION(Ny::Status::Refused, LimitRefusal, typeName.c_str(), max);
     }
     Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, Ny::Logging::Level::ManagerRefusal, "RoutineManager",
                               RunningMessage, typeName.c_str());
-    throw NY_EXCEPTION(-1000, RunningMessage, typeName.c_str());
+    throw NY_EXCEPTION(Ny::Status::Refused, RunningMessage, typeName.c_str());
 }
 
 void RoutineManager::CheckCanCreate(const std::string& typeName) {
@@ -209,7 +209,7 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
     // factory call cannot free the factory under it.
     std::shared_ptr<const RoutineInfo> type = registry.FindShared(typeName);
     if (!type) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     // The check and the reservation of a place are one step, so parallel creations cannot pass the
     // limit together; the place is held while plug-in code makes the routine outside the lock.
@@ -224,7 +224,7 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
             const bool isClosed = closed;
             guard.Unlock();
             if (isClosed) {
-                throw NY_EXCEPTION(-1000, ClosedMessage, typeName.c_str());
+                throw NY_EXCEPTION(Ny::Status::Refused, ClosedMessage, typeName.c_str());
             }
             Refuse(typeName, limit);
         }
@@ -250,7 +250,7 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
             // A clear began (or the manager closed) while the factory ran: the new routine belongs to
             // it, and it never existed for anyone else.
             announce.Unlock();
-            throw NY_EXCEPTION(-999, "Routine %s was deleted before it started.", id.c_str());
+            throw NY_EXCEPTION(Ny::Status::NotFound, "Routine %s was deleted before it started.", id.c_str());
         }
         createdEvent.Raise(id);
     }
@@ -275,7 +275,7 @@ std::string RoutineManager::Create(const std::string& typeName, std::shared_ptr<
         stillThere = !closed && it != routines.end() && it->second == entry;
     }
     if (!stillThere) {
-        throw NY_EXCEPTION(-999, "Routine %s was deleted before it started.", id.c_str());
+        throw NY_EXCEPTION(Ny::Status::NotFound, "Routine %s was deleted before it started.", id.c_str());
     }
     return id;
 }
@@ -286,7 +286,8 @@ std::shared_ptr<RoutineManager::RoutineEntry> RoutineManager::MakeEntry(
     std::shared_ptr<IRoutine> routine = type->Factory().CreateRoutine();
     if (!routine) {
         // Nothing is registered and no id is used for a factory that made nothing.
-        throw NY_EXCEPTION(-992, "Routine type [%s] made no routine object.", typeName.c_str());
+        throw NY_EXCEPTION(Ny::Status::NoFactory, "Routine type [%s] made no routine object.",
+                           typeName.c_str());
     }
     if (params) {
         routine->SetCreateParams(params);
@@ -326,7 +327,7 @@ void RoutineManager::Remove(const std::string& id) {
         }
     }
     if (!entry) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     // Ended before the deleted event, also when a request still holds the instance: nothing of the
     // routine may run on after its deletion was announced.
@@ -363,7 +364,7 @@ std::shared_ptr<RoutineInstance> RoutineManager::AcquireInstance(const std::stri
         }
     }
     if (!entry) {
-        throw NY_EXCEPTION(-999, "Routine %s not found!", id.c_str());
+        throw NY_EXCEPTION(Ny::Status::NotFound, "Routine %s not found!", id.c_str());
     }
     return std::shared_ptr<RoutineInstance>(entry, &entry->instance);
 }
@@ -428,7 +429,7 @@ void RoutineManager::ClearAllRoutines() {
 std::unique_ptr<Ny::Params::Group> RoutineManager::GetCreateParams(const std::string& typeName) {
     const auto type = registry.FindShared(typeName);
     if (!type) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     return type->CreationParams();
 }

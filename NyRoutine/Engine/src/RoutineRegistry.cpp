@@ -69,7 +69,7 @@ void RoutineRegistry::Add(const RoutineInfo& info, std::shared_ptr<const void> o
         added = entries.emplace(copy->TypeName(), copy).second;
     }
     if (!added) {
-        throw NY_EXCEPTION(-987);
+        throw NY_EXCEPTION(Ny::Status::AlreadyRegistered);
     }
 }
 
@@ -84,7 +84,7 @@ void RoutineRegistry::Remove(const std::string& typeName) {
         }
     }
     if (!removed) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
 }
 

@@ -10,7 +10,7 @@ RoutineCommandBase::RoutineCommandBase(NyCommon::IRoutineController& managerIn) 
 std::shared_ptr<RoutineInstance> RoutineCommandBase::GetInstance(const NyRest::RequestInfo& request) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     return manager.AcquireInstance(*id);
 }

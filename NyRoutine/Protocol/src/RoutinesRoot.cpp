@@ -82,14 +82,14 @@ std::string NameKeys(const std::vector<std::string>& keys) {
 // A strict write's body: an object with an object member "parameters" and nothing else.
 void CheckStrictBody(const nlohmann::json& body) {
     if (!body.is_object()) {
-        throw NY_EXCEPTION(-997, "The request body must be a JSON object.");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "The request body must be a JSON object.");
     }
     const auto parameters = body.find("parameters");
     if (parameters == body.end()) {
-        throw NY_EXCEPTION(-997, "The request body must have a member \"parameters\".");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "The request body must have a member \"parameters\".");
     }
     if (!parameters->is_object()) {
-        throw NY_EXCEPTION(-997, "Member \"parameters\" must be an object.");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Member \"parameters\" must be an object.");
     }
     std::vector<std::string> others;
     for (const auto& [key, value] : body.items()) {
@@ -98,16 +98,16 @@ void CheckStrictBody(const nlohmann::json& body) {
         }
     }
     if (!others.empty()) {
-        throw NY_EXCEPTION(-997, "%s %s; only \"parameters\" may be given.",
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "%s %s; only \"parameters\" may be given.",
                            others.size() == 1 ? "Unknown member" : "Unknown members",
                            NameKeys(others).c_str());
     }
 }
 
 [[noreturn]] void RefuseUnknownParameters(const std::vector<std::string>& unknown) {
-    Ny::Exception refusal =
-        NY_EXCEPTION(-997, "%s %s.", unknown.size() == 1 ? "Unknown parameter" : "Unknown parameters",
-                     NameKeys(unknown).c_str());
+    Ny::Exception refusal = NY_EXCEPTION(Ny::Status::InvalidValue, "%s %s.",
+                                         unknown.size() == 1 ? "Unknown parameter" : "Unknown parameters",
+                                         NameKeys(unknown).c_str());
     for (const std::string& path : unknown) {
         refusal.AddField(path, "Unknown parameter.");
     }
@@ -210,7 +210,7 @@ void RoutinesRoot::AppendResults(RoutineInstance& instance, nlohmann::json& docu
 void RoutinesRoot::UpdateDocument(const NyRest::RequestInfo& request, const nlohmann::json& body) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw NY_EXCEPTION(-997);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue);
     }
     const auto instance = manager.AcquireInstance(*id);
     if (request.Prefers("handling=strict")) {
@@ -229,7 +229,8 @@ void RoutinesRoot::SetRoutineParamsStrictly(RoutineInstance& instance, const nlo
     // applied. Every refusal releases without reporting a write: nothing was stored.
     try {
         if (access.Get() == nullptr || !instance.AcceptsParams()) {
-            throw NY_EXCEPTION(-1000, "The routine does not wait for parameters; nothing was applied.");
+            throw NY_EXCEPTION(Ny::Status::Refused,
+                               "The routine does not wait for parameters; nothing was applied.");
         }
         const std::vector<std::string> unknown =
             Ny::Properties::JsonSerializer::UnknownMembers(*access.Get(), incoming);
@@ -266,7 +267,7 @@ void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instanc
 
 NyRest::CreateResult RoutinesRoot::Create(const NyRest::RequestInfo&, const nlohmann::json& body) {
     if (!body.is_object() || !body.contains("type")) {
-        throw NY_EXCEPTION(-997);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue);
     }
     const auto type = body["type"].get<std::string>();
     std::string id = manager.Create(type, nullptr);
@@ -277,7 +278,7 @@ NyRest::CreateResult RoutinesRoot::Create(const NyRest::RequestInfo&, const nloh
 void RoutinesRoot::Delete(const NyRest::RequestInfo& request) {
     const std::string* id = request.Param("routine");
     if (id == nullptr) {
-        throw NY_EXCEPTION(-997);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue);
     }
     if (*id == "*") {
         manager.ClearAllRoutines();

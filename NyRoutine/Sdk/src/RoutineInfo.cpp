@@ -22,7 +22,7 @@ RoutineInfo::~RoutineInfo() = default;
 
 IRoutineFactory& RoutineInfo::Factory() const {
     if (factory == nullptr) {
-        throw NY_EXCEPTION(-992);
+        throw NY_EXCEPTION(Ny::Status::NoFactory);
     }
     return *factory;
 }

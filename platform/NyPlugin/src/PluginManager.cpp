@@ -119,28 +119,28 @@ const PluginLib& PluginManager::Load(const fs::path& path) {
 const PluginLib& PluginManager::LoadLocked(const fs::path& path) {
     const std::string file = path.string();
     if (FindLocked(path)) {
-        throw NY_EXCEPTION(-1000, "Plug-in %s is loaded already.", file.c_str());
+        throw NY_EXCEPTION(Ny::Status::Refused, "Plug-in %s is loaded already.", file.c_str());
     }
     std::error_code error;
     if (!fs::exists(path, error)) {
-        throw NY_EXCEPTION(-999, "Plug-in %s does not exist.", file.c_str());
+        throw NY_EXCEPTION(Ny::Status::NotFound, "Plug-in %s does not exist.", file.c_str());
     }
     // RTLD_NOW: a missing symbol refuses the library here instead of crashing a routine later.
     // RTLD_LOCAL: plug-ins do not see each other's symbols. RTLD_NODELETE: see PluginManager.h.
     HandleGuard handle(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
     if (!handle) {
         const char* reason = dlerror();
-        throw NY_EXCEPTION(-997, "Plug-in %1$s cannot be loaded: %2$s", file.c_str(),
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %1$s cannot be loaded: %2$s", file.c_str(),
                            reason != nullptr ? reason : "unknown error");
     }
     const auto version = reinterpret_cast<ApiVersionFx>(dlsym(handle.get(), ApiVersionSymbol));
     const auto getPlugins = reinterpret_cast<GetPluginsFx>(dlsym(handle.get(), GetPluginsSymbol));
     if (version == nullptr || getPlugins == nullptr) {
-        throw NY_EXCEPTION(-997, "Plug-in %1$s has no plug-in entry point (%2$s, %3$s).", file.c_str(),
-                           ApiVersionSymbol, GetPluginsSymbol);
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %1$s has no plug-in entry point (%2$s, %3$s).",
+                           file.c_str(), ApiVersionSymbol, GetPluginsSymbol);
     }
     if (const int built = version(); built != ApiVersion) {
-        throw NY_EXCEPTION(-997,
+        throw NY_EXCEPTION(Ny::Status::InvalidValue,
                            "Plug-in %1$s was built for plug-in API version %2$d, this host offers %3$d.",
                            file.c_str(), built, ApiVersion);
     }
@@ -174,7 +174,7 @@ void PluginManager::Unload(const fs::path& path) {
     const fs::path normal = Normalized(path);
     const auto lib = FindLocked(normal);
     if (!lib) {
-        throw NY_EXCEPTION(-999, "Plug-in %s is not loaded.", normal.string().c_str());
+        throw NY_EXCEPTION(Ny::Status::NotFound, "Plug-in %s is not loaded.", normal.string().c_str());
     }
     UnloadLocked(lib);
 }
@@ -191,7 +191,8 @@ void PluginManager::Unload(size_t index) {
         }
     }
     if (!lib) {
-        throw NY_EXCEPTION(-999, "No plug-in library at index %1$zu (%2$zu loaded).", index, count);
+        throw NY_EXCEPTION(Ny::Status::NotFound, "No plug-in library at index %1$zu (%2$zu loaded).", index,
+                           count);
     }
     UnloadLocked(lib);
 }
@@ -199,7 +200,8 @@ void PluginManager::Unload(size_t index) {
 void PluginManager::UnloadLocked(const std::shared_ptr<PluginLib>& lib) {
     // Only a handler of this very unload, on this thread, can get here with the flag set.
     if (lib->unloading) {
-        throw NY_EXCEPTION(-1000, "Plug-in %s is being unloaded already.", lib->Path().string().c_str());
+        throw NY_EXCEPTION(Ny::Status::Refused, "Plug-in %s is being unloaded already.",
+                           lib->Path().string().c_str());
     }
     lib->unloading = true;
     std::exception_ptr handlerFailure;
@@ -320,7 +322,7 @@ size_t PluginManager::Count() const {
 const PluginLib& PluginManager::At(size_t index) const {
     Ny::MutexLock guard(listMutex);
     if (index >= libraries.size()) {
-        throw NY_EXCEPTION(-999, "No plug-in library at index %1$zu (%2$zu loaded).", index,
+        throw NY_EXCEPTION(Ny::Status::NotFound, "No plug-in library at index %1$zu (%2$zu loaded).", index,
                            libraries.size());
     }
     return *libraries[index];

@@ -203,12 +203,12 @@ int HttpStatusFor(const std::exception& error) {
         return 400;
     }
     switch (Ny::StatusOf(error)) {
-        case -999:
+        case Ny::Status::NotFound:
             return 404;
-        case -997:
+        case Ny::Status::InvalidValue:
             return 400;
-        case -1000:
-        case -987:
+        case Ny::Status::Refused:
+        case Ny::Status::AlreadyRegistered:
             return 409;
         case ReadOnlyDocumentStatus:
             return 405;
@@ -286,13 +286,14 @@ void ResourceRouter::Register(const std::string& pattern, IResource& resource) {
         (pattern.size() > 1 && pattern.back() == '/') ||
         std::any_of(route->segments.begin(), route->segments.end(),
                     [](const std::string& s) { return s == ":"; })) {
-        throw NY_EXCEPTION(-997, "Malformed path pattern \"%s\".", pattern.c_str());
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Malformed path pattern \"%s\".", pattern.c_str());
     }
     {
         Ny::WriterLock guard(mutex);
         for (const auto& existing : routes) {
             if (existing->pattern == pattern) {
-                throw NY_EXCEPTION(-987, "Path pattern \"%s\" is registered already.", pattern.c_str());
+                throw NY_EXCEPTION(Ny::Status::AlreadyRegistered,
+                                   "Path pattern \"%s\" is registered already.", pattern.c_str());
             }
         }
         routes.push_back(route);
@@ -405,15 +406,16 @@ Response ResourceRouter::DispatchRaw(const std::string& method, const std::strin
             const std::string context = NY_CONTEXT();
             const auto limitDepth = [&context](int depth, json::parse_event_t, json&) {
                 if (depth > MaxBodyDepth) {
-                    throw Ny::Exception(__LINE__, __FILE__, -997, context.c_str(),
+                    throw Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue, context.c_str(),
                                         "The request body is nested too deeply.");
                 }
                 return true;
             };
             parsed = json::parse(body.begin(), body.end(), limitDepth);
         } catch (const std::exception& e) {
-            Response response = ErrorResponse(400, Ny::StatusOf(e) == 0 ? -997 : Ny::StatusOf(e),
-                                              "The request body is not valid JSON.");
+            Response response =
+                ErrorResponse(400, Ny::StatusOf(e) == 0 ? Ny::Status::InvalidValue : Ny::StatusOf(e),
+                              "The request body is not valid JSON.");
             response.body["causes"].push_back(WithoutJsonPrefix(e.what()));
             return response;
         }
@@ -431,7 +433,7 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
     Match match;
     std::shared_ptr<Route> route = Find(segments, match);
     if (!route) {
-        return ErrorResponse(404, -999, "No resource at " + std::string(rawPath) + ".");
+        return ErrorResponse(404, Ny::Status::NotFound, "No resource at " + std::string(rawPath) + ".");
     }
     Response response;
     try {

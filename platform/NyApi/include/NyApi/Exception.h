@@ -1,17 +1,18 @@
 // `Ny::Exception`: the failure type of the API library and of everything built on it.
 //
-// An exception carries the source line and file where it was made, a status (see the status table
-// in the README; 0 for a wrapped exception that had none), a context (the qualified name of the
-// throwing function) and an optional printf-style message, formatted at construction (positional
-// placeholders such as "%1$s" and "%2$u" work). Context is added by catching, releasing what is held
-// and throwing a new exception with the caught one nested (`std::throw_with_nested`).
+// An exception carries the source line and file where it was made, a status (one of the named values
+// of NyApi/Status.h; Ny::Status::Wrapped for a wrapped exception that had none), a context (the
+// qualified name of the throwing function) and an optional printf-style message, formatted at construction
+// (positional placeholders such as "%1$s" and "%2$u" work). Context is added by catching, releasing what is
+// held and throwing a new exception with the caught one nested (`std::throw_with_nested`).
 //
 // A refusal that belongs to one field of a request (a parameter) may also carry field refusals: each a
 // field's path in the request (keys joined with ".", array elements by index) and a message. A form
 // shows each next to its input. They survive wrapping: `FieldsOf` collects them from the whole chain.
 //
 // Use the NY_EXCEPTION macro to fill in line, file and function:
-//     throw NY_EXCEPTION(-997, "Routine step (%1$u) exceeds total steps (%2$u).", step, total);
+//     throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine step (%1$u) exceeds total steps (%2$u).",
+//                        step, total);
 #pragma once
 
 #include <cstdint>
@@ -73,6 +74,7 @@ int StatusOf(const std::exception& e) noexcept;
 }  // namespace Ny
 
 #include "NyApi/Logging.h"
+#include "NyApi/Status.h"
 
 // The qualified name of the enclosing function: the one source of every exception's context, so that no
 // hand-typed name can go stale when a function is renamed or split.
@@ -82,10 +84,10 @@ int StatusOf(const std::exception& e) noexcept;
     ::Ny::Exception(__LINE__, __FILE__, (status), NY_CONTEXT().c_str() __VA_OPT__(, ) __VA_ARGS__)
 
 // Throws `Ny::Exception` with the runtime status `s` (no message) unless it is `NyRt::Ok`.
-#define NY_CHECK_RT(expr)                  \
-    do {                                   \
-        const int nyStatus_ = (expr);      \
-        if (nyStatus_ != 1) {              \
-            throw NY_EXCEPTION(nyStatus_); \
-        }                                  \
+#define NY_CHECK_RT(expr)                       \
+    do {                                        \
+        const int nyStatus_ = (expr);           \
+        if (nyStatus_ != Ny::Status::Success) { \
+            throw NY_EXCEPTION(nyStatus_);      \
+        }                                       \
     } while (false)

@@ -129,8 +129,9 @@ class JsonValueReader final : public ValueReader {
     }
 
     [[noreturn]] void Refuse(const char* kind) const {
-        throw Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
-                            "Member \"%s\" must be %s.", member.c_str(), kind);
+        throw Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue,
+                            "Ny::Properties::JsonSerializer::Deserialize", "Member \"%s\" must be %s.",
+                            member.c_str(), kind);
     }
 
     const json& value;
@@ -242,10 +243,12 @@ class DocumentReader final : public INodeVisitor {
     void Visit(Structure& node) override {
         if (!incoming.is_object()) {
             if (path.Empty()) {
-                throw Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
+                throw Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue,
+                                    "Ny::Properties::JsonSerializer::Deserialize",
                                     "The values must be a JSON object.");
             }
-            Refuse(Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
+            Refuse(Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue,
+                                 "Ny::Properties::JsonSerializer::Deserialize",
                                  "Member \"%s\" must be an object.", path.Member().c_str()));
             return;
         }
@@ -276,7 +279,8 @@ class DocumentReader final : public INodeVisitor {
     }
     void Visit(Internal::ArrayBase& node) override {
         if (!incoming.is_array()) {
-            Refuse(Ny::Exception(__LINE__, __FILE__, -997, "Ny::Properties::JsonSerializer::Deserialize",
+            Refuse(Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue,
+                                 "Ny::Properties::JsonSerializer::Deserialize",
                                  "Member \"%s\" must be an array.", path.Member().c_str()));
             return;
         }

@@ -148,7 +148,7 @@ void ArrayBase::Accept(INodeVisitor& visitor) {
 
 Structure& ArrayBase::ElementAt(size_t index) const {
     if (index >= elements.size()) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     return *elements[index];
 }
@@ -188,7 +188,7 @@ void ReferenceArray::Clear() {
 
 void ReferenceArray::Remove(size_t index) {
     if (index >= items.size()) {
-        throw NY_EXCEPTION(-999);
+        throw NY_EXCEPTION(Ny::Status::NotFound);
     }
     items.erase(items.begin() + static_cast<std::ptrdiff_t>(index));
 }

@@ -54,7 +54,7 @@ struct ParamTypeName<NyCommon::RoutineState> {
                                      const char* thrown) {
     Logging::Ny_Debug_Log(__LINE__, __FILE__, Logging::Level::Validation, "Params validation", logged,
                           name.c_str());
-    throw Ny::Exception(__LINE__, __FILE__, -997, context.c_str(), thrown, name.c_str());
+    throw Ny::Exception(__LINE__, __FILE__, Ny::Status::InvalidValue, context.c_str(), thrown, name.c_str());
 }
 
 }  // namespace Internal

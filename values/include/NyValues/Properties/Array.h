@@ -42,7 +42,7 @@ class Array : public Internal::ArrayBase {
     // Throws -999 at or past Count() before anything changes.
     void Remove(size_t index) override {
         if (index >= Count()) {
-            throw Ny::Exception(__LINE__, __FILE__, -999, "Ny::Properties::Array<T>::Remove");
+            throw Ny::Exception(__LINE__, __FILE__, Ny::Status::NotFound, "Ny::Properties::Array<T>::Remove");
         }
         NotifyChange();
         elements.erase(elements.begin() + static_cast<std::ptrdiff_t>(index));

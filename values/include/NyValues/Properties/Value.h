@@ -64,11 +64,13 @@ class NodeType : public ValueBase {
     // Accepts true silently; a schema leaf can never be made readable (status -982).
     void SetWriteOnly(bool writeOnly) override {
         if (!writeOnly) {
-            throw Ny::Exception(__LINE__, __FILE__, -982, "Ny::Properties::Internal::NodeType::SetWriteOnly");
+            throw Ny::Exception(__LINE__, __FILE__, Ny::Status::SchemaLeafNotWriteOnly,
+                                "Ny::Properties::Internal::NodeType::SetWriteOnly");
         }
     }
     void Read(ValueReader&) override {
-        throw Ny::Exception(__LINE__, __FILE__, -996, "Ny::Properties::Internal::NodeType::Read");
+        throw Ny::Exception(__LINE__, __FILE__, Ny::Status::SchemaLeafRead,
+                            "Ny::Properties::Internal::NodeType::Read");
     }
     void Write(ValueWriter& writer) const override { writer.WriteString(name.c_str()); }
     void Validate(ValueReader&) override {}
