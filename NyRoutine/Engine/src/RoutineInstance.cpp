@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "NyApi/Exception.h"
@@ -437,18 +438,40 @@ bool RoutineInstance::GetParams(Ny::Properties::Structure& paramsIn,
 }
 
 void RoutineInstance::SetResults(const Ny::Properties::Structure* resultsIn) {
-    Ny::Locker locker(lock.Get());
-    // Handing over the structure the instance already holds would free it while still in use.
+    // The instance owns `resultsIn` from the call on, also when it throws: routine code hands results
+    // over from a unique_ptr it released, so no way out may leave them to the caller. Each way out
+    // either keeps them (to be given back later) or gives them back now.
+    std::optional<Ny::Locker> locker;
+    try {
+        locker.emplace(lock.Get());
+    } catch (...) {
+        if (resultsIn != nullptr) {
+            routine->FreeResults(resultsIn);
+        }
+        throw;
+    }
+    // Handing over the structure the instance already holds: it stays held (freeing it would free it
+    // while still in use) and is given back once, later.
     if (resultsIn != nullptr && resultsIn == results) {
         throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine [%s] results were handed over twice.",
                            id.c_str());
     }
-    if (results != nullptr) {
-        routine->FreeResults(results);
+    // The field lets go of the previous results before they are given back, so a FreeResults that
+    // throws cannot have them given back a second time by the destructor.
+    const Ny::Properties::Structure* previous = std::exchange(results, resultsIn);
+    std::exception_ptr freeFailure;
+    if (previous != nullptr) {
+        try {
+            routine->FreeResults(previous);
+        } catch (...) {
+            freeFailure = std::current_exception();  // passed on after the update: the results did change
+        }
     }
-    results = resultsIn;
     // Raised with the lock held on purpose: handlers read the new results consistently (re-entrant lock).
     OnUpdated();
+    if (freeFailure) {
+        std::rethrow_exception(freeFailure);
+    }
 }
 
 bool RoutineInstance::WaitForContinue(std::function<void(IRoutineHost&)> fx) {

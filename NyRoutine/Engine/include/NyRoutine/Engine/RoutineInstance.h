@@ -59,6 +59,7 @@ class RoutineInstanceHost : public IRoutineHost {
     void SetTotalSteps(unsigned int total) override;
     void SetCurrentStep(unsigned int step, const std::string& info) override;
     void SetCurrentProgress(unsigned int progress) override;
+    using IRoutineHost::SetHelpHtml;  // keeps the HelpMode overload visible beside the override
     void SetHelpHtml(const std::string& html, int mode) override;
     void SetHelpUrl(const std::string& url) override;
     bool WaitForContinue(std::function<void(IRoutineHost&)> onContinue) override;
