@@ -51,7 +51,8 @@ class RoutineInstance;
 // The IRoutineHost handed to routine code: forwards every call to its instance.
 class RoutineInstanceHost : public IRoutineHost {
   public:
-    RoutineInstanceHost(RoutineInstance* instance, NyCore::Core* core) : instance(instance), core(core) {}
+    RoutineInstanceHost(RoutineInstance* instanceIn, NyCore::Core* coreIn)
+        : instance(instanceIn), core(coreIn) {}
 
     bool GetParams(Ny::Properties::Structure& params,
                    std::function<void(Ny::Properties::Structure&)> onChanged) override;
