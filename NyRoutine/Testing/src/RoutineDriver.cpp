@@ -222,11 +222,13 @@ class LogChain {
             targets = recorders;
             next = previous;
         }
-        for (const auto& recorder : targets) {
-            recorder->Add(line);
-        }
+        // The sink before ours first: it is the host's own. A recorder may get a line after its driver
+        // is gone (a slow sink held it); the shared recorder is still there for it.
         if (next) {
             next(line);
+        }
+        for (const auto& recorder : targets) {
+            recorder->Add(line);
         }
     }
 

@@ -82,7 +82,9 @@ class RoutineDriver {
     // handling=strict" unless `strict` is false. Throws Ny::Exception with the reply's status and
     // message, its field refusals (Ny::Exception::FieldsOf) and its causes (nested), when refused.
     void SetParams(const nlohmann::json& parameters, bool strict = true);
-    // POST .../commands/continue and .../commands/abort. Throw like SetParams when refused.
+    // POST .../commands/continue and .../commands/abort. Throw like SetParams when refused. As for any
+    // client, a continue reaches the routine's code only once it waits for one: wait for the state
+    // WaitingForFeedback first (a continue that comes earlier confirms the start, or is lost).
     void Continue();
     void Abort();
 
