@@ -40,6 +40,7 @@
 //   or a handler runs, so handlers (and readers on any thread) may call Count(), At() and Libraries().
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
