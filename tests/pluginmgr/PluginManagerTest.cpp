@@ -558,6 +558,24 @@ TEST(PluginReload, LoadsFromAPrivateCopyThatGoesWithTheManager) {
     EXPECT_EQ(Greet(*greeter), "a_greeters first greets host");
 }
 
+// Without a folder for its copies the manager loads nothing, says why, and tries again on the next load.
+TEST(PluginReload, NoFolderForCopiesRefusesTheLoadUntilThereIsOne) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    {
+        ScopedTmpDir tmpdir(folder.path / "missing");
+        const auto [status, message] = Failure([&] { plugins.Load(Libs / "a_greeters.so"); });
+        EXPECT_EQ(status, Ny::Status::Refused);
+        EXPECT_NE(
+            message.find("No private folder for plug-in copies under " + (folder.path / "missing").string()),
+            std::string::npos)
+            << message;
+        EXPECT_EQ(plugins.Count(), 0u);
+    }
+    ScopedTmpDir tmpdir(folder.path);
+    EXPECT_EQ(plugins.Load(Libs / "a_greeters.so").FileName(), "a_greeters.so");
+}
+
 // Readers on other threads see whole libraries while rescans reload a file back and forth: one version
 // or the other, never a half-listed library.
 TEST(PluginReload, ReadersSeeWholeLibrariesWhileRescansReload) {

@@ -379,7 +379,7 @@ void PluginManager::ReloadLocked(const std::shared_ptr<PluginLib>& lib, RescanSu
     }
     summary.reloaded.push_back(path);
     if (FindLocked(path)) {
-        return;  // an unload handler loaded the file again itself: that library stands
+        return;  // never list one file twice, whatever an unload handler did
     }
     try {
         PublishLocked(std::move(*next));
