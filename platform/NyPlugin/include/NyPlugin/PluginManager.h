@@ -10,7 +10,7 @@
 // a folder of the manager's own (made with mode 0700 under $TMPDIR, or /tmp, when the first library
 // loads; removed with the manager) and opens the copy, hashing the bytes as it copies them. A copy is
 // a new file, so the dynamic loader maps it anew: it hands back a mapping it already has for the same
-// path or the same file, which is how a rebuilt plug-in used to keep running its old code. And the
+// path or the same file, so a rebuilt plug-in opened where it lies would run its old code. And the
 // operator may overwrite the file in place while the process runs (as `cp` or a linker does) without
 // changing the code that is mapped. Copies stay on disk until the manager is destroyed: their blocks
 // stay allocated while they are mapped anyway, and debuggers and symbolizers read a library's symbols
@@ -26,8 +26,9 @@
 //
 // Reload. `Rescan` loads a file whose content changed (its SHA-256 differs from the loaded library's)
 // as a new library: the old one is unloaded first (routines and other objects it made keep running its
-// code), then the new one is listed. A changed file that cannot be loaded leaves the old library
-// loaded.
+// code), then the new one is listed; between the two the routine types it offers are unknown for a
+// moment, since a type name can be registered once. A changed file that cannot be loaded (checked
+// before the old library goes) leaves the old library loaded.
 //
 // Threading: every method is thread-safe. Loads and unloads may come from a signal-handling thread
 // while request threads read `Count()`, `At()` and `Libraries()`.
