@@ -80,6 +80,30 @@ TEST(RoutineDriver, CreationThatWaitsForItsContinueReturnsTheIdAndWaitsOnTheDriv
     EXPECT_TRUE(driver.WaitForStep(1, Short));
 }
 
+TEST(RoutineDriver, WaitsAndReadsOnOtherThreadsFollowTheCommandsOfThisOne) {
+    KitFactory factory(ParamsThenResult);
+    RoutineDriver driver(RoutineInfo("Dosing", factory, false));
+    driver.Create();
+    ASSERT_TRUE(driver.WaitForState(RoutineState::WaitingForFeedback));
+    std::atomic<bool> ended{false};
+    std::thread waiter([&] { ended = driver.WaitUntilEnded(); });
+    std::thread reader([&] {
+        while (!ended) {
+            const json parameters = driver.Parameters();
+            EXPECT_TRUE(parameters == json({{"volume", 10}}) || parameters == json({{"volume", 7}}));
+            if (driver.WaitUntilEnded(std::chrono::milliseconds(1))) {
+                break;
+            }
+        }
+    });
+    driver.SetParams({{"volume", 7}});
+    driver.Continue();
+    waiter.join();
+    reader.join();
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(driver.Results(), json({{"volume", 7}}));
+}
+
 TEST(RoutineDriver, WaitSeesAWaitForFeedbackThatNoNotificationAnnounces) {
     // No step, no parameters, no results: entering the wait raises nothing a client would see.
     KitFactory factory([](KitRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); });

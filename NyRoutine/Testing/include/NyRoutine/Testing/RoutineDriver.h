@@ -27,11 +27,11 @@
 // never checks `IsAborted()` holds it up.
 //
 // Threading: a creation that waits for the routine's first continue runs on a thread the driver owns.
-// Commands, reads and waits may be called from any thread, also at once; `Create` only once, and `Id`
-// after `Create` returned. Log lines and notifications arrive on routine and request threads and are
-// recorded under the driver's own lock. Several drivers may be alive at once (each records every log
-// line); the log sink that was set before the first of them keeps receiving every line, and is set
-// back once the last is gone, whatever the order of their destruction.
+// Call `Create` first (again only after a refusal); once it has returned the id, commands, reads and
+// waits may be called from any thread, also at once. Log lines and notifications arrive on routine and
+// request threads and are recorded under the driver's own lock. Several drivers may be alive at once
+// (each records every log line); the log sink that was set before the first of them keeps receiving
+// every line, and is set back once the last is gone, whatever the order of their destruction.
 #pragma once
 
 #include <chrono>
