@@ -106,10 +106,22 @@ TEST(RoutineDriver, WaitsAndReadsOnOtherThreadsFollowTheCommandsOfThisOne) {
 
 TEST(RoutineDriver, WaitSeesAWaitForFeedbackThatNoNotificationAnnounces) {
     // No step, no parameters, no results: entering the wait raises nothing a client would see.
-    KitFactory factory([](KitRoutine&, IRoutineHost& host) { host.WaitForContinue([](IRoutineHost&) {}); });
+    NyTest::Gate go;
+    KitFactory factory([&go](KitRoutine&, IRoutineHost& host) {
+        go.Wait();
+        host.WaitForContinue([](IRoutineHost&) {});
+    });
     RoutineDriver driver(RoutineInfo("Silent", factory, true));
     driver.Create();
-    EXPECT_TRUE(driver.WaitForState(RoutineState::WaitingForFeedback));
+    std::thread opener([&go] {
+        // Lets the routine enter its wait after the driver's wait has read it running. The pause only
+        // provokes that order (too short, and the test passes without proving anything): a wait that
+        // missed the change would only end with the test's time-out.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        go.Open();
+    });
+    EXPECT_TRUE(driver.WaitForState(RoutineState::WaitingForFeedback, Forever));
+    opener.join();
 }
 
 TEST(RoutineDriver, WaitsReturnFalseOnceTheirTimeRunsOut) {
