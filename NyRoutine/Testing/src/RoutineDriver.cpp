@@ -34,6 +34,13 @@ constexpr int UnknownFailureHttpStatus = 500;
 // often besides after every notification, so that it never sleeps through a state it waits for.
 constexpr auto RecheckPeriod = std::chrono::milliseconds(50);
 
+// `timeout` from now; Timeout::max() (a caller's "no bound") saturates instead of overflowing the clock.
+Clock::time_point DeadlineAfter(RoutineDriver::Timeout timeout) {
+    const Clock::time_point now = Clock::now();
+    const auto room = std::chrono::duration_cast<RoutineDriver::Timeout>(Clock::time_point::max() - now);
+    return timeout >= room ? Clock::time_point::max() : now + timeout;
+}
+
 bool IsEnded(RoutineState state) {
     return state == RoutineState::Completed || state == RoutineState::Aborted ||
            state == RoutineState::Failed;
@@ -482,7 +489,7 @@ enum class Progress { Reached, Pending, Never };
 
 template <typename Reached>
 bool RoutineDriver::WaitFor(Reached reached, Timeout timeout) {
-    const Clock::time_point deadline = Clock::now() + timeout;
+    const Clock::time_point deadline = DeadlineAfter(timeout);
     for (;;) {
         // Counted before the read: a notification raised after it ends the wait below at once.
         const size_t seen = recording->recorder->NotificationCount();
