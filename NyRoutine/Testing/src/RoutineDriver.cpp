@@ -368,8 +368,9 @@ std::string RoutineDriver::Create(const json& creationParams) {
     if (!creationParams.is_null()) {
         body["parameters"] = creationParams;
     }
-    creation = std::make_unique<Creation>();
-    Creation* const state = creation.get();
+    // Kept only once its thread runs: a thread that cannot start leaves the driver free to try again.
+    auto pending = std::make_unique<Creation>();
+    Creation* const state = pending.get();
     NyRest::ResourceRouter* const router = &engine->router;
     state->thread = std::thread([state, router, body] {
         NyRest::DispatchOptions options;
@@ -386,12 +387,16 @@ std::string RoutineDriver::Create(const json& creationParams) {
         } catch (const std::exception& e) {
             reply.status = UnknownFailureHttpStatus;
             reply.body = NyRest::ErrorBody(e);
+        } catch (...) {
+            // Nothing may leave the thread: it would end the process.
+            reply.status = UnknownFailureHttpStatus;
         }
         Ny::MutexLock guard(state->mutex);
         state->reply = std::move(reply);
         state->returned = true;
         state->progress.NotifyAll();
     });
+    creation = std::move(pending);
 
     NyRest::Response refused;
     {
