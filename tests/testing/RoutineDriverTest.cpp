@@ -259,19 +259,6 @@ TEST(RoutineDriver, DestructionWaitsForRoutineCodeThatIgnoresTheAbortForAWhile) 
     EXPECT_TRUE(returned);
 }
 
-TEST(RoutineDriver, ACarelessRoutineThatThrowsInItsContinueEndsFailed) {
-    KitFactory factory([](KitRoutine&, IRoutineHost& host) {
-        host.WaitForContinue([](IRoutineHost&) { throw std::logic_error("division by zero"); });
-    });
-    RoutineDriver driver(RoutineInfo("Careless", factory, false));
-    driver.Create();
-    ASSERT_TRUE(driver.WaitForState(RoutineState::WaitingForFeedback));
-    driver.Continue();
-    ASSERT_TRUE(driver.WaitUntilEnded());
-    EXPECT_EQ(driver.State(), RoutineState::Failed);
-    EXPECT_EQ(driver.Document()["stateDetails"], "division by zero");
-}
-
 TEST(RoutineDriverFromPluginFile, RefusesAMissingFileAndAFileThatIsNoPlugin) {
     const std::filesystem::path missing = std::filesystem::temp_directory_path() / "nyr-kit-missing.so";
     EXPECT_EQ(Refusal([&] { RoutineDriver driver(missing, "Calibration"); }).status, Ny::Status::NotFound);
