@@ -118,7 +118,9 @@ std::string PathSegment(const std::string& text) {
         if (const auto fields = body.find("fields"); fields != body.end() && fields->is_object()) {
             for (const auto& [path, messages] : fields->items()) {
                 for (const json& text : messages) {
-                    refusal.AddField(path, text.is_string() ? text.get<std::string>() : text.dump());
+                    refusal.AddField(path, text.is_string()
+                                               ? text.get<std::string>()
+                                               : text.dump(-1, ' ', false, json::error_handler_t::replace));
                 }
             }
         }
@@ -140,7 +142,6 @@ class Recorder {
     void Add(Notification notification) {
         Ny::MutexLock guard(mutex);
         notifications.push_back(std::move(notification));
-        // Under the lock: a waiter reads the count under it, so the wake-up cannot fall between.
         recorded.NotifyAll();
     }
     void Add(const Ny::Logging::LogRecord& line) {
