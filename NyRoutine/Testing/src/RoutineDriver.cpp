@@ -31,8 +31,10 @@ constexpr int UnknownFailureHttpStatus = 500;
 
 // The engine raises no notification when a routine begins to wait for feedback (or starts running
 // after its creation): those changes show only in the next read. A wait therefore re-reads at least this
-// often besides after every notification, so that it never sleeps through a state it waits for.
-constexpr auto RecheckPeriod = std::chrono::milliseconds(50);
+// often besides after every notification, so that it never sleeps through a state it waits for. Short,
+// because every test waits for that state before its first continue; a read in-process costs
+// microseconds.
+constexpr auto RecheckPeriod = std::chrono::milliseconds(10);
 
 // `timeout` from now; Timeout::max() (a caller's "no bound") saturates instead of overflowing the clock.
 Clock::time_point DeadlineAfter(RoutineDriver::Timeout timeout) {
