@@ -88,9 +88,10 @@ class RoutineDriver {
     void Continue();
     void Abort();
 
-    // Bounded waits: true once reached, false when the time ran out or the routine ended (or was
-    // deleted) without reaching it. Each re-reads the routine after every notification of the driver's
-    // router; they never hang and never throw.
+    // Bounded waits: true once reached, false when the time ran out, or at once when the routine does
+    // not exist or ended without reaching it (an ended routine stays as it ended). Each re-reads the
+    // routine after every notification of the driver's router and every few milliseconds besides (some
+    // changes come with no notification). Timeout::max() waits without bound. They never throw.
     bool WaitForState(NyCommon::RoutineState state, Timeout timeout = DefaultTimeout);
     // True once the routine's current step is `step` or later.
     bool WaitForStep(unsigned int step, Timeout timeout = DefaultTimeout);
