@@ -351,7 +351,7 @@ TEST_P(AcceptsParamsTest, OnlyWhilePublishedOpenAndNotStopped) {
     ASSERT_TRUE(log.WaitFor("Routine [Calib-0] completed."));
 
     // A writer that refuses releases without telling the routine or anyone: nothing was written. Only
-    // updates raised on this thread count: the routine's own end may still raise one on its thread.
+    // updates raised on this thread count, should the end's update still be on its way.
     const auto testThread = std::this_thread::get_id();
     std::atomic<int> updatesHere{0};
     auto counting = instance->UpdatedEvent().SubscribeScoped([&](const std::string&) {
