@@ -80,13 +80,17 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
 
     // The event stream, read to the end of the test on a thread of its own.
     std::string stream;
-    std::atomic<bool> streamDone{false};
+    // The deletion event of one last routine marks the end of the traffic: events come in order, so
+    // once it arrived every event before it did, and the host may stop.
+    std::mutex endMarkMutex;
+    std::string endMark;
     std::thread watcher([&] {
         HttpConnection events(host.Port(), std::chrono::seconds(seconds + 60));
         events.SendRaw("GET /events HTTP/1.1\r\n" + host.HostHeader() + "\r\nAuthorization: Bearer " + token +
                        "\r\n\r\n");
         stream = events.ReadUntil([&](const std::string& data) {
-            return streamDone.load() && data.find("\"path\":\"/soak-end\"") != std::string::npos;
+            std::lock_guard guard(endMarkMutex);
+            return !endMark.empty() && data.find(endMark) != std::string::npos;
         });
     });
 
@@ -214,12 +218,19 @@ TEST(Soak, RandomTrafficFromEightClientsLeavesTheHostHealthy) {
     EXPECT_EQ(host.Request("GET", "/routines").body, "null");
     const long endKiB = host.ResidentKiB();
 
-    streamDone = true;
-    // Any notification ends the watcher's wait; a routine created and deleted here marks the end.
-    host.Request("POST", "/routines", json{{"type", "SelfTest"}});
-    host.Request("DELETE", "/routines/*");
+    const auto last = host.Request("POST", "/routines", json{{"type", "SelfTest"}});
+    ASSERT_EQ(last.status, 201) << last.body;
+    const std::string lastPath = last.Json()["path"];
+    {
+        std::lock_guard guard(endMarkMutex);
+        endMark = "{\"type\":\"deleted\",\"path\":\"" + lastPath + "\"}";
+    }
+    EXPECT_EQ(host.Request("DELETE", lastPath).status, 204);
+    auto watched = std::async(std::launch::async, [&watcher] { watcher.join(); });
+    EXPECT_EQ(watched.wait_for(std::chrono::seconds(30)), std::future_status::ready)
+        << "the last routine's deletion never reached the event stream";
     EXPECT_EQ(host.Terminate(std::chrono::seconds(10)), 0);  // a clean exit, and no leak reported
-    watcher.join();
+    watched.wait();
 
     std::ostringstream summary;
     for (const auto& [status, count] : statuses) {
