@@ -3,7 +3,7 @@
 # builds the plug-in template against the package and runs its tests, installs its plug-in into the
 # installed host's folder, builds the embedding host and drives a routine of each plug-in with it, and
 # starts the installed routine-host with no path options to check that it serves the plug-ins and the
-# console it was installed with.
+# console it was installed with, and reloads a rebuilt plug-in on SIGHUP.
 # Usage: run_examples.sh <build dir> <source root> <work dir> <generator> <c++ compiler> [launcher]
 set -euo pipefail
 build=$1 source=$2 work=$3 generator=$4 compiler=$5 launcher=${6:-}
@@ -16,7 +16,7 @@ step() { echo "== $*"; }
 # Every wait below is bounded, so a broken install fails this test instead of hanging it.
 configure() {
     cmake -S "$1" -B "$2" -G "$generator" -DCMAKE_CXX_COMPILER="$compiler" \
-        ${launcher:+-DCMAKE_CXX_COMPILER_LAUNCHER="$launcher"} -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+        ${launcher:+-DCMAKE_CXX_COMPILER_LAUNCHER="$launcher"} -DCMAKE_PREFIX_PATH="$prefix" "${@:3}" >/dev/null
 }
 
 rm -rf "$work"
@@ -91,6 +91,26 @@ done
 curl -s --max-time 10 "http://127.0.0.1:$port/" | grep -qi '<!doctype html>' || fail "the console's page"
 [ "$(curl -s -o /dev/null -w '%{http_code}' --max-time 10 "http://127.0.0.1:$port/web/app.js")" = 200 ] ||
     fail "the console's script"
+
+step "reload: the template rebuilt, installed again and picked up on SIGHUP"
+cp -r "$source/examples/plugin-template" "$work/template-v2-src"
+sed -i 's/"Axis alignment"/"Axis alignment, second build"/' "$work/template-v2-src/ExampleRoutines.cpp"
+grep -q 'second build' "$work/template-v2-src/ExampleRoutines.cpp" || fail "the template's display name moved"
+configure "$work/template-v2-src" "$work/template-v2" -DEXAMPLE_BUILD_TESTS=OFF
+cmake --build "$work/template-v2" -j 2
+cmake --install "$work/template-v2" >/dev/null
+kill -HUP "$host_pid"
+for _ in $(seq 100); do
+    curl -s --max-time 10 "http://127.0.0.1:$port/routineTypes" | grep -q 'second build' && break
+    sleep 0.1
+done
+curl -s --max-time 10 "http://127.0.0.1:$port/routineTypes" | grep -q '"displayName":"Axis alignment, second build"' ||
+    { cat "$work/host.err"; fail "the rebuilt plug-in was not reloaded"; }
+grep -q 'reloaded 1 ' "$work/host.err" || { cat "$work/host.err"; fail "the rescan's summary does not say what it reloaded"; }
+installed_hash=$(sha256sum "$(compgen -G "$prefix/lib*/routine-host/plugins/example_routines.so")" | cut -d' ' -f1)
+curl -s --max-time 10 "http://127.0.0.1:$port/plugins" | grep -q "\"sha256\":\"$installed_hash\"" ||
+    fail "/plugins does not show the hash of the installed file"
+
 kill "$host_pid"
 wait "$host_pid" || fail "the installed host did not shut down cleanly"
 host_pid=""
