@@ -6,26 +6,20 @@
 //
 // Routine code runs on the routine's own thread (one job at a time) and talks to the engine only
 // through the IRoutineHost it is given. Parameters are published with GetParams and read back once the
-// user has continued; results are handed over with SetResults and freed by the routine in FreeResults.
+// user has continued; results are handed over from a unique_ptr with HandOverResults, and RoutineBase
+// frees them when the engine gives them back.
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
 #include <string>
 
-#include "NyApi/Logging.h"
-#include "NyPlugin/PluginExport.h"
-#include "NyRoutine/IRoutine.h"
-#include "NyRoutine/IRoutineFactory.h"
-#include "NyRoutine/IRoutineHost.h"
-#include "NyRoutine/RoutineInfo.h"
-#include "NyRoutine/RoutinePlugin.h"
+#include "NyRoutine/Routine.h"
 #include "NyRuntime/Runtime.h"
-#include "NyValues/Params/Enum.h"
-#include "NyValues/Params/Group.h"
-#include "NyValues/Params/Value.h"
 
 namespace {
 
+using NyRoutine::HelpMode;
 using NyRoutine::IRoutineHost;
 
 // ---------------------------------------------------------------------------------------------------
@@ -40,10 +34,8 @@ struct SelfTestResults : Ny::Params::Group {
     Ny::Params::Value<std::string> summary;
 };
 
-class SelfTest : public NyRoutine::IRoutine {
+class SelfTest : public NyRoutine::RoutineBase<SelfTestResults> {
   public:
-    void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
-
     void Run(IRoutineHost& host) override {
         static const char* const checks[] = {"Checking the power supply", "Checking the sensors",
                                              "Checking the actuators"};
@@ -61,12 +53,8 @@ class SelfTest : public NyRoutine::IRoutine {
         results->passedChecks = passed;
         results->summary = passed == 3 ? std::string("All checks passed.")
                                        : std::to_string(passed) + " of 3 checks ran before the abort.";
-        host.SetResults(results.release());  // the engine owns it now and gives it back in FreeResults
+        HandOverResults(host, std::move(results));  // the engine owns it now
         // Returning without a continue or completion callback completes the routine.
-    }
-
-    void FreeResults(const Ny::Properties::Structure* results) override {
-        delete static_cast<const SelfTestResults*>(results);
     }
 };
 
@@ -100,17 +88,15 @@ struct CalibrationResults : Ny::Params::Group {
     Ny::Params::Value<std::string> label;
 };
 
-class Calibration : public NyRoutine::IRoutine {
+class Calibration : public NyRoutine::RoutineBase<CalibrationResults> {
   public:
-    void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
-
     void Run(IRoutineHost& host) override {
         host.SetTotalSteps(2);
         host.SetCurrentStep(1, "Set the calibration parameters, then continue.");
         host.SetHelpHtml(
             "<p>Choose how many <b>samples</b> to take (1 to 1000), a <b>label</b> for the result and the "
             "<b>mode</b>: <i>Precise</i> takes longer per sample.</p>",
-            0);
+            HelpMode::Replace);
         host.SetCompletionFx([](IRoutineHost&, bool aborted) {
             NY_LOG(Ny::Logging::Level::Progress, "Calibration %s.", aborted ? "aborted" : "finished");
         });
@@ -121,15 +107,11 @@ class Calibration : public NyRoutine::IRoutine {
         host.WaitForContinue([this](IRoutineHost& continued) { Measure(continued); });
     }
 
-    void FreeResults(const Ny::Properties::Structure* results) override {
-        delete static_cast<const CalibrationResults*>(results);
-    }
-
   private:
     // Runs after the user's continue: the parameters are closed for writing now.
     void Measure(IRoutineHost& host) {
         host.SetCurrentStep(2, "Measuring");
-        host.SetHelpHtml("", 0);
+        host.SetHelpHtml("", HelpMode::Replace);
         const unsigned int samples = params.samples;
         const bool precise = params.mode == 1u;
         std::mt19937 noise(samples);
@@ -152,17 +134,11 @@ class Calibration : public NyRoutine::IRoutine {
         results->offset = mean - 0.5;
         results->gain = 1.0 + std::sqrt(std::max(0.0, sumSquares / taken - mean * mean));
         results->label = params.label.Get();
-        host.SetResults(results.release());
+        HandOverResults(host, std::move(results));
         host.ReadyForCompletion();
     }
 
-    CalibrationParams params;
-};
-
-template <typename Routine>
-class Factory : public NyRoutine::IRoutineFactory {
-  public:
-    std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<Routine>(); }
+    CalibrationParams params;  // published with GetParams: a member, so it outlives its publication
 };
 
 }  // namespace
@@ -170,16 +146,13 @@ class Factory : public NyRoutine::IRoutineFactory {
 // The plug-in's entry point: one routine plug-in object carrying both types.
 NY_PLUGIN_ENTRY(sink) {
     auto plugin = NyRoutine::RoutinePlugin::Create();
-    auto selfTestFactory = std::make_shared<Factory<SelfTest>>();
-    auto calibrationFactory = std::make_shared<Factory<Calibration>>();
-    plugin->AddRoutineInfo(NyRoutine::RoutineInfo("SelfTest", *selfTestFactory, true)
-                               .SetDisplayName("Self test")
-                               .SetDescription("Checks the power supply, the sensors and the actuators."));
-    plugin->AddRoutineInfo(
-        NyRoutine::RoutineInfo("Calibration", *calibrationFactory, false)
+    plugin->AddRoutineType<SelfTest>(
+        NyRoutine::RoutineInfo("SelfTest", true)
+            .SetDisplayName("Self test")
+            .SetDescription("Checks the power supply, the sensors and the actuators."));
+    plugin->AddRoutineType<Calibration>(
+        NyRoutine::RoutineInfo("Calibration", false)
             .SetDisplayName("Sensor calibration")
             .SetDescription("Measures the sensor's offset and gain from a number of samples."));
-    plugin->AddOwnedObject(selfTestFactory);
-    plugin->AddOwnedObject(calibrationFactory);
     sink.Add(plugin);
 }

@@ -186,6 +186,59 @@ TEST_F(LifecycleTest, RemovalEndsTheRoutineBeforeItsDeletionAlsoWhenARequestHold
     EXPECT_EQ(request->State(), RoutineState::Aborted);
 }
 
+// The limit keeps two routines' code from running at once, so a removal or a clear that has returned
+// has given its place back, whoever still holds the routine: the creating call its removal released
+// (it returns only after), a request that reads the routine meanwhile. The request is what holds it
+// here, so that the creating call's late return cannot hide the fault.
+TEST_F(LifecycleTest, RemovalAndClearGiveThePlaceBackBeforeTheyReturnWhoeverHoldsTheRoutine) {
+    enum class Removal { Remove, Clear };
+    for (const Removal how : {Removal::Remove, Removal::Clear}) {
+        SCOPED_TRACE(how == Removal::Remove ? "remove" : "clear");
+        RoutineManager manager(registry, &core, 1);
+        auto creation = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
+        ASSERT_TRUE(Eventually([&] { return manager.ListIds().size() == 1; }));
+        const std::string id = manager.ListIds().front();
+        const auto request = manager.AcquireInstance(id);
+        ASSERT_TRUE(Eventually([&] { return request->State() == RoutineState::WaitingForFeedback; }));
+        if (how == Removal::Remove) {
+            manager.Remove(id);
+        } else {
+            manager.ClearAllRoutines();
+        }
+        std::string next;
+        EXPECT_EQ(StatusOf([&] { next = manager.Create("Quick", nullptr); }), 1)
+            << "the removed routine still held the only place";
+        EXPECT_EQ(request->State(), RoutineState::Aborted);
+        ASSERT_EQ(creation.wait_for(Generous), std::future_status::ready);
+        EXPECT_EQ(StatusOf([&] { creation.get(); }), -999);
+        if (!next.empty()) {
+            manager.Remove(next);
+        }
+    }
+}
+
+// A request that still holds a removed routine cannot make its code run: a parameter write reaches no
+// change callback of the routine.
+TEST_F(LifecycleTest, RequestHoldingARemovedRoutineRunsNoneOfItsCode) {
+    std::atomic<int> changed{0};
+    waits.run = [&](ScriptedRoutine& self, IRoutineHost& host) {
+        host.GetParams(self.parameters, [&](Ny::Properties::Structure&) { ++changed; });
+        host.WaitForContinue([](IRoutineHost&) {});
+    };
+    RoutineManager manager(registry, &core, 1);
+    auto creation = std::async(std::launch::async, [&] { return manager.Create("Calib", nullptr); });
+    ASSERT_TRUE(Eventually([&] { return manager.ListIds().size() == 1; }));
+    const auto request = manager.AcquireInstance(manager.ListIds().front());
+    ASSERT_TRUE(Eventually([&] { return request->State() == RoutineState::WaitingForFeedback; }));
+    manager.Remove(request->Id());
+    {
+        NyRoutine::Internal::ParamsAccess access(*request, true);
+        EXPECT_EQ(access.Get(), nullptr) << "the parameters of a removed routine are open for writing";
+    }
+    EXPECT_EQ(changed.load(), 0);
+    EXPECT_EQ(StatusOf([&] { creation.get(); }), -999);
+}
+
 TEST_F(LifecycleTest, ClearWhoseAbortFailsTellsTheHeldCreationTheTruth) {
     Gate ran;
     std::future<std::string> waiting;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "NyApi/Exception.h"
@@ -18,8 +19,11 @@ constexpr std::uint64_t CompletionPollUs = 100000;
 
 RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Core* core, std::string idIn,
                                  const RoutineInfo* typeInfoIn)
-    : maxProgress(100), routine(std::move(routineIn)), typeInfo(typeInfoIn), id(std::move(idIn)) {
-    runner = std::make_unique<Ny::AsyncRunner>();
+    : maxProgress(100),
+      routine(std::move(routineIn)),
+      typeInfo(typeInfoIn),
+      runner(std::make_unique<Ny::AsyncRunner>()),
+      id(std::move(idIn)) {
     host = std::make_unique<RoutineInstanceHost>(this, core);
     NY_CHECK_RT(NyRt::LockCreate(lock.Out()));
     NY_CHECK_RT(NyRt::ThreadCreate(waitThread.Out()));
@@ -64,7 +68,7 @@ void RoutineInstance::Start() {
             // Only from Ready: an abort that ends the routine from now on sets its final state.
             RoutineState expected = RoutineState::Ready;
             state.compare_exchange_strong(expected, RoutineState::Running);
-            runner->Run([this] { RunCallbackWrapper(*host); });
+            Queue([this] { RunCallbackWrapper(*host); });
         }
         if (waitForStartParams) {
             // Posted by the first Continue, by Abort, or when the manager removes or clears the routine;
@@ -127,8 +131,7 @@ void RoutineInstance::Continue() {
         }
     }
     if (callback) {
-        runner->Run(
-            [this, callback = std::move(callback)]() mutable { ContinueCallbackWrapper(*host, callback); });
+        Queue([this, callback = std::move(callback)]() mutable { ContinueCallbackWrapper(*host, callback); });
     } else if (runFinished) {
         if (HasCompletionFx()) {
             StartWaitThread();
@@ -250,7 +253,7 @@ NyRt::Status RoutineInstance::WaitingForCompletionThreadFx(void* instancePointer
             }
         }
     }
-    self.runner->Run([&self] {
+    self.Queue([&self] {
         NY_LOG(Progress, "Routine [%s] completed successfully -- ending routine.", self.id.c_str());
         self.EndRoutine();
     });
@@ -339,7 +342,10 @@ bool RoutineInstance::HasCompletionFx() const {
 RoutineInstance::~RoutineInstance() {
     // In named steps, each guarded on its own: a failure of the end skips the deleted event only.
     const bool ended = EndAndWaitForEnd();
-    StopJobs();
+    {
+        Ny::MutexLock guard(stopMutex);
+        StopJobsLocked();
+    }
     if (ended) {
         RaiseDeletedGuarded();
     }
@@ -361,14 +367,8 @@ bool RoutineInstance::EndAndWaitForEnd() noexcept {
     try {
         NY_LOG(Progress, "Routine [%s] deleted.", id.c_str());
         EndForRemoval();
-        NyRt::Semaphore* completion = nullptr;
-        {
-            Ny::MutexLock guard(startMutex);
-            completion = completionSemaphore.Get();
-        }
-        if (completion != nullptr) {
-            NY_CHECK_RT(NyRt::SemaphoreWait(completion));
-        }
+        Ny::MutexLock guard(stopMutex);
+        WaitForEndLocked();
         return true;
     } catch (const std::exception& e) {
         NY_LOG(CaughtFailure, "Exception thrown in destructor");
@@ -380,10 +380,55 @@ bool RoutineInstance::EndAndWaitForEnd() noexcept {
     return false;
 }
 
-void RoutineInstance::StopJobs() noexcept {
+bool RoutineInstance::StopCode() noexcept {
+    if (IsOwnThread()) {
+        return false;
+    }
+    Ny::MutexLock guard(stopMutex);
+    try {
+        WaitForEndLocked();
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "Waiting for the end of routine %s failed.", id.c_str());
+        Ny::Exception::LogException(e, 0);
+    }
+    StopJobsLocked();
+    try {
+        // A writer that holds the lock now finishes first: its change callback is routine code.
+        Ny::Locker locker(lock.Get());
+        paramsEditable = false;
+    } catch (const std::exception& e) {
+        NY_LOG(CaughtFailure, "Closing the parameters of routine %s failed.", id.c_str());
+        Ny::Exception::LogException(e, 0);
+    }
+    return true;
+}
+
+void RoutineInstance::WaitForEndLocked() {
+    // Only an end that has begun is waited for: one that never began would never post.
+    if (endWaited || ended.load() == 0) {
+        return;
+    }
+    NyRt::Semaphore* completion = nullptr;
+    {
+        Ny::MutexLock guard(startMutex);
+        completion = completionSemaphore.Get();
+    }
+    if (completion != nullptr) {
+        NY_CHECK_RT(NyRt::SemaphoreWait(completion));
+    }
+    endWaited = true;
+}
+
+void RoutineInstance::StopJobsLocked() noexcept {
+    if (jobsStopped) {
+        return;
+    }
+    jobsStopped = true;
     // The completion-wait thread queues on the runner, so it goes first; once the holder is empty no job
     // can start it again. Then the runner stops (waiting for the job in progress, dropping queued ones),
-    // before any lock, semaphore or event it may use goes.
+    // before any lock, semaphore or event it may use goes. It is taken out of its holder first, so that
+    // a job queued from now on is dropped, and destroyed outside the holder's mutex, which the job in
+    // progress may take to queue another.
     Ny::Object<NyRt::Thread> thread;
     {
         Ny::MutexLock guard(waitThreadMutex);
@@ -395,10 +440,27 @@ void RoutineInstance::StopJobs() noexcept {
             thread.Reset();
         }
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        NY_LOG(CaughtFailure, "Joining the completion-wait thread of routine %s failed.", id.c_str());
         Ny::Exception::LogException(e, 0);
     }
-    runner.reset();
+    std::unique_ptr<Ny::AsyncRunner> stopped;
+    {
+        Ny::MutexLock guard(runnerMutex);
+        stopped = std::move(runner);
+    }
+    stopped.reset();
+}
+
+void RoutineInstance::Queue(std::function<void()> job) {
+    Ny::MutexLock guard(runnerMutex);
+    if (runner) {
+        runner->Run(std::move(job));
+    }
+}
+
+bool RoutineInstance::IsOwnThread() const {
+    Ny::MutexLock guard(runnerMutex);
+    return runner && runner->IsRunnerThread();
 }
 
 void RoutineInstance::RaiseDeletedGuarded() noexcept {
@@ -437,18 +499,40 @@ bool RoutineInstance::GetParams(Ny::Properties::Structure& paramsIn,
 }
 
 void RoutineInstance::SetResults(const Ny::Properties::Structure* resultsIn) {
-    Ny::Locker locker(lock.Get());
-    // Handing over the structure the instance already holds would free it while still in use.
+    // The instance owns `resultsIn` from the call on, also when it throws: routine code hands results
+    // over from a unique_ptr it released, so no way out may leave them to the caller. Each way out
+    // either keeps them (to be given back later) or gives them back now.
+    std::optional<Ny::Locker> locker;
+    try {
+        locker.emplace(lock.Get());
+    } catch (...) {
+        if (resultsIn != nullptr) {
+            routine->FreeResults(resultsIn);
+        }
+        throw;
+    }
+    // Handing over the structure the instance already holds: it stays held (freeing it would free it
+    // while still in use) and is given back once, later.
     if (resultsIn != nullptr && resultsIn == results) {
         throw NY_EXCEPTION(Ny::Status::InvalidValue, "Routine [%s] results were handed over twice.",
                            id.c_str());
     }
-    if (results != nullptr) {
-        routine->FreeResults(results);
+    // The field lets go of the previous results before they are given back, so a FreeResults that
+    // throws cannot have them given back a second time by the destructor.
+    const Ny::Properties::Structure* previous = std::exchange(results, resultsIn);
+    std::exception_ptr freeFailure;
+    if (previous != nullptr) {
+        try {
+            routine->FreeResults(previous);
+        } catch (...) {
+            freeFailure = std::current_exception();  // passed on after the update: the results did change
+        }
     }
-    results = resultsIn;
     // Raised with the lock held on purpose: handlers read the new results consistently (re-entrant lock).
     OnUpdated();
+    if (freeFailure) {
+        std::rethrow_exception(freeFailure);
+    }
 }
 
 bool RoutineInstance::WaitForContinue(std::function<void(IRoutineHost&)> fx) {

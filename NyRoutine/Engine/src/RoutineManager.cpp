@@ -133,6 +133,19 @@ void RoutineManager::CountLeavingLocked(RoutineEntry& entry) {
     }
 }
 
+void RoutineManager::GiveBackPlace(RoutineEntry& entry) {
+    if (!entry.instance.StopCode()) {
+        return;
+    }
+    // Given back here rather than when the entry is destroyed: whoever still holds the entry (the
+    // creating call this removal released, a request) may let go only after the caller has moved on.
+    Ny::MutexLock guard(mutex);
+    if (entry.countedAsLeaving) {
+        entry.countedAsLeaving = false;
+        --reaper->leaving;
+    }
+}
+
 void RoutineManager::Close() {
     EntryMap waiting;
     {
@@ -332,6 +345,7 @@ void RoutineManager::Remove(const std::string& id) {
     // Ended before the deleted event, also when a request still holds the instance: nothing of the
     // routine may run on after its deletion was announced.
     EndRemoved(id, *entry);
+    GiveBackPlace(*entry);
     entry.reset();
     // Not under the announcement lock: the routine left the map under it, after its created event had
     // been raised, so the per-id order holds already. Holding it here would make a deleted handler that
@@ -413,6 +427,10 @@ void RoutineManager::ClearAllRoutines() {
     }
     for (auto& entry : dropped) {
         entry.second->instance.ReleaseStartWaiter();
+    }
+    // Admissions still wait for this clear, and its routines count until their code is over.
+    for (auto& entry : dropped) {
+        GiveBackPlace(*entry.second);
     }
     dropped.clear();
     {

@@ -14,6 +14,11 @@ RoutineInfo::RoutineInfo(const std::string& typeNameIn, IRoutineFactory& factory
       creationParams(std::make_shared<Ny::Params::Group>()),
       skipStartParams(skipStartParamsIn) {}
 
+RoutineInfo::RoutineInfo(const std::string& typeNameIn, bool skipStartParamsIn)
+    : typeName(typeNameIn),
+      creationParams(std::make_shared<Ny::Params::Group>()),
+      skipStartParams(skipStartParamsIn) {}
+
 RoutineInfo::RoutineInfo(const RoutineInfo& other) = default;
 
 RoutineInfo& RoutineInfo::operator=(const RoutineInfo& other) = default;
@@ -52,6 +57,16 @@ RoutineInfo& RoutineInfo::SetDescription(const char* text) {
 
 RoutineInfo& RoutineInfo::SetFactory(IRoutineFactory& factoryIn) {
     factory = &factoryIn;
+    factoryOwner.reset();  // whatever it owned is no longer the factory
+    return *this;
+}
+
+RoutineInfo& RoutineInfo::SetFactory(std::shared_ptr<IRoutineFactory> factoryIn) {
+    if (!factoryIn) {
+        throw NY_EXCEPTION(Ny::Status::NoFactory, "Routine type %s was given no factory.", typeName.c_str());
+    }
+    factory = factoryIn.get();
+    factoryOwner = std::move(factoryIn);
     return *this;
 }
 

@@ -37,6 +37,11 @@ RoutinePlugin& RoutinePlugin::AddRoutineInfo(const RoutineInfo& info) {
     return *this;
 }
 
+RoutinePlugin& RoutinePlugin::AddRoutineInfo(RoutineInfo info, std::shared_ptr<IRoutineFactory> factory) {
+    routineInfos.push_back(std::move(info.SetFactory(std::move(factory))));
+    return *this;
+}
+
 RoutinePlugin& RoutinePlugin::AddOwnedObject(std::shared_ptr<void> object) {
     ownedObjects.push_back(std::move(object));
     return *this;

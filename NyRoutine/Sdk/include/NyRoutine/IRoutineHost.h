@@ -26,6 +26,12 @@ class Core;
 
 namespace NyRoutine {
 
+// How SetHelpHtml combines the new help text with the current one. The values are those of the
+// `int` mode: any negative number prepends, 0 replaces, any positive number appends.
+enum class HelpMode : int { Prepend = -1, Replace = 0, Append = 1 };
+
+// Implementations override the `int` slot of SetHelpHtml and add `using IRoutineHost::SetHelpHtml;`
+// so that the HelpMode overload stays visible through their own type.
 class IRoutineHost {
   public:
     virtual ~IRoutineHost() = default;
@@ -35,16 +41,22 @@ class IRoutineHost {
     // write. Returns false when the routine has been aborted.
     virtual bool GetParams(Ny::Properties::Structure& params,
                            std::function<void(Ny::Properties::Structure&)> onChanged) = 0;
-    // Hands `results` over to the engine (allocate it; it is given back through IRoutine::FreeResults
-    // when replaced or when the routine is deleted). Null drops the current results. Raises an update.
+    // Hands `results` over to the engine (make it with `new`; it is given back through
+    // IRoutine::FreeResults when replaced or when the routine is deleted). Null drops the current
+    // results. Raises an update. The engine owns `results` from this call on, also when the call
+    // throws (an update handler failed; the very structure it holds already was handed over again,
+    // which is refused with Ny::Exception -997): it is given back exactly once all the same, so the
+    // caller never frees it. RoutineBase::HandOverResults does this from a std::unique_ptr.
     virtual void SetResults(const Ny::Properties::Structure* results) = 0;
     virtual void SetTotalSteps(unsigned int total) = 0;
     // Step 0 to the total. A new step resets the progress to 0. Throws Ny::Exception -997 beyond the total.
     virtual void SetCurrentStep(unsigned int step, const std::string& info) = 0;
     // Percentage of the current step, 0 to 100. Throws Ny::Exception -997 beyond 100.
     virtual void SetCurrentProgress(unsigned int progress) = 0;
-    // mode < 0 inserts before the current help, 0 replaces it, > 0 appends.
+    // mode < 0 inserts before the current help, 0 replaces it, > 0 appends (see HelpMode).
     virtual void SetHelpHtml(const std::string& html, int mode) = 0;
+    // The same with a named mode: host.SetHelpHtml("<p>...</p>", HelpMode::Append).
+    void SetHelpHtml(const std::string& html, HelpMode mode) { SetHelpHtml(html, static_cast<int>(mode)); }
     virtual void SetHelpUrl(const std::string& url) = 0;
     // Registers the callback for the user's next continue and returns at once; the routine then waits
     // for feedback. Returns false (and drops the callback) when the routine has been aborted.

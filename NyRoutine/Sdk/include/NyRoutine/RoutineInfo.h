@@ -5,11 +5,15 @@
 // creation parameters and the skip-start-params flag: when false, creating a routine of the type
 // waits until the routine's first continue (the user confirms its start parameters).
 //
-// A copyable value: copies share the creation parameter group and point to the same factory. Not
-// thread-safe; the engine keeps its own copies.
+// A copyable value: copies share the creation parameter group and point to the same factory. A record
+// given its factory as a std::shared_ptr (SetFactory, or RoutinePlugin::AddRoutineInfo and
+// AddRoutineType, which do that) shares the factory's ownership too: the factory lives as long as any
+// copy of the record. A record given a factory by reference only points to it; whoever made the factory
+// keeps it alive. Not thread-safe; the engine keeps its own copies.
 //
-//     RoutineInfo info("Calibration", factory, false);
-//     info.SetDisplayName("Sensor calibration").SetDescription("Measures offset and gain.");
+//     plugin->AddRoutineType<Calibration>(NyRoutine::RoutineInfo("Calibration", false)
+//                                             .SetDisplayName("Sensor calibration")
+//                                             .SetDescription("Measures offset and gain."));
 #pragma once
 
 #include <functional>
@@ -32,6 +36,9 @@ class RoutineInfo {
     RoutineInfo();
     // Display name and description empty; a new, empty creation parameter group.
     RoutineInfo(const std::string& typeName, IRoutineFactory& factory, bool skipStartParams);
+    // The same without a factory yet, for RoutinePlugin::AddRoutineType and AddRoutineInfo, which add
+    // one; until then Factory() throws -992.
+    RoutineInfo(const std::string& typeName, bool skipStartParams);
     RoutineInfo(const RoutineInfo& other);
     RoutineInfo& operator=(const RoutineInfo& other);
     ~RoutineInfo();
@@ -51,7 +58,11 @@ class RoutineInfo {
     RoutineInfo& SetTypeName(const char* name);
     RoutineInfo& SetDisplayName(const char* name);
     RoutineInfo& SetDescription(const char* text);
+    // Points to `factoryIn`, which the caller keeps alive as long as the record is registered.
     RoutineInfo& SetFactory(IRoutineFactory& factoryIn);
+    // Points to `factoryIn` and shares its ownership (every copy of the record keeps it alive).
+    // Throws Ny::Exception -992 when it is null.
+    RoutineInfo& SetFactory(std::shared_ptr<IRoutineFactory> factoryIn);
     RoutineInfo& SetSkipStartParams(bool skip);
     // Stores `fx`, calls it once and makes its group the shared creation parameter group (null leaves
     // none). An empty `fx` throws std::bad_function_call after being stored.
@@ -62,6 +73,7 @@ class RoutineInfo {
     std::string displayName;
     std::string description;
     IRoutineFactory* factory = nullptr;
+    std::shared_ptr<IRoutineFactory> factoryOwner;  // null, or the owner of *factory
     std::shared_ptr<Ny::Params::Group> creationParams;
     CreationParamsFx creationParamsFactory;
     bool skipStartParams = false;

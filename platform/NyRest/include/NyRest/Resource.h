@@ -37,13 +37,13 @@ class RequestInfo {
   public:
     RequestInfo() = default;
     // `prefer`: the request's Prefer header values joined by ", " (empty without the header).
-    RequestInfo(std::string method, std::string path, std::map<std::string, std::string> params,
-                std::map<std::string, std::string> query, std::string prefer = {})
-        : method(std::move(method)),
-          path(std::move(path)),
-          params(std::move(params)),
-          query(std::move(query)),
-          prefer(std::move(prefer)) {}
+    RequestInfo(std::string methodIn, std::string pathIn, std::map<std::string, std::string> paramsIn,
+                std::map<std::string, std::string> queryIn, std::string preferIn = {})
+        : method(std::move(methodIn)),
+          path(std::move(pathIn)),
+          params(std::move(paramsIn)),
+          query(std::move(queryIn)),
+          prefer(std::move(preferIn)) {}
 
     // The value of the ":name" path segment, or null when the matched path has none.
     const std::string* Param(const std::string& name) const {

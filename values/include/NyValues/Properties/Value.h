@@ -62,8 +62,8 @@ class NodeType : public ValueBase {
         CopySchema(other);
     }
     // Accepts true silently; a schema leaf can never be made readable (status -982).
-    void SetWriteOnly(bool writeOnly) override {
-        if (!writeOnly) {
+    void SetWriteOnly(bool writeOnlyIn) override {
+        if (!writeOnlyIn) {
             throw Ny::Exception(__LINE__, __FILE__, Ny::Status::SchemaLeafNotWriteOnly,
                                 "Ny::Properties::Internal::NodeType::SetWriteOnly");
         }

@@ -19,8 +19,12 @@
 //      UnlockParams, LockResults and UnlockResults). The updated event is raised with it held when
 //      results are set and when written parameters are unlocked (clients read the new values there).
 //   2. `fieldsMutex` guards the four text fields; `callbackMutex` the continue and completion callbacks;
-//      `startMutex` the two semaphores; `waitThreadMutex` the completion-wait thread's holder. None of
-//      these is held while calling routine code or raising an event, and none is taken under another.
+//      `startMutex` the two semaphores; `waitThreadMutex` the completion-wait thread's holder;
+//      `runnerMutex` the runner's holder. None of these is held while calling routine code or raising
+//      an event, and none is taken under another.
+// `stopMutex` serializes the stop of the routine's code (StopCode, the destructor): it is held while
+// that stop waits for the end, the threads and the instance lock, and nothing that routine code or an
+// event handler calls takes it.
 #pragma once
 
 #include <atomic>
@@ -51,7 +55,8 @@ class RoutineInstance;
 // The IRoutineHost handed to routine code: forwards every call to its instance.
 class RoutineInstanceHost : public IRoutineHost {
   public:
-    RoutineInstanceHost(RoutineInstance* instance, NyCore::Core* core) : instance(instance), core(core) {}
+    RoutineInstanceHost(RoutineInstance* instanceIn, NyCore::Core* coreIn)
+        : instance(instanceIn), core(coreIn) {}
 
     bool GetParams(Ny::Properties::Structure& params,
                    std::function<void(Ny::Properties::Structure&)> onChanged) override;
@@ -59,6 +64,7 @@ class RoutineInstanceHost : public IRoutineHost {
     void SetTotalSteps(unsigned int total) override;
     void SetCurrentStep(unsigned int step, const std::string& info) override;
     void SetCurrentProgress(unsigned int progress) override;
+    using IRoutineHost::SetHelpHtml;  // keeps the HelpMode overload visible beside the override
     void SetHelpHtml(const std::string& html, int mode) override;
     void SetHelpUrl(const std::string& url) override;
     bool WaitForContinue(std::function<void(IRoutineHost&)> onContinue) override;
@@ -117,7 +123,7 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
 
     // True on the routine's runner thread: its owner must not destroy it there (the destruction joins
     // that thread). The completion-wait thread never releases an instance: it only queues on the runner.
-    bool IsOwnThread() const { return runner && runner->IsRunnerThread(); }
+    bool IsOwnThread() const;
 
     const RoutineInfo* TypeInfo() const { return typeInfo; }
     const std::string& Id() const { return id; }
@@ -158,6 +164,15 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     // instance cannot keep the routine running past its deleted notification. Thread-safe, idempotent;
     // passes on an exception of the completion callback (the routine has ended nonetheless).
     void EndForRemoval();
+    // After the routine was ended (EndForRemoval or Abort): waits until none of its code runs or can run
+    // any more. Waits for its end to be over (a completion callback running on another thread included),
+    // for the completion-wait thread and for the runner's job in progress; drops the jobs still queued,
+    // runs no later job, and closes the parameters to writers (waiting for a writer in progress, whose
+    // change callback is routine code). A holder of the instance may still call it; nothing of the
+    // routine runs for it. Returns false at once, doing nothing, on the routine's own runner thread: the
+    // job that calls it is routine code that cannot be waited for from inside. Thread-safe, idempotent;
+    // never throws (a failure is logged).
+    bool StopCode() noexcept;
 
   private:
     friend class RoutineInstanceHost;
@@ -185,7 +200,12 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     void OnDeleted();
     // The destructor's steps. Each catches and logs its own failures.
     bool EndAndWaitForEnd() noexcept;  // false when ending failed (then no deleted event)
-    void StopJobs() noexcept;
+    // Waits for an end that has begun to be over; once only. Throws what the runtime throws.
+    void WaitForEndLocked() NY_REQUIRES(stopMutex);
+    // Joins the completion-wait thread and stops the runner; later jobs are dropped. Once only.
+    void StopJobsLocked() noexcept NY_REQUIRES(stopMutex);
+    // Queues a job on the runner, or drops it once the runner has stopped.
+    void Queue(std::function<void()> job);
     void RaiseDeletedGuarded() noexcept;
     void FreeResultsGuarded() noexcept;
 
@@ -193,8 +213,8 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     std::unique_ptr<RoutineInstanceHost> host;
     std::shared_ptr<IRoutine> routine;
     const RoutineInfo* typeInfo;
-    std::unique_ptr<Ny::AsyncRunner> runner;
-    std::function<void(Ny::Properties::Structure&)> paramsFx;  // guarded by lock
+    std::unique_ptr<Ny::AsyncRunner> runner NY_GUARDED_BY(runnerMutex);  // empty once stopped
+    std::function<void(Ny::Properties::Structure&)> paramsFx;            // guarded by lock
     std::function<void(IRoutineHost&)> continueFx NY_GUARDED_BY(callbackMutex);
     std::function<void(IRoutineHost&, bool)> completionFx NY_GUARDED_BY(callbackMutex);
     Ny::Object<NyRt::Thread> waitThread NY_GUARDED_BY(waitThreadMutex);
@@ -233,6 +253,10 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     mutable Ny::Mutex callbackMutex;  // the continue and completion callbacks
     mutable Ny::Mutex startMutex;     // the two semaphores, startReleased, startBegun and an early continue
     Ny::Mutex waitThreadMutex;        // the completion-wait thread's holder
+    mutable Ny::Mutex runnerMutex;    // the runner's holder; held while queuing (the runner's is a leaf)
+    Ny::Mutex stopMutex;              // the stop of the routine's code (see the header comment)
+    bool endWaited NY_GUARDED_BY(stopMutex) = false;       // the end was waited for
+    bool jobsStopped NY_GUARDED_BY(stopMutex) = false;     // the threads are joined: no routine code runs
     bool startReleased NY_GUARDED_BY(startMutex) = false;  // no caller may wait in Start any more
     bool startBegun NY_GUARDED_BY(startMutex) = false;     // Start was called (once only)
     bool endedBeforeStart NY_GUARDED_BY(startMutex) = false;

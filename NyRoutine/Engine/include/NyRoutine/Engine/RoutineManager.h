@@ -11,8 +11,11 @@
 //   - each routine counts once toward the limit: as a reservation while its factory runs, then as an
 //     entry; a clear keeps admissions out until it has ended, and a creation whose factory was still
 //     running when a clear began is cleared too (it fails with -999 and is never announced);
-//   - a routine that leaves the map (removal or clear) still counts toward the limit until its entry is
-//     destroyed, that is until its code, its completion callback and its jobs are over;
+//   - a routine that leaves the map (removal or clear) still counts toward the limit until its code is
+//     over (its end, its completion callback, its jobs). The removal or the clear waits for that and
+//     gives the place back before it returns, whoever still holds the entry (the creating call it
+//     released, a request). Called on the routine's own runner thread (a handler there), it cannot wait
+//     for the code it is part of: that routine keeps its place until its entry is destroyed;
 //   - no entry is destroyed on its own routine's runner thread (a notification handler there may remove
 //     the routine): that last release hands the entry to the manager's reaper thread instead;
 //   - per id, the created event comes before the deleted event, and nothing of the manager follows it;
@@ -63,7 +66,9 @@ class RoutineManager : public NyCommon::IRoutineController {
     // factory made nothing), what the start throws, and -999 when the routine was removed or cleared
     // before its first continue. Waits for the first continue unless the type skips start parameters.
     std::string Create(const std::string& typeName, std::shared_ptr<Ny::Params::Group> params) override;
-    // Throws -999 for an unknown id. The instance is destroyed here unless a request still holds it.
+    // Throws -999 for an unknown id. Returns once the routine's code is over and its place is free (see
+    // above for a call on its own runner thread). The instance is destroyed here unless a request or its
+    // creating call still holds it.
     void Remove(const std::string& id) override;
     std::vector<std::string> ListIds() const override;
     // Throws -999 "Routine %s not found!". The reference is only safe while nobody removes the routine;
@@ -120,6 +125,9 @@ class RoutineManager : public NyCommon::IRoutineController {
     void ReaperLoop();
     // Marks an entry as out of the map but still counted toward the limit.
     void CountLeavingLocked(RoutineEntry& entry) NY_REQUIRES(mutex);
+    // For an entry out of the map and ended: waits until its code is over, then gives its place back.
+    // On the routine's own runner thread the place stays taken until the entry is destroyed.
+    void GiveBackPlace(RoutineEntry& entry) NY_EXCLUDES(mutex);
 
     // Counts a call as inside the manager for its scope; the destructor waits for none to be left.
     class CallScope;
