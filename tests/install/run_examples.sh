@@ -45,6 +45,12 @@ compgen -G "$prefix/lib*/routine-host/plugins/example_routines.so" >/dev/null ||
 step "the embedding host"
 configure "$source/examples/embed-host" "$work/embed-host"
 cmake --build "$work/embed-host" -j 2
+# The README's minimal host: the installed folder's SelfTest runs while the module goes.
+timeout 60 "$work/embed-host/minimal-host" > "$work/minimal.out" 2> "$work/minimal.err" ||
+    { cat "$work/minimal.out" "$work/minimal.err"; fail "minimal-host"; }
+grep -q '^POST /routines -> 201 {"id":"SelfTest-0"' "$work/minimal.out" || fail "minimal-host did not create"
+grep -q '^notification: created /routines/SelfTest-0' "$work/minimal.out" || fail "minimal-host saw no notification"
+grep -q '^log \[' "$work/minimal.err" || fail "no log line reached minimal-host's sink"
 embed=$work/embed-host/embed-host
 # Without arguments: the installed plug-in folder (now the sample plug-in and the template's) and a
 # Calibration of the sample plug-in.
