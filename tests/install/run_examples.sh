@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build to a fresh prefix and uses it as a newcomer would, with the README's commands:
-# builds the plug-in template against the package and runs its tests, installs its plug-in into the
+# Installs the build to a fresh prefix and uses it as a newcomer would, with the README's commands and
+# the examples the package installs: builds the plug-in template against the package and runs its tests, installs its plug-in into the
 # installed host's folder, builds the embedding host and drives a routine of each plug-in with it, and
 # starts the installed routine-host with no path options to check that it serves the plug-ins and the
 # console it was installed with, and reloads a rebuilt plug-in on SIGHUP.
@@ -24,8 +24,9 @@ mkdir -p "$work"
 
 step "install to a fresh prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
+examples=$prefix/share/doc/NyRoutine/examples
 for path in bin/routine-host include/NyRoutine/Routine.h include/NyRoutine/Testing/RoutineDriver.h \
-            share/routine-host/web/index.html; do
+            share/routine-host/web/index.html share/doc/NyRoutine/README.md; do
     [ -e "$prefix/$path" ] || fail "$path is not installed"
 done
 for pattern in 'lib*/libNyRoutine.so*' 'lib*/libNyRoutineTesting.so*' 'lib*/cmake/NyRoutine/NyRoutineConfig.cmake' \
@@ -35,7 +36,7 @@ done
 [ ! -e "$prefix/share/routine-host/web/node_modules" ] || fail "the console's test tooling is installed"
 
 step "the plug-in template: build, test, install its plug-in"
-configure "$source/examples/plugin-template" "$work/template"
+configure "$examples/plugin-template" "$work/template"
 cmake --build "$work/template" -j 2
 ctest --test-dir "$work/template" --output-on-failure --timeout 60 || fail "the template's tests"
 cmake --install "$work/template" >/dev/null
@@ -43,7 +44,7 @@ compgen -G "$prefix/lib*/routine-host/plugins/example_routines.so" >/dev/null ||
     fail "the template's plug-in was not installed into the host's plug-in folder"
 
 step "the embedding host"
-configure "$source/examples/embed-host" "$work/embed-host"
+configure "$examples/embed-host" "$work/embed-host"
 cmake --build "$work/embed-host" -j 2
 # The README's minimal host: the installed folder's SelfTest runs while the module goes.
 timeout 60 "$work/embed-host/minimal-host" > "$work/minimal.out" 2> "$work/minimal.err" ||
@@ -99,7 +100,7 @@ curl -s --max-time 10 "http://127.0.0.1:$port/" | grep -qi '<!doctype html>' || 
     fail "the console's script"
 
 step "reload: the template rebuilt, installed again and picked up on SIGHUP"
-cp -r "$source/examples/plugin-template" "$work/template-v2-src"
+cp -r "$examples/plugin-template" "$work/template-v2-src"
 sed -i 's/"Axis alignment"/"Axis alignment, second build"/' "$work/template-v2-src/ExampleRoutines.cpp"
 grep -q 'second build' "$work/template-v2-src/ExampleRoutines.cpp" || fail "the template's display name moved"
 configure "$work/template-v2-src" "$work/template-v2" -DEXAMPLE_BUILD_TESTS=OFF
