@@ -88,7 +88,7 @@ grep -q -- "(default: $(cd "$source" && pwd -P)/web)" <<<"$build_help" ||
 
 "$prefix/bin/routine-host" --listen 127.0.0.1:0 > "$work/host.out" 2> "$work/host.err" &
 host_pid=$!
-for _ in $(seq 200); do grep -q listening "$work/host.out" && break; sleep 0.1; done
+for _ in $(seq 200); do grep -qs listening "$work/host.out" && break; sleep 0.1; done
 port=$(sed -n 's/^listening on http:\/\/127.0.0.1:\([0-9]*\)$/\1/p' "$work/host.out")
 [ -n "$port" ] || { cat "$work/host.err"; fail "the installed host did not start"; }
 types=$(curl -s --max-time 10 "http://127.0.0.1:$port/routineTypes")
