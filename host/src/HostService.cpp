@@ -60,9 +60,8 @@ HostService::~HostService() {
 
 void HostService::Start() {
     Ny::MutexLock lock(lifecycleMutex);
-    for (const auto& refused : plugins.LoadDirectory(pluginDir)) {
-        NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refused.c_str());
-    }
+    // Nothing is loaded yet, so a rescan loads the folder; it also says what it did.
+    LogPluginScan("Plug-ins loaded from", plugins.Rescan(pluginDir));
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
     operatorResources =
         std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes,
@@ -111,8 +110,27 @@ void HostService::Rescan() {
     if (shutDown || !module) {
         return;
     }
-    for (const auto& refused : plugins.Rescan(pluginDir)) {
-        NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refused.c_str());
+    LogPluginScan("Plug-in rescan of", plugins.Rescan(pluginDir));
+}
+
+void HostService::LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const {
+    for (const auto& refusal : summary.refused) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in refused: %s", refusal.cause.c_str());
+    }
+    // Notice, not progress: an operator who sends SIGHUP reads what it did at the default log level.
+    NY_LOG(Ny::Logging::Level::Notice, "%1$s %2$s: %3$s.", what, pluginDir.string().c_str(),
+           summary.Text().c_str());
+    // A host without plug-ins serves no routine type; most likely --plugins names the wrong folder.
+    if (summary.libraries > 0) {
+        return;
+    }
+    if (summary.files == 0 && summary.refused.empty()) {
+        NY_LOG(Ny::Logging::Level::Notice, "Warning: plug-in folder %s holds no plug-in (no \"*.so\" file).",
+               pluginDir.string().c_str());
+    } else if (summary.files > 0) {
+        NY_LOG(Ny::Logging::Level::Notice,
+               "Warning: no plug-in of folder %1$s is loaded (%2$zu \"*.so\" file%3$s, every one refused).",
+               pluginDir.string().c_str(), summary.files, summary.files == 1 ? "" : "s");
     }
 }
 

@@ -47,7 +47,9 @@ class HostService {
     void Start() NY_EXCLUDES(lifecycleMutex);
     std::uint16_t Port() const;
     std::string Address() const;
-    // Loads new plug-in files of the folder and unloads removed ones.
+    // Loads new plug-in files of the folder, reloads changed ones and unloads removed ones (see
+    // NyPlugin::PluginManager::Rescan). Logs what it did as one line, each refusal with its cause, and a
+    // warning when no plug-in of the folder is loaded, as Start does.
     void Rescan() NY_EXCLUDES(lifecycleMutex);
     void Shutdown() NY_EXCLUDES(lifecycleMutex);
 
@@ -65,6 +67,8 @@ class HostService {
     // True for requests that may block for a person or for routine code; see the class comment.
     static bool MayWait(const HttpRequest& request);
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
+    // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
+    void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;
 
     HostOptions options;
     std::filesystem::path pluginDir;

@@ -1,5 +1,10 @@
 #include "OperatorResources.h"
 
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
 #include "NyApi/Exception.h"
 #include "NyRoutine/RoutinePlugin.h"
 
@@ -38,6 +43,26 @@ nlohmann::json FactoryRestoreCommand::Call(const NyRest::RequestInfo&, const nlo
     return nullptr;
 }
 
+std::string PluginsResource::Iso8601(std::chrono::system_clock::time_point time) {
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    // Whole seconds rounded down, also before 1970, so that the milliseconds are never negative.
+    const auto sinceEpoch = duration_cast<milliseconds>(time.time_since_epoch());
+    auto whole = duration_cast<seconds>(sinceEpoch);
+    if (whole > sinceEpoch) {
+        whole -= seconds(1);
+    }
+    const std::time_t secondsSinceEpoch = static_cast<std::time_t>(whole.count());
+    std::tm utc{};
+    gmtime_r(&secondsSinceEpoch, &utc);
+    char text[96];  // room for any int in every field, so that nothing is ever cut
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                  static_cast<int>((sinceEpoch - whole).count()));
+    return text;
+}
+
 nlohmann::json PluginsResource::GetDocument(const NyRest::RequestInfo&, NyRest::ResponseInfo&) {
     nlohmann::json list = nlohmann::json::array();
     for (const auto& lib : plugins.Libraries()) {
@@ -48,7 +73,10 @@ nlohmann::json PluginsResource::GetDocument(const NyRest::RequestInfo&, NyRest::
                 types.push_back(routines.RoutineInfoAt(i).TypeName());
             }
         }
-        list.push_back({{"file", lib->FileName()}, {"routineTypes", std::move(types)}});
+        list.push_back({{"file", lib->FileName()},
+                        {"loadedAt", Iso8601(lib->LoadTime())},
+                        {"sha256", lib->ContentHash()},
+                        {"routineTypes", std::move(types)}});
     }
     return {{"plugins", std::move(list)}};
 }

@@ -2,13 +2,16 @@
 //   "/system"                          GET {"runState": n, "routineLimit": n}; PUT/PATCH {"runState": n}
 //   sets the core's run state
 //   "/system/commands/factoryRestore"  POST: the core announces a factory restore
-//   "/plugins"                         GET the loaded plug-in libraries and the routine types of each
+//   "/plugins"                         GET the loaded plug-in libraries: file name, load time, SHA-256 of
+//                                      the content loaded, and the routine types of each
 // Owned by the host service; registered for their lifetime. Request threads only.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -53,6 +56,9 @@ class PluginsResource final : public NyRest::DocumentResourceBase {
   public:
     explicit PluginsResource(NyPlugin::PluginManager& plugins) : plugins(plugins) {}
     nlohmann::json GetDocument(const NyRest::RequestInfo& request, NyRest::ResponseInfo& response) override;
+
+    // "2026-11-23T21:04:53.897Z": ISO 8601 in UTC with milliseconds.
+    static std::string Iso8601(std::chrono::system_clock::time_point time);
 
   private:
     NyPlugin::PluginManager& plugins;

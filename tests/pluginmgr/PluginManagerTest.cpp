@@ -1,13 +1,19 @@
 // The plug-in manager against real shared libraries: folder loads and refusals, load and unload events,
-// objects that outlive their library's unload, rescans, and readers racing changes.
+// objects that outlive their library's unload, private copies, rescans and reloads, and readers racing
+// changes.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <latch>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -56,14 +62,13 @@ std::pair<int, std::string> Failure(Call&& call) {
 class EventLog {
   public:
     explicit EventLog(PluginManager& pluginsIn) : plugins(pluginsIn) {
-        handle = plugins.LoadEvent().Subscribe([this](const PluginLib& lib, PluginEvent event) {
+        subscription = plugins.LoadEvent().SubscribeScoped([this](const PluginLib& lib, PluginEvent event) {
             const std::string line = std::string(event == PluginEvent::Loaded ? "Loaded " : "Unloading ") +
                                      lib.FileName() + " " + std::to_string(plugins.Count());
             std::lock_guard guard(mutex);
             lines.push_back(line);
         });
     }
-    ~EventLog() { plugins.LoadEvent().Unsubscribe(handle); }
     std::vector<std::string> Take() {
         std::lock_guard guard(mutex);
         return std::exchange(lines, {});
@@ -71,9 +76,9 @@ class EventLog {
 
   private:
     PluginManager& plugins;
-    PluginManager::LoadEventType::Handle handle = 0;
     std::mutex mutex;
     std::vector<std::string> lines;  // guarded by mutex
+    Ny::Subscription subscription;   // last: withdrawn before the lines go
 };
 
 // A plug-in folder of the test's own, removed at the end.
@@ -90,9 +95,51 @@ class ScratchFolder {
     ~ScratchFolder() { fs::remove_all(path); }
     // A copy, not a link: a distinct file is a distinct library to the dynamic loader.
     void Add(const std::string& from, const std::string& as) const { fs::copy_file(Libs / from, path / as); }
+    // Writes `from` over the file `as` in place (same inode, truncated and rewritten), as `cp` or a
+    // linker does: the harshest way to change a library under a process that maps it.
+    void Overwrite(const fs::path& from, const std::string& as) const {
+        std::ifstream in(from, std::ios::binary);
+        std::ofstream out(path / as, std::ios::binary | std::ios::trunc);
+        out << in.rdbuf();
+    }
 
     fs::path path;
 };
+
+// The two builds of one plug-in (libs/ReloadPlugin.cpp): their first greeter says "version N, entry call
+// K", K counting the entry point's calls in that mapping of the library.
+const fs::path ReloadV1 = fs::canonical(NYR_RELOAD_PLUGIN_DIR) / "reload_v1.so";
+const fs::path ReloadV2 = fs::canonical(NYR_RELOAD_PLUGIN_DIR) / "reload_v2.so";
+
+std::string FirstGreeting(const PluginLib& lib) {
+    return Greet(*lib.PluginsByType(PluginTest::GreeterType).at(0));
+}
+
+std::shared_ptr<PluginTest::IGreeter> MadeBy(const PluginLib& lib) {
+    const auto factory = lib.PluginsByType(PluginTest::FactoryType).at(0);
+    return static_cast<const PluginTest::IGreeterFactory*>(factory->GetObject())->Make();
+}
+
+// The SHA-256 of a file as coreutils computes it: a reference that does not share the manager's code.
+std::string Sha256Of(const fs::path& file) {
+    std::string output;
+    if (FILE* pipe = ::popen(("sha256sum '" + file.string() + "'").c_str(), "r"); pipe != nullptr) {
+        char buffer[256];
+        while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
+            output += buffer;
+        }
+        ::pclose(pipe);
+    }
+    return output.substr(0, output.find(' '));
+}
+
+// The file the loader mapped the library of `object` from.
+fs::path MappedFrom(const void* object) {
+    // The first word of a polymorphic object points into its class's vtable, which lies in the library.
+    const void* vtable = *static_cast<const void* const*>(object);
+    Dl_info info{};
+    return dladdr(vtable, &info) != 0 && info.dli_fname != nullptr ? fs::path(info.dli_fname) : fs::path();
+}
 
 TEST(PluginManager, LoadsAFolderInNameOrderAndRefusesEachBrokenFileByName) {
     NyTest::LogCapture log;
@@ -117,8 +164,9 @@ TEST(PluginManager, LoadsAFolderInNameOrderAndRefusesEachBrokenFileByName) {
     for (const char* file : {"b_other_version.so", "c_not_a_library.so", "d_no_entry.so"}) {
         EXPECT_TRUE(Mentions(failures, "Plug-in " + (Libs / file).string() + " refused.")) << file;
     }
-    EXPECT_TRUE(
-        log.Contains("Plug-in " + (Libs / "a_greeters.so").string() + " loaded (3 plug-in objects)."));
+    EXPECT_TRUE(log.Contains("Plug-in " + (Libs / "a_greeters.so").string() +
+                             " loaded (3 plug-in objects, SHA-256 " + Sha256Of(Libs / "a_greeters.so") +
+                             ")."));
 
     // Loading the folder again loads nothing twice; the broken files are refused again.
     EXPECT_EQ(plugins.LoadDirectory(Libs).size(), 3u);
@@ -232,21 +280,27 @@ TEST(PluginManager, RescanLoadsNewFilesAndUnloadsRemovedOnesOfThatFolderOnly) {
     folder.Add("e_greeters.so", "n.so");
     EventLog events(plugins);
 
-    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 2 (m.so, n.so), reloaded 0, unloaded 0, refused 0");
     EXPECT_EQ(events.Take(), (std::vector<std::string>{"Loaded m.so 2", "Loaded n.so 3"}));
 
     fs::remove(folder.path / "m.so");
     folder.Add("a_greeters.so", "k.so");
-    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    const auto changed = plugins.Rescan(folder.path);
+    EXPECT_EQ(changed.Text(), "loaded 1 (k.so), reloaded 0, unloaded 1 (m.so), refused 0");
+    EXPECT_EQ(changed.files, 2u);
+    EXPECT_EQ(changed.libraries, 2u);
     EXPECT_EQ(events.Take(), (std::vector<std::string>{"Unloading m.so 3", "Loaded k.so 3"}));
-    EXPECT_TRUE(plugins.Rescan(folder.path).empty());
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 0, unloaded 0, refused 0");
     EXPECT_TRUE(events.Take().empty());
 
     // A folder that cannot be read changes nothing.
     fs::remove_all(folder.path);
-    const auto refused = plugins.Rescan(folder.path);
-    ASSERT_EQ(refused.size(), 1u);
-    EXPECT_NE(refused[0].find(folder.path.string() + " cannot be read"), std::string::npos) << refused[0];
+    const auto unreadable = plugins.Rescan(folder.path);
+    ASSERT_EQ(unreadable.refused.size(), 1u);
+    EXPECT_EQ(unreadable.refused[0].file, folder.path);
+    EXPECT_NE(unreadable.refused[0].cause.find(folder.path.string() + " cannot be read"), std::string::npos)
+        << unreadable.refused[0].cause;
+    EXPECT_EQ(unreadable.libraries, 2u);
     std::vector<std::string> names;
     for (const auto& lib : plugins.Libraries()) {
         names.push_back(lib->FileName());
@@ -257,7 +311,7 @@ TEST(PluginManager, RescanLoadsNewFilesAndUnloadsRemovedOnesOfThatFolderOnly) {
 
 TEST(PluginManager, AFailingHandlerDoesNotUndoTheChange) {
     PluginManager plugins;
-    const auto handle = plugins.LoadEvent().Subscribe([](const PluginLib& lib, PluginEvent) {
+    const auto failing = plugins.LoadEvent().SubscribeScoped([](const PluginLib& lib, PluginEvent) {
         if (lib.FileName() == "e_greeters.so") {
             throw std::runtime_error("handler failed");
         }
@@ -273,7 +327,6 @@ TEST(PluginManager, AFailingHandlerDoesNotUndoTheChange) {
               std::string::npos)
         << message;
     EXPECT_EQ(plugins.Count(), 1u);
-    plugins.LoadEvent().Unsubscribe(handle);
 }
 
 // Readers on other threads see whole libraries (or a not-found at an index that just went away) while
@@ -282,7 +335,7 @@ TEST(PluginManager, ReadersSeeWholeLibrariesWhileAnotherThreadLoadsAndUnloads) {
     PluginManager plugins;
     std::atomic<bool> done{false};  // written by the test thread at the end
     std::atomic<unsigned> handlerMismatches{0};
-    const auto handle = plugins.LoadEvent().Subscribe(
+    const auto checking = plugins.LoadEvent().SubscribeScoped(
         [&plugins, &handlerMismatches](const PluginLib& lib, PluginEvent event) {
             // One change at a time: a new library is last, an unloading one is still listed.
             if (event == PluginEvent::Loaded && &plugins.At(plugins.Count() - 1) != &lib) {
@@ -325,7 +378,6 @@ TEST(PluginManager, ReadersSeeWholeLibrariesWhileAnotherThreadLoadsAndUnloads) {
     }
     EXPECT_EQ(unexpected, (std::vector<unsigned>{0, 0}));
     EXPECT_EQ(handlerMismatches.load(), 0u);
-    plugins.LoadEvent().Unsubscribe(handle);
 }
 
 TEST(PluginManager, OfTwoThreadsLoadingOneFileOneWins) {
@@ -352,6 +404,221 @@ TEST(PluginManager, OfTwoThreadsLoadingOneFileOneWins) {
         ASSERT_EQ(plugins.Count(), 1u);
         plugins.Unload(0);
     }
+}
+
+// A rebuilt plug-in written over the loaded file in place: the rescan loads it as a new library, with
+// static state of its own, while what the old one made runs on in the old code.
+TEST(PluginReload, RescanReloadsAChangedFileAndObjectsOfTheOldLibraryRunOn) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 1 (r.so), reloaded 0, unloaded 0, refused 0");
+    const PluginLib& old = plugins.At(0);
+    const auto oldGreeter = old.PluginsByType(PluginTest::GreeterType).at(0);
+    const auto oldMade = MadeBy(old);
+    EventLog events(plugins);
+
+    folder.Overwrite(ReloadV2, "r.so");
+    const auto summary = plugins.Rescan(folder.path);
+    EXPECT_EQ(summary.Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
+    EXPECT_EQ(summary.reloaded, std::vector<fs::path>{folder.path / "r.so"});
+    EXPECT_EQ(events.Take(), (std::vector<std::string>{"Unloading r.so 1", "Loaded r.so 1"}));
+
+    ASSERT_EQ(plugins.Count(), 1u);
+    const PluginLib& reloaded = plugins.At(0);
+    EXPECT_NE(&reloaded, &old);
+    EXPECT_FALSE(old.Loaded());
+    EXPECT_EQ(reloaded.Path(), folder.path / "r.so");
+    EXPECT_EQ(FirstGreeting(reloaded), "version 2, entry call 1 greets host");
+    EXPECT_EQ(MadeBy(reloaded)->Greet("host"), "version 2 made greets host");
+    EXPECT_EQ(Greet(*oldGreeter), "version 1, entry call 1 greets host");
+    EXPECT_EQ(oldMade->Greet("host"), "version 1 made greets host");
+    EXPECT_EQ(old.ContentHash(), Sha256Of(ReloadV1));
+    EXPECT_EQ(reloaded.ContentHash(), Sha256Of(ReloadV2));
+    EXPECT_GE(reloaded.LoadTime(), old.LoadTime());
+
+    // An unchanged file is left alone, however often the folder is rescanned.
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 0, unloaded 0, refused 0");
+    EXPECT_EQ(&plugins.At(0), &reloaded);
+    EXPECT_TRUE(events.Take().empty());
+}
+
+// Removed and added again, the same path is a new library each time, also with content loaded before:
+// the loader must never hand back a mapping it kept.
+TEST(PluginReload, AFileRemovedAndAddedAgainLoadsAsANewLibrary) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    const fs::path file = folder.path / "r.so";
+    fs::copy_file(ReloadV1, file);
+    EXPECT_EQ(FirstGreeting(plugins.Load(file)), "version 1, entry call 1 greets host");
+    plugins.Unload(file);
+    fs::remove(file);
+    fs::copy_file(ReloadV2, file);
+    EXPECT_EQ(FirstGreeting(plugins.Load(file)), "version 2, entry call 1 greets host");
+
+    fs::remove(file);
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 0, unloaded 1 (r.so), refused 0");
+    fs::copy_file(ReloadV1, file);
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 1 (r.so), reloaded 0, unloaded 0, refused 0");
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 1, entry call 1 greets host");
+}
+
+// A changed file that does not load (half copied, or built wrongly) is refused and the library loaded
+// before stays in service: an operator keeps the routine types instead of losing them to a bad copy.
+// Each rescan tries again, until the file loads.
+TEST(PluginReload, AChangedFileThatDoesNotLoadLeavesTheLoadedLibraryInService) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    const PluginLib& loaded = plugins.At(0);
+    EventLog events(plugins);
+
+    std::ofstream(folder.path / "r.so", std::ios::trunc) << "garbage, not a library\n";
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const auto summary = plugins.Rescan(folder.path);
+        EXPECT_TRUE(summary.reloaded.empty());
+        ASSERT_EQ(summary.refused.size(), 1u);
+        EXPECT_EQ(summary.refused[0].file, folder.path / "r.so");
+        const std::string& cause = summary.refused[0].cause;
+        EXPECT_EQ(cause.rfind("Plug-in " + (folder.path / "r.so").string() + " cannot be loaded: ", 0), 0u)
+            << cause;
+        // The loader's message names the file the operator knows, not the private copy.
+        EXPECT_EQ(cause.find("nyr-plugins-"), std::string::npos) << cause;
+        EXPECT_NE(cause.find("The library loaded before stays in service."), std::string::npos) << cause;
+        EXPECT_EQ(summary.libraries, 1u);
+    }
+    EXPECT_TRUE(events.Take().empty());
+    ASSERT_EQ(plugins.Count(), 1u);
+    EXPECT_EQ(&plugins.At(0), &loaded);
+    EXPECT_TRUE(loaded.Loaded());
+    EXPECT_EQ(FirstGreeting(loaded), "version 1, entry call 1 greets host");
+    EXPECT_EQ(loaded.ContentHash(), Sha256Of(ReloadV1));
+
+    folder.Overwrite(ReloadV2, "r.so");
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
+}
+
+// Sets TMPDIR for one test and puts the previous value back.
+class ScopedTmpDir {
+  public:
+    explicit ScopedTmpDir(const fs::path& dir) {
+        if (const char* old = std::getenv("TMPDIR"); old != nullptr) {
+            previous = old;
+        }
+        ::setenv("TMPDIR", dir.c_str(), 1);
+    }
+    ~ScopedTmpDir() {
+        if (previous) {
+            ::setenv("TMPDIR", previous->c_str(), 1);
+        } else {
+            ::unsetenv("TMPDIR");
+        }
+    }
+    ScopedTmpDir(const ScopedTmpDir&) = delete;
+    ScopedTmpDir& operator=(const ScopedTmpDir&) = delete;
+
+  private:
+    std::optional<std::string> previous;
+};
+
+// The code runs from a copy in a folder only this user can read; a refused file leaves no copy
+// behind; the folder goes with the manager, and the mapped code outlives it.
+TEST(PluginReload, LoadsFromAPrivateCopyThatGoesWithTheManager) {
+    ScratchFolder folder;
+    const fs::path temporary = folder.path / "tmp";
+    fs::create_directory(temporary);
+    ScopedTmpDir tmpdir(temporary);
+    folder.Add("a_greeters.so", "a.so");
+    folder.Add("c_not_a_library.so", "c.so");
+
+    std::shared_ptr<NyPlugin::IPlugin> greeter;
+    fs::path copy;
+    {
+        PluginManager plugins;
+        const PluginLib& lib = plugins.Load(folder.path / "a.so");
+        EXPECT_EQ(lib.Path(), folder.path / "a.so");
+        EXPECT_EQ(lib.ContentHash(), Sha256Of(folder.path / "a.so"));
+        greeter = lib.PluginsByType(PluginTest::GreeterType).at(0);
+        copy = MappedFrom(greeter->GetObject());
+        ASSERT_EQ(copy.parent_path().parent_path(), temporary) << copy;
+        EXPECT_EQ(copy.parent_path().filename().string().rfind("nyr-plugins-", 0), 0u) << copy;
+        EXPECT_EQ(fs::status(copy.parent_path()).permissions(), fs::perms::owner_all);
+        EXPECT_TRUE(fs::exists(copy));
+
+        EXPECT_THROW(plugins.Load(folder.path / "c.so"), Ny::Exception);
+        EXPECT_EQ(std::distance(fs::directory_iterator(copy.parent_path()), fs::directory_iterator()), 1);
+
+        // The operator's file may go: the library runs from its copy.
+        fs::remove(folder.path / "a.so");
+        EXPECT_EQ(Greet(*greeter), "a_greeters first greets host");
+    }
+    EXPECT_FALSE(fs::exists(copy.parent_path()));
+    EXPECT_EQ(Greet(*greeter), "a_greeters first greets host");
+}
+
+// Without a folder for its copies the manager loads nothing, says why, and tries again on the next load.
+TEST(PluginReload, NoFolderForCopiesRefusesTheLoadUntilThereIsOne) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    {
+        ScopedTmpDir tmpdir(folder.path / "missing");
+        const auto [status, message] = Failure([&] { plugins.Load(Libs / "a_greeters.so"); });
+        EXPECT_EQ(status, Ny::Status::Refused);
+        EXPECT_NE(
+            message.find("No private folder for plug-in copies under " + (folder.path / "missing").string()),
+            std::string::npos)
+            << message;
+        EXPECT_EQ(plugins.Count(), 0u);
+    }
+    ScopedTmpDir tmpdir(folder.path);
+    EXPECT_EQ(plugins.Load(Libs / "a_greeters.so").FileName(), "a_greeters.so");
+}
+
+// Readers on other threads see whole libraries while rescans reload a file back and forth: one version
+// or the other, never a half-listed library.
+TEST(PluginReload, ReadersSeeWholeLibrariesWhileRescansReload) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    std::atomic<bool> done{false};  // written by the test thread at the end
+    std::latch readersStarted(2);
+    auto reader = [&plugins, &done, &readersStarted] {
+        readersStarted.count_down();
+        unsigned unexpected = 0;
+        while (!done.load()) {
+            for (const auto& lib : plugins.Libraries()) {
+                const auto greeters = lib->PluginsByType(PluginTest::GreeterType);
+                if (greeters.empty()) {
+                    continue;  // unloaded since the snapshot
+                }
+                const std::string greeting = Greet(*greeters[0]);
+                unexpected += greeting != "version 1, entry call 1 greets host" &&
+                              greeting != "version 2, entry call 1 greets host";
+            }
+        }
+        return unexpected;
+    };
+    std::vector<unsigned> unexpected(2, 0);
+    std::vector<std::thread> readers;
+    for (size_t r = 0; r < unexpected.size(); ++r) {
+        readers.emplace_back([&reader, &unexpected, r] { unexpected[r] = reader(); });
+    }
+    readersStarted.wait();
+    unsigned reloads = 0;
+    for (int cycle = 0; cycle < 20; ++cycle) {
+        folder.Overwrite(cycle % 2 == 0 ? ReloadV2 : ReloadV1, "r.so");
+        reloads += static_cast<unsigned>(plugins.Rescan(folder.path).reloaded.size());
+    }
+    done = true;
+    for (auto& thread : readers) {
+        thread.join();
+    }
+    EXPECT_EQ(reloads, 20u);
+    EXPECT_EQ(unexpected, (std::vector<unsigned>{0, 0}));
+    EXPECT_EQ(plugins.Count(), 1u);
 }
 
 TEST(PluginBuild, ExportsOnlyTheEntryPoints) {

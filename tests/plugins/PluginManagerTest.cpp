@@ -42,10 +42,10 @@ TEST(PluginManager, RescanLoadsNewFilesAndUnloadsRemovedOnes) {
     fs::remove_all(folder);
     fs::create_directories(folder);
     NyPlugin::PluginManager plugins;
-    EXPECT_TRUE(plugins.Rescan(folder).empty());
+    EXPECT_TRUE(plugins.Rescan(folder).refused.empty());
     fs::copy_file(NYR_SAMPLE_PLUGIN, folder / "a.so");
     fs::copy_file(fs::path(NYR_TEST_PLUGINS) / "dup_routines.so", folder / "b.so");
-    EXPECT_TRUE(plugins.Rescan(folder).empty());
+    EXPECT_TRUE(plugins.Rescan(folder).refused.empty());
     EXPECT_EQ(plugins.Count(), 2u);
     fs::remove(folder / "a.so");
     plugins.Rescan(folder);

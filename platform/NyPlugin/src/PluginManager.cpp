@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
 #include "NyPlugin/PluginExport.h"
+#include "PrivateCopies.h"
 
 namespace NyPlugin {
 
@@ -55,18 +57,79 @@ fs::path Normalized(const fs::path& path) {
     }
 }
 
-// A failure that LoadDirectory or Rescan catches to go on with the other files.
-void LogCaught(const char* what, const fs::path& file, const std::exception& e) {
+// A failure that LoadDirectory or Rescan catches to go on with the other files: logged and collected.
+void Refuse(RescanSummary& summary, const char* what, const fs::path& file, const std::exception& e,
+            const char* addendum = "") {
     NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in %1$s %2$s.", file.string().c_str(), what);
     Ny::Exception::LogException(e, 0);
     Ny::Exception::LogBackTrace(e);
+    summary.refused.push_back({file, std::string(e.what()) + addendum});
+}
+
+// "2 (a.so, b.so)", or "0".
+std::string CountAndNames(const std::vector<fs::path>& files) {
+    std::string text = std::to_string(files.size());
+    for (size_t i = 0; i < files.size(); ++i) {
+        text += (i == 0 ? " (" : ", ") + files[i].filename().string();
+    }
+    return files.empty() ? text : text + ")";
+}
+
+// The loader's message names the private copy; the operator knows the file by its own path.
+std::string NamingTheFile(std::string reason, const std::string& copy, const std::string& file) {
+    for (size_t at = reason.find(copy); at != std::string::npos; at = reason.find(copy, at + file.size())) {
+        reason.replace(at, copy.size(), file);
+    }
+    return reason;
 }
 
 }  // namespace
 
-PluginLib::PluginLib(fs::path pathIn, void* handleIn, std::vector<std::shared_ptr<IPlugin>> pluginsIn)
+std::string RescanSummary::Text() const {
+    std::string text = "loaded " + CountAndNames(loaded) + ", reloaded " + CountAndNames(reloaded) +
+                       ", unloaded " + CountAndNames(unloaded) + ", refused " +
+                       std::to_string(refused.size());
+    for (size_t i = 0; i < refused.size(); ++i) {
+        text += (i == 0 ? " (" : "; ") + refused[i].file.filename().string() + ": " + refused[i].cause;
+    }
+    return refused.empty() ? text : text + ")";
+}
+
+// A library between its entry point and its listing. Until it is published, dropping it undoes it:
+// the objects go first (their destructors are the library's code), then the handle, then the copy.
+class PluginManager::Prepared {
+  public:
+    Prepared(fs::path pathIn, fs::path copyIn) : path(std::move(pathIn)), copy(std::move(copyIn)) {}
+    // The moved-from one is left with nothing to undo.
+    Prepared(Prepared&& other) noexcept
+        : path(std::move(other.path)),
+          copy(std::exchange(other.copy, {})),
+          contentHash(std::move(other.contentHash)),
+          handle(std::move(other.handle)),
+          plugins(std::exchange(other.plugins, {})) {}
+    Prepared& operator=(Prepared&&) = delete;
+    ~Prepared() {
+        plugins.clear();
+        handle.reset();
+        if (!copy.empty()) {
+            std::error_code ignored;
+            fs::remove(copy, ignored);
+        }
+    }
+
+    fs::path path;  // the plug-in file
+    fs::path copy;  // the private copy; empty once published (it then stays with the manager's folder)
+    std::string contentHash;
+    HandleGuard handle;
+    std::vector<std::shared_ptr<IPlugin>> plugins;
+};
+
+PluginLib::PluginLib(fs::path pathIn, void* handleIn, std::vector<std::shared_ptr<IPlugin>> pluginsIn,
+                     std::string contentHashIn, std::chrono::system_clock::time_point loadTimeIn)
     : path(std::move(pathIn)),
       fileName(path.filename().string()),
+      contentHash(std::move(contentHashIn)),
+      loadTime(loadTimeIn),
       plugins(std::move(pluginsIn)),
       handle(handleIn) {}
 
@@ -109,7 +172,13 @@ std::vector<std::shared_ptr<IPlugin>> PluginLib::Plugins() const {
 
 PluginManager::PluginManager() = default;
 
-PluginManager::~PluginManager() = default;
+PluginManager::~PluginManager() {
+    // Only the files go: the copies stay mapped (RTLD_NODELETE), and a mapping outlives its file.
+    if (!privateFolder.empty()) {
+        std::error_code ignored;
+        fs::remove_all(privateFolder, ignored);
+    }
+}
 
 const PluginLib& PluginManager::Load(const fs::path& path) {
     Ny::RecursiveLock change(changeMutex);
@@ -117,24 +186,40 @@ const PluginLib& PluginManager::Load(const fs::path& path) {
 }
 
 const PluginLib& PluginManager::LoadLocked(const fs::path& path) {
-    const std::string file = path.string();
     if (FindLocked(path)) {
-        throw NY_EXCEPTION(Ny::Status::Refused, "Plug-in %s is loaded already.", file.c_str());
+        throw NY_EXCEPTION(Ny::Status::Refused, "Plug-in %s is loaded already.", path.string().c_str());
     }
+    return PublishLocked(PrepareLocked(path));
+}
+
+PluginManager::Prepared PluginManager::PrepareLocked(const fs::path& path) {
+    const std::string file = path.string();
     std::error_code error;
     if (!fs::exists(path, error)) {
         throw NY_EXCEPTION(Ny::Status::NotFound, "Plug-in %s does not exist.", file.c_str());
     }
+    if (privateFolder.empty()) {
+        privateFolder = Internal::MakePrivateFolder();
+    }
+    // Numbered, so that each load of one file is a new file to the loader (see PluginManager.h).
+    Prepared prepared(path, privateFolder / (std::to_string(++copiesMade) + "-" + path.filename().string()));
+    try {
+        prepared.contentHash = Internal::CopyHashed(path, prepared.copy);
+    } catch (...) {
+        prepared.copy.clear();  // nothing of it is left to remove
+        throw;
+    }
     // RTLD_NOW: a missing symbol refuses the library here instead of crashing a routine later.
     // RTLD_LOCAL: plug-ins do not see each other's symbols. RTLD_NODELETE: see PluginManager.h.
-    HandleGuard handle(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
-    if (!handle) {
+    prepared.handle.reset(dlopen(prepared.copy.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
+    if (!prepared.handle) {
         const char* reason = dlerror();
         throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %1$s cannot be loaded: %2$s", file.c_str(),
-                           reason != nullptr ? reason : "unknown error");
+                           reason != nullptr ? NamingTheFile(reason, prepared.copy.string(), file).c_str()
+                                             : "unknown error");
     }
-    const auto version = reinterpret_cast<ApiVersionFx>(dlsym(handle.get(), ApiVersionSymbol));
-    const auto getPlugins = reinterpret_cast<GetPluginsFx>(dlsym(handle.get(), GetPluginsSymbol));
+    const auto version = reinterpret_cast<ApiVersionFx>(dlsym(prepared.handle.get(), ApiVersionSymbol));
+    const auto getPlugins = reinterpret_cast<GetPluginsFx>(dlsym(prepared.handle.get(), GetPluginsSymbol));
     if (version == nullptr || getPlugins == nullptr) {
         throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %1$s has no plug-in entry point (%2$s, %3$s).",
                            file.c_str(), ApiVersionSymbol, GetPluginsSymbol);
@@ -148,17 +233,25 @@ const PluginLib& PluginManager::LoadLocked(const fs::path& path) {
     try {
         getPlugins(sink);
     } catch (...) {
-        sink.plugins.clear();  // before the handle guard closes: these are the library's objects
+        sink.plugins.clear();  // before the handle closes: these are the library's objects
         ThrowNamingFile(std::current_exception(), "failed in its entry point", file);
     }
+    prepared.plugins = std::move(sink.plugins);
+    return prepared;
+}
 
-    std::shared_ptr<PluginLib> lib(new PluginLib(path, handle.release(), std::move(sink.plugins)));
+const PluginLib& PluginManager::PublishLocked(Prepared prepared) {
+    const std::string file = prepared.path.string();
+    std::shared_ptr<PluginLib> lib(new PluginLib(prepared.path, prepared.handle.release(),
+                                                 std::move(prepared.plugins), prepared.contentHash,
+                                                 std::chrono::system_clock::now()));
+    prepared.copy.clear();  // the library's code is mapped from it: it stays until the manager goes
     {
         Ny::MutexLock guard(listMutex);
         libraries.push_back(lib);
     }
-    NY_LOG(Ny::Logging::Level::Progress, "Plug-in %1$s loaded (%2$zu plug-in objects).", file.c_str(),
-           lib->Plugins().size());
+    NY_LOG(Ny::Logging::Level::Progress, "Plug-in %1$s loaded (%2$zu plug-in objects, SHA-256 %3$s).",
+           file.c_str(), lib->Plugins().size(), lib->ContentHash().c_str());
     try {
         loadEvent.Raise(*lib, PluginEvent::Loaded);
     } catch (...) {
@@ -253,18 +346,45 @@ PluginManager::FolderFiles PluginManager::ListFolder(const fs::path& folder) {
     return listing;
 }
 
-void PluginManager::LoadNewLocked(const std::vector<fs::path>& files, std::vector<std::string>& refused) {
-    for (const auto& file : files) {
-        const fs::path normal = Normalized(file);
-        if (FindLocked(normal)) {
-            continue;
+void PluginManager::LoadNewLocked(const fs::path& path, RescanSummary& summary) {
+    try {
+        LoadLocked(path);
+        summary.loaded.push_back(path);
+    } catch (const std::exception& e) {
+        if (FindLocked(path)) {
+            summary.loaded.push_back(path);  // loaded; a handler failed
         }
-        try {
-            LoadLocked(normal);
-        } catch (const std::exception& e) {
-            LogCaught("refused", normal, e);
-            refused.emplace_back(e.what());
-        }
+        Refuse(summary, "refused", path, e);
+    }
+}
+
+void PluginManager::ReloadLocked(const std::shared_ptr<PluginLib>& lib, RescanSummary& summary) {
+    const fs::path& path = lib->Path();
+    // Prepared first, so that a file that does not load (half copied, built wrongly) leaves the library
+    // that works in service: an operator would rather keep the old code than lose the routine types.
+    std::optional<Prepared> next;
+    try {
+        next.emplace(PrepareLocked(path));
+    } catch (const std::exception& e) {
+        Refuse(summary, "changed but is refused; the library loaded before stays", path, e,
+               " The library loaded before stays in service.");
+        return;
+    }
+    // The old library goes before the new one comes: both offer the same routine types, and a type
+    // name can be registered once.
+    try {
+        UnloadLocked(lib);
+    } catch (const std::exception& e) {
+        Refuse(summary, "unloaded for its reload with a failure", path, e);
+    }
+    summary.reloaded.push_back(path);
+    if (FindLocked(path)) {
+        return;  // never list one file twice, whatever an unload handler did
+    }
+    try {
+        PublishLocked(std::move(*next));
+    } catch (const std::exception& e) {
+        Refuse(summary, "reloaded with a failure", path, e);
     }
 }
 
@@ -275,24 +395,42 @@ std::vector<std::string> PluginManager::LoadDirectory(const fs::path& folder) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "%s", listing.refusal.c_str());
         return {listing.refusal};
     }
+    RescanSummary summary;
+    for (const auto& file : listing.files) {
+        const fs::path normal = Normalized(file);
+        if (!FindLocked(normal)) {
+            LoadNewLocked(normal, summary);
+        }
+    }
     std::vector<std::string> refused;
-    LoadNewLocked(listing.files, refused);
+    for (const auto& refusal : summary.refused) {
+        refused.push_back(refusal.cause);
+    }
     return refused;
 }
 
-std::vector<std::string> PluginManager::Rescan(const fs::path& folder) {
+RescanSummary PluginManager::Rescan(const fs::path& folder) {
     Ny::RecursiveLock change(changeMutex);
+    RescanSummary summary;
+    const fs::path root = Normalized(folder);
+    auto countFolderLibraries = [this, &root] {
+        const auto loaded = Libraries();
+        return static_cast<size_t>(std::count_if(loaded.begin(), loaded.end(), [&root](const auto& lib) {
+            return lib->Path().parent_path() == root;
+        }));
+    };
     const FolderFiles listing = ListFolder(folder);
     if (!listing.refusal.empty()) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "%s; no plug-in changed.", listing.refusal.c_str());
-        return {listing.refusal};
+        summary.refused.push_back({folder, listing.refusal});
+        summary.libraries = countFolderLibraries();
+        return summary;
     }
+    summary.files = listing.files.size();
     std::vector<fs::path> present;
     for (const auto& file : listing.files) {
         present.push_back(Normalized(file));
     }
-    const fs::path root = Normalized(folder);
-    std::vector<std::string> refused;
     for (const auto& lib : Libraries()) {
         if (lib->Path().parent_path() != root ||
             std::find(present.begin(), present.end(), lib->Path()) != present.end()) {
@@ -303,15 +441,35 @@ std::vector<std::string> PluginManager::Rescan(const fs::path& folder) {
         if (stillLoaded != lib || stillLoaded->unloading) {
             continue;
         }
+        summary.unloaded.push_back(lib->Path());
         try {
             UnloadLocked(stillLoaded);
         } catch (const std::exception& e) {
-            LogCaught("unloaded with a failure", lib->Path(), e);
-            refused.emplace_back(e.what());
+            Refuse(summary, "unloaded with a failure", lib->Path(), e);
         }
     }
-    LoadNewLocked(listing.files, refused);
-    return refused;
+    for (const auto& path : present) {
+        const auto lib = FindLocked(path);
+        if (!lib) {
+            LoadNewLocked(path, summary);
+            continue;
+        }
+        if (lib->unloading) {
+            continue;  // a handler of this library's unload rescans: that unload goes on
+        }
+        try {
+            if (Internal::HashOf(path) == lib->ContentHash()) {
+                continue;
+            }
+        } catch (const std::exception& e) {
+            Refuse(summary, "cannot be read; the library loaded before stays", path, e,
+                   " The library loaded before stays in service.");
+            continue;
+        }
+        ReloadLocked(lib, summary);
+    }
+    summary.libraries = countFolderLibraries();
+    return summary;
 }
 
 size_t PluginManager::Count() const {

@@ -6,12 +6,29 @@
 // and exports the entry points of NyPlugin/PluginExport.h; anything else is refused with a
 // `Ny::Exception` that names the file.
 //
+// Private copies. The manager never opens a plug-in file where it lies: each load copies the file into
+// a folder of the manager's own (made with mode 0700 under $TMPDIR, or /tmp, when the first library
+// loads; removed with the manager) and opens the copy, hashing the bytes as it copies them. A copy is
+// a new file, so the dynamic loader maps it anew: it hands back a mapping it already has for the same
+// path or the same file, so a rebuilt plug-in opened where it lies would run its old code. And the
+// operator may overwrite the file in place while the process runs (as `cp` or a linker does) without
+// changing the code that is mapped. Copies stay on disk until the manager is destroyed: their blocks
+// stay allocated while they are mapped anyway, and debuggers and symbolizers read a library's symbols
+// from its file. A copy that is refused is removed at once. The copies' folder must allow executable
+// mappings: where /tmp is mounted noexec, set TMPDIR to a folder that does.
+//
 // Unloading never unmaps code. Libraries are opened with RTLD_NODELETE: objects a library made (its
 // plug-in objects, and routine objects its factories made, which the host knows only as shared
 // pointers whose destructors live in that library) may outlive the unload, so the code has to stay
 // mapped until the process ends. An unload takes the library out of the list and drops the manager's
-// references to its objects. Loading the same path again later reuses the mapping that is still there:
-// the library's static state carries over and a changed file takes effect only after a process restart.
+// references to its objects. Loading the same file again, changed or not, maps a new copy with static
+// state of its own; each reload so keeps one more mapping for the life of the process.
+//
+// Reload. `Rescan` loads a file whose content changed (its SHA-256 differs from the loaded library's)
+// as a new library: the old one is unloaded first (routines and other objects it made keep running its
+// code), then the new one is listed; between the two the routine types it offers are unknown for a
+// moment, since a type name can be registered once. A changed file that cannot be loaded (checked
+// before the old library goes) leaves the old library loaded.
 //
 // Threading: every method is thread-safe. Loads and unloads may come from a signal-handling thread
 // while request threads read `Count()`, `At()` and `Libraries()`.
@@ -24,6 +41,7 @@
 //   or a handler runs, so handlers (and readers on any thread) may call Count(), At() and Libraries().
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -36,12 +54,31 @@
 
 namespace NyPlugin {
 
+// What a `PluginManager::Rescan` did, for the host to log as one line (`Text()`).
+struct RescanSummary {
+    struct Refusal {
+        std::filesystem::path file;  // the plug-in file, or the folder when it could not be read
+        std::string cause;           // the refusal's message; it names the file
+    };
+    std::vector<std::filesystem::path> loaded;    // new files, loaded
+    std::vector<std::filesystem::path> reloaded;  // changed files, loaded again as new libraries
+    std::vector<std::filesystem::path> unloaded;  // files gone, their libraries unloaded
+    // Files that could not be loaded or reloaded, and changes whose event handlers failed (the change
+    // itself stands, and the file is listed above as well).
+    std::vector<Refusal> refused;
+    std::size_t files = 0;      // the "*.so" files the folder holds
+    std::size_t libraries = 0;  // the libraries of the folder loaded once the rescan is over
+
+    // "loaded 1 (b.so), reloaded 0, unloaded 1 (a.so), refused 1 (c.so: <cause>)", file names only.
+    std::string Text() const;
+};
+
 class PluginManager {
   public:
     using LoadEventType = Ny::Event<const PluginLib&, PluginEvent>;
 
     PluginManager();
-    // Drops every library without raising events; their code stays mapped.
+    // Drops every library without raising events; their code stays mapped. Removes the private copies.
     ~PluginManager();
     PluginManager(const PluginManager&) = delete;
     PluginManager& operator=(const PluginManager&) = delete;
@@ -50,7 +87,8 @@ class PluginManager {
     // reference stays valid for the manager's lifetime. Waits for a change in progress on another thread.
     // Throws Ny::Exception naming the file: -999 when it does not exist; -997 when it is not a shared
     // library, lacks the entry points, was built for another plug-in API version or its entry point
-    // threw; -1000 when a library of that path is loaded already (the list is unchanged). A library
+    // threw; -1000 when a library of that path is loaded already (the list is unchanged) or no private
+    // copy can be made (see above). A library
     // whose Loaded handler threw stays loaded, and the handler's exception passes nested in one naming
     // the file. Thread-safe.
     const PluginLib& Load(const std::filesystem::path& path);
@@ -66,11 +104,13 @@ class PluginManager {
     // cannot be read is one refusal. Thread-safe.
     std::vector<std::string> LoadDirectory(const std::filesystem::path& folder);
     // Brings the libraries of `folder` in step with its files (the host calls it on SIGHUP): first
-    // unloads, in load order, the loaded libraries of that folder whose files are gone, then loads the
-    // new files as LoadDirectory does. Libraries of other folders are left alone; a file that changed
-    // under a loaded name is not reloaded. A folder that cannot be read changes nothing (one refusal):
-    // an unmounted or unreadable folder must not unload every plug-in. Returns the refusals. Thread-safe.
-    std::vector<std::string> Rescan(const std::filesystem::path& folder);
+    // unloads, in load order, the loaded libraries of that folder whose files are gone; then, in name
+    // order, loads the new files as LoadDirectory does and reloads (see above) each file whose content
+    // differs from its loaded library's. Libraries of other folders are left alone. A folder that cannot
+    // be read changes nothing (one refusal): an unmounted or unreadable folder must not unload every
+    // plug-in. Every refusal is logged and does not stop the others. Hashes every file of the folder
+    // that is loaded. Thread-safe.
+    RescanSummary Rescan(const std::filesystem::path& folder);
 
     // The number of loaded libraries. Thread-safe; another thread may change it right after.
     size_t Count() const;
@@ -85,6 +125,9 @@ class PluginManager {
     LoadEventType& LoadEvent() { return loadEvent; }
 
   private:
+    // A library opened from its private copy whose entry point has run, not listed yet (see the .cpp).
+    class Prepared;
+
     // Folder listing for LoadDirectory and Rescan: the "*.so" regular files in name order, or a refusal.
     struct FolderFiles {
         std::vector<std::filesystem::path> files;
@@ -93,10 +136,16 @@ class PluginManager {
     static FolderFiles ListFolder(const std::filesystem::path& folder);
 
     const PluginLib& LoadLocked(const std::filesystem::path& path) NY_REQUIRES(changeMutex);
+    // Copies, opens and checks the library and runs its entry point; lists nothing and raises nothing.
+    // Throws as Load does; whatever it made is undone.
+    Prepared PrepareLocked(const std::filesystem::path& path) NY_REQUIRES(changeMutex);
+    // Lists a prepared library and raises its Loaded event.
+    const PluginLib& PublishLocked(Prepared prepared) NY_REQUIRES(changeMutex);
     void UnloadLocked(const std::shared_ptr<PluginLib>& lib) NY_REQUIRES(changeMutex);
-    // Loads each file not loaded yet; a refusal is logged, collected and does not stop the others.
-    void LoadNewLocked(const std::vector<std::filesystem::path>& files, std::vector<std::string>& refused)
-        NY_REQUIRES(changeMutex);
+    // Loads `path` (known not to be loaded) for a folder load; a refusal is logged and collected.
+    void LoadNewLocked(const std::filesystem::path& path, RescanSummary& summary) NY_REQUIRES(changeMutex);
+    // Loads a changed file in place of `lib` (see Reload above); a refusal is logged and collected.
+    void ReloadLocked(const std::shared_ptr<PluginLib>& lib, RescanSummary& summary) NY_REQUIRES(changeMutex);
     std::shared_ptr<PluginLib> FindLocked(const std::filesystem::path& path) const NY_REQUIRES(changeMutex);
 
     // Serializes changes and their events; taken before listMutex.
@@ -107,6 +156,11 @@ class PluginManager {
     // Unloaded libraries, kept so that references from At() and Load() never dangle (each is a retired
     // shell: path and name, no objects, handle closed).
     std::vector<std::shared_ptr<PluginLib>> retired NY_GUARDED_BY(listMutex);
+
+    // The folder of private copies (empty until the first load) and the number of copies made, which
+    // names the next one.
+    std::filesystem::path privateFolder NY_GUARDED_BY(changeMutex);
+    unsigned long copiesMade NY_GUARDED_BY(changeMutex) = 0;
 
     LoadEventType loadEvent;
 };

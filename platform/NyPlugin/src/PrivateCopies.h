@@ -1,0 +1,27 @@
+// The plug-in manager's private copies of plug-in files (internal to NyPlugin).
+//
+// The manager never opens a plug-in file where the operator keeps it: it copies the file into a folder
+// of its own and opens the copy (PluginManager.h says why). These helpers make that folder, copy a file
+// into it while hashing what they copy, and hash a file in place to tell whether it changed. Plain
+// functions with no state; the manager serializes their use.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace NyPlugin::Internal {
+
+// Makes a new folder that only this user may read, under $TMPDIR (when set to an absolute path) or
+// /tmp. Throws Ny::Exception (Refused) when it cannot.
+std::filesystem::path MakePrivateFolder();
+
+// Copies `from` into the new file `to` (owner read and write only; an existing `to` is refused) and
+// returns the SHA-256 of the bytes copied as 64 lower-case hex digits. On failure removes what it
+// wrote and throws Ny::Exception naming `from`: NotFound when it does not exist, InvalidValue when it
+// cannot be read or copied.
+std::string CopyHashed(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// The SHA-256 of the content of `file`, as CopyHashed returns it. Throws as CopyHashed does.
+std::string HashOf(const std::filesystem::path& file);
+
+}  // namespace NyPlugin::Internal
