@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 
 #include "LogCapture.h"
 #include "NyRoutine/Engine/RoutineManager.h"
@@ -131,6 +132,11 @@ TEST_F(RoutineTypesTest, ReplacingAnOwnedFactoryByAReferenceLetsTheOwnedOneGo) {
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(&info.Factory(), &borrowed);
 }
+
+// A factory's address where the flag belongs would be read as `true`.
+static_assert(std::is_constructible_v<RoutineInfo, const char*, bool>);
+static_assert(!std::is_constructible_v<RoutineInfo, const char*, IRoutineFactory*>);
+static_assert(!std::is_constructible_v<RoutineInfo, const char*, int>);
 
 TEST_F(RoutineTypesTest, RecordWithoutFactoryOrWithANullOneIsRefusedLoudly) {
     const RoutineInfo bare("Tally", false);

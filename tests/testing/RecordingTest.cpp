@@ -90,22 +90,6 @@ class Recording : public ::testing::Test {
     KitFactory factory{Logging};
 };
 
-TEST_F(Recording, NotificationsFollowTheRoutineFromItsCreation) {
-    RoutineDriver driver(RoutineInfo("Logger", factory, true));
-    driver.Create();
-    ASSERT_TRUE(driver.WaitUntilEnded());
-    const auto notifications = driver.Notifications();
-    ASSERT_FALSE(notifications.empty());
-    EXPECT_EQ(notifications.front(), (Notification{"created", "/routines/Logger-0"}));
-    for (const Notification& notification : notifications) {
-        EXPECT_EQ(notification.path, "/routines/Logger-0");
-        EXPECT_NE(notification.type, "deleted");
-    }
-    EXPECT_NE(
-        std::find(notifications.begin(), notifications.end(), Notification{"updated", "/routines/Logger-0"}),
-        notifications.end());
-}
-
 TEST_F(Recording, TheRoutinesLinesAreRecordedAndStillReachTheSinkSetBefore) {
     {
         RoutineDriver driver(RoutineInfo("Logger", factory, true));

@@ -31,8 +31,17 @@ constexpr int UnknownFailureHttpStatus = 500;
 
 // The engine raises no notification when a routine begins to wait for feedback (or starts running
 // after its creation): those changes show only in the next read. A wait therefore re-reads at least this
-// often besides after every notification, so that it never sleeps through a state it waits for.
-constexpr auto RecheckPeriod = std::chrono::milliseconds(50);
+// often besides after every notification, so that it never sleeps through a state it waits for. Short,
+// because every test waits for that state before its first continue; a read in-process costs
+// microseconds.
+constexpr auto RecheckPeriod = std::chrono::milliseconds(10);
+
+// `timeout` from now; Timeout::max() (a caller's "no bound") saturates instead of overflowing the clock.
+Clock::time_point DeadlineAfter(RoutineDriver::Timeout timeout) {
+    const Clock::time_point now = Clock::now();
+    const auto room = std::chrono::duration_cast<RoutineDriver::Timeout>(Clock::time_point::max() - now);
+    return timeout >= room ? Clock::time_point::max() : now + timeout;
+}
 
 bool IsEnded(RoutineState state) {
     return state == RoutineState::Completed || state == RoutineState::Aborted ||
@@ -111,7 +120,9 @@ std::string PathSegment(const std::string& text) {
         if (const auto fields = body.find("fields"); fields != body.end() && fields->is_object()) {
             for (const auto& [path, messages] : fields->items()) {
                 for (const json& text : messages) {
-                    refusal.AddField(path, text.is_string() ? text.get<std::string>() : text.dump());
+                    refusal.AddField(path, text.is_string()
+                                               ? text.get<std::string>()
+                                               : text.dump(-1, ' ', false, json::error_handler_t::replace));
                 }
             }
         }
@@ -133,7 +144,6 @@ class Recorder {
     void Add(Notification notification) {
         Ny::MutexLock guard(mutex);
         notifications.push_back(std::move(notification));
-        // Under the lock: a waiter reads the count under it, so the wake-up cannot fall between.
         recorded.NotifyAll();
     }
     void Add(const Ny::Logging::LogRecord& line) {
@@ -361,8 +371,9 @@ std::string RoutineDriver::Create(const json& creationParams) {
     if (!creationParams.is_null()) {
         body["parameters"] = creationParams;
     }
-    creation = std::make_unique<Creation>();
-    Creation* const state = creation.get();
+    // Kept only once its thread runs: a thread that cannot start leaves the driver free to try again.
+    auto pending = std::make_unique<Creation>();
+    Creation* const state = pending.get();
     NyRest::ResourceRouter* const router = &engine->router;
     state->thread = std::thread([state, router, body] {
         NyRest::DispatchOptions options;
@@ -379,12 +390,16 @@ std::string RoutineDriver::Create(const json& creationParams) {
         } catch (const std::exception& e) {
             reply.status = UnknownFailureHttpStatus;
             reply.body = NyRest::ErrorBody(e);
+        } catch (...) {
+            // Nothing may leave the thread: it would end the process.
+            reply.status = UnknownFailureHttpStatus;
         }
         Ny::MutexLock guard(state->mutex);
         state->reply = std::move(reply);
         state->returned = true;
         state->progress.NotifyAll();
     });
+    creation = std::move(pending);
 
     NyRest::Response refused;
     {
@@ -482,7 +497,7 @@ enum class Progress { Reached, Pending, Never };
 
 template <typename Reached>
 bool RoutineDriver::WaitFor(Reached reached, Timeout timeout) {
-    const Clock::time_point deadline = Clock::now() + timeout;
+    const Clock::time_point deadline = DeadlineAfter(timeout);
     for (;;) {
         // Counted before the read: a notification raised after it ends the wait below at once.
         const size_t seen = recording->recorder->NotificationCount();

@@ -6,9 +6,10 @@
 //   Run              once, as the first job on the routine's own thread, with the routine's host;
 //   FreeResults      for a results structure handed over with IRoutineHost::SetResults, when it is
 //                    replaced by the next one and when the instance is destroyed.
-// Run and every continue callback run on the routine's thread, one at a time, never concurrently with
-// each other. A std::exception escaping Run or a continue callback ends the routine in state Failed
-// with the exception's text as its details.
+// RoutineBase<Results> (NyRoutine/RoutineBase.h) supplies SetCreateParams and FreeResults, so a routine
+// class derived from it writes only Run. Run and every continue callback run on the routine's thread,
+// one at a time, never concurrently with each other. A std::exception escaping Run or a continue callback
+// ends the routine in state Failed with the exception's text as its details.
 #pragma once
 
 #include <memory>

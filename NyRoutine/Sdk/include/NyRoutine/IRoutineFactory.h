@@ -1,7 +1,10 @@
 // `NyRoutine::IRoutineFactory`: makes the routine objects of one routine type.
 //
-// Implemented by plug-ins, which own their factories and keep them alive as long as the type is
-// registered (for example as an owned object of their RoutinePlugin). Called on a REST request thread.
+// RoutineFactory<Routine> (NyRoutine/RoutineFactory.h) implements it for any routine class; write one
+// only for something it cannot do. A factory given to RoutinePlugin::AddRoutineType or to
+// AddRoutineInfo(info, factory) is owned by the record; a factory given by reference must be kept alive
+// by the plug-in as long as the type is registered. Called on a REST request thread, possibly by two
+// creations at once.
 #pragma once
 
 #include <memory>

@@ -5,7 +5,7 @@
 //     void Run(IRoutineHost& host) override {
 //         host.SetTotalSteps(2);
 //         host.SetCurrentStep(1, "Set the parameters, then continue.");
-//         if (!host.GetParams(params, nullptr)) return;              // publish; false when aborted
+//         if (!host.GetParams(params, nullptr)) return;  // a member: publish; false when aborted
 //         host.WaitForContinue([this](IRoutineHost& h) { Work(h); });  // returns at once
 //     }   // the routine now waits for the user's continue; Work runs on the routine's thread then.
 //
@@ -36,22 +36,24 @@ class IRoutineHost {
   public:
     virtual ~IRoutineHost() = default;
 
-    // Publishes `params` (owned by the routine; it must outlive its publication) and opens them for
-    // writing by clients until the next continue. `onChanged` runs on the client's thread after each
-    // write. Returns false when the routine has been aborted.
+    // Publishes `params` (owned by the routine; it must outlive its publication, so a member of the
+    // routine object is the usual place) and opens them for writing by clients until the next
+    // continue. `onChanged` runs on the client's thread after each write. Returns false when the
+    // routine has been aborted.
     virtual bool GetParams(Ny::Properties::Structure& params,
                            std::function<void(Ny::Properties::Structure&)> onChanged) = 0;
     // Hands `results` over to the engine (make it with `new`; it is given back through
     // IRoutine::FreeResults when replaced or when the routine is deleted). Null drops the current
     // results. Raises an update. The engine owns `results` from this call on, also when the call
     // throws (an update handler failed; the very structure it holds already was handed over again,
-    // which is refused with Ny::Exception -997): it is given back exactly once all the same, so the
-    // caller never frees it. RoutineBase::HandOverResults does this from a std::unique_ptr.
+    // which is refused with Ny::Exception InvalidValue (-997)): it is given back exactly once all the same,
+    // so the caller never frees it. RoutineBase::HandOverResults does this from a std::unique_ptr.
     virtual void SetResults(const Ny::Properties::Structure* results) = 0;
     virtual void SetTotalSteps(unsigned int total) = 0;
-    // Step 0 to the total. A new step resets the progress to 0. Throws Ny::Exception -997 beyond the total.
+    // Step 0 to the total. A new step resets the progress to 0. Throws Ny::Exception InvalidValue (-997)
+    // beyond the total.
     virtual void SetCurrentStep(unsigned int step, const std::string& info) = 0;
-    // Percentage of the current step, 0 to 100. Throws Ny::Exception -997 beyond 100.
+    // Percentage of the current step, 0 to 100. Throws Ny::Exception InvalidValue (-997) beyond 100.
     virtual void SetCurrentProgress(unsigned int progress) = 0;
     // mode < 0 inserts before the current help, 0 replaces it, > 0 appends (see HelpMode).
     virtual void SetHelpHtml(const std::string& html, int mode) = 0;

@@ -8,7 +8,36 @@
 //
 //     #include "NyRoutine/Routine.h"
 //
-//     class Calibration : public NyRoutine::RoutineBase<CalibrationResults> { ... };
+//     // Parameters: members of a group, added in the order a form shows them (key, member, title).
+//     // Clients write them as JSON while the routine waits; a value outside its limits or options is
+//     // refused with status InvalidValue.
+//     struct CalibrationParams : Ny::Params::Group {
+//         CalibrationParams() {
+//             AddParameter("samples", samples, "Samples");
+//             samples.Minimum(1).Maximum(1000);
+//             samples = 10;                                  // the default
+//             AddParameter("mode", mode, "Mode");
+//             mode.AddOption(0, "Fast");
+//             mode.AddOption(1, "Precise");
+//             AddParameter("label", label, "Label");
+//         }
+//         Ny::Params::Value<unsigned int> samples;
+//         Ny::Params::Enum<unsigned int> mode;
+//         Ny::Params::Value<std::string> label;
+//     };
+//
+//     class Calibration : public NyRoutine::RoutineBase<CalibrationResults> {
+//       public:
+//         void Run(NyRoutine::IRoutineHost& host) override {
+//             host.SetTotalSteps(2);
+//             host.SetCurrentStep(1, "Set the parameters, then continue.");
+//             if (!host.GetParams(params, nullptr)) return;  // published until the user continues
+//             host.WaitForContinue([this](NyRoutine::IRoutineHost& h) { Measure(h); });
+//         }
+//       private:
+//         void Measure(NyRoutine::IRoutineHost& host);     // reads params, HandOverResults(...)
+//         CalibrationParams params;  // a member: it must outlive its publication
+//     };
 //
 //     NY_PLUGIN_ENTRY(sink) {
 //         auto plugin = NyRoutine::RoutinePlugin::Create();

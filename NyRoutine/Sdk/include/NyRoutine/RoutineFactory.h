@@ -45,8 +45,8 @@ class RoutineFactory final : public IRoutineFactory {
     RoutineFactory() : make([] { return std::make_shared<Routine>(); }) {}
 
     // Makes each routine by calling `makeFx`. A null result refuses that creation (the client sees
-    // status -992); an empty `makeFx` throws Ny::Exception -997 here, at registration, rather than
-    // later at every creation.
+    // status NoFactory, -992); an empty `makeFx` throws Ny::Exception InvalidValue (-997) here, at
+    // registration, rather than later at every creation.
     explicit RoutineFactory(MakeFx makeFx) : make(std::move(makeFx)) {
         if (!make) {
             throw NY_EXCEPTION(Ny::Status::InvalidValue,

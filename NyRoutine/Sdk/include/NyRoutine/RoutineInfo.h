@@ -37,8 +37,12 @@ class RoutineInfo {
     // Display name and description empty; a new, empty creation parameter group.
     RoutineInfo(const std::string& typeName, IRoutineFactory& factory, bool skipStartParams);
     // The same without a factory yet, for RoutinePlugin::AddRoutineType and AddRoutineInfo, which add
-    // one; until then Factory() throws -992.
+    // one; until then Factory() throws NoFactory (-992).
     RoutineInfo(const std::string& typeName, bool skipStartParams);
+    // Only a bool says whether the start parameters are skipped: a factory's address, which would
+    // convert to `true` without a word, does not compile.
+    template <typename NotBool>
+    RoutineInfo(const std::string&, NotBool) = delete;
     RoutineInfo(const RoutineInfo& other);
     RoutineInfo& operator=(const RoutineInfo& other);
     ~RoutineInfo();
@@ -47,7 +51,7 @@ class RoutineInfo {
     const char* DisplayName() const { return displayName.c_str(); }
     const char* Description() const { return description.c_str(); }
     bool SkipStartParams() const { return skipStartParams; }
-    // Throws Ny::Exception -992 when the record has no factory.
+    // Throws Ny::Exception NoFactory (-992) when the record has no factory.
     IRoutineFactory& Factory() const;
     // A new group from the creation-params factory, or null when none is set.
     std::unique_ptr<Ny::Params::Group> CreationParams() const;
@@ -61,7 +65,7 @@ class RoutineInfo {
     // Points to `factoryIn`, which the caller keeps alive as long as the record is registered.
     RoutineInfo& SetFactory(IRoutineFactory& factoryIn);
     // Points to `factoryIn` and shares its ownership (every copy of the record keeps it alive).
-    // Throws Ny::Exception -992 when it is null.
+    // Throws Ny::Exception NoFactory (-992) when it is null.
     RoutineInfo& SetFactory(std::shared_ptr<IRoutineFactory> factoryIn);
     RoutineInfo& SetSkipStartParams(bool skip);
     // Stores `fx`, calls it once and makes its group the shared creation parameter group (null leaves

@@ -50,7 +50,7 @@ class RoutinePlugin : public NyPlugin::IPlugin {
     // factory must already be set and kept alive by the plug-in (see AddOwnedObject).
     RoutinePlugin& AddRoutineInfo(const RoutineInfo& info);
     // Adds a routine type made by `factory`, which the record then owns (it replaces any factory `info`
-    // had). Throws Ny::Exception -992 when `factory` is null.
+    // had). Throws Ny::Exception NoFactory (-992) when `factory` is null.
     RoutinePlugin& AddRoutineInfo(RoutineInfo info, std::shared_ptr<IRoutineFactory> factory);
     // Adds a routine type whose routines are `Routine` objects made by std::make_shared<Routine>().
     template <typename Routine>

@@ -27,11 +27,11 @@
 // never checks `IsAborted()` holds it up.
 //
 // Threading: a creation that waits for the routine's first continue runs on a thread the driver owns.
-// Commands, reads and waits may be called from any thread, also at once; `Create` only once, and `Id`
-// after `Create` returned. Log lines and notifications arrive on routine and request threads and are
-// recorded under the driver's own lock. Several drivers may be alive at once (each records every log
-// line); the log sink that was set before the first of them keeps receiving every line, and is set
-// back once the last is gone, whatever the order of their destruction.
+// Call `Create` first (again only after a refusal); once it has returned the id, commands, reads and
+// waits may be called from any thread, also at once. Log lines and notifications arrive on routine and
+// request threads and are recorded under the driver's own lock. Several drivers may be alive at once
+// (each records every log line); the log sink that was set before the first of them keeps receiving
+// every line, and is set back once the last is gone, whatever the order of their destruction.
 #pragma once
 
 #include <chrono>
@@ -88,9 +88,10 @@ class RoutineDriver {
     void Continue();
     void Abort();
 
-    // Bounded waits: true once reached, false when the time ran out or the routine ended (or was
-    // deleted) without reaching it. Each re-reads the routine after every notification of the driver's
-    // router; they never hang and never throw.
+    // Bounded waits: true once reached, false when the time ran out, or at once when the routine does
+    // not exist or ended without reaching it (an ended routine stays as it ended). Each re-reads the
+    // routine after every notification of the driver's router and every few milliseconds besides (some
+    // changes come with no notification). Timeout::max() waits without bound. They never throw.
     bool WaitForState(NyCommon::RoutineState state, Timeout timeout = DefaultTimeout);
     // True once the routine's current step is `step` or later.
     bool WaitForStep(unsigned int step, Timeout timeout = DefaultTimeout);
