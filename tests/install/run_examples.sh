@@ -34,6 +34,13 @@ for pattern in 'lib*/libNyRoutine.so*' 'lib*/libNyRoutineTesting.so*' 'lib*/cmak
     compgen -G "$prefix/$pattern" >/dev/null || fail "nothing installed matches $pattern"
 done
 [ ! -e "$prefix/share/routine-host/web/node_modules" ] || fail "the console's test tooling is installed"
+# The libraries find each other in their own folder, wherever that is (a distribution's library folder
+# is deeper than lib/): moved together elsewhere, each still resolves every library of the package.
+mkdir -p "$work/moved/lib/x86_64-linux-gnu"
+cp -P "$prefix"/lib*/libNy*.so* "$work/moved/lib/x86_64-linux-gnu/"
+for library in "$work"/moved/lib/x86_64-linux-gnu/libNy*.so.*.*; do
+    ! env -u LD_LIBRARY_PATH ldd "$library" | grep 'libNy.* not found' || fail "$(basename "$library") does not find its peers"
+done
 
 step "the plug-in template: build, test, install its plug-in"
 configure "$examples/plugin-template" "$work/template"
