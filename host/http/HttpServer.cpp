@@ -101,6 +101,8 @@ constexpr auto kStopGrace = std::chrono::seconds(2);
 // it waits for one that is still arriving (well inside kStopGrace).
 constexpr auto kStopRead = std::chrono::milliseconds(200);
 constexpr auto kStopReadLimit = std::chrono::milliseconds(1000);
+// How long Stop() lets an event stream write the frames published before it (well inside kStopGrace).
+constexpr auto kStopFlushLimit = std::chrono::milliseconds(1000);
 // An accept that fails for lack of resources (descriptors) is retried after a pause that doubles up to a
 // second, not in a hot loop: the pending connection keeps the listening socket readable.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
@@ -493,6 +495,8 @@ class EventClient : public std::enable_shared_from_this<EventClient> {
     // Logs and closes a client that was refused a frame.
     virtual void DropBehind() = 0;
     virtual void Close() = 0;
+    // For Stop(): closes once the frames queued so far are written, within kStopFlushLimit.
+    virtual void Finish() = 0;
 
     static std::size_t FrameCost(const std::string& frame) { return frame.size() + kQueuedFrameOverhead; }
     // False, reserving nothing, when the frames held would pass `cap`. Any thread.
@@ -672,10 +676,32 @@ class EventSession final : public EventClient {
             return;
         }
         closed = true;
+        finishing = false;
         timer.cancel();
         beast::error_code ignored;
         beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_both, ignored);
         beast::get_lowest_layer(stream).close();
+    }
+
+    // The frames were published before the stop, and a client that reads them must not lose them to it;
+    // one that does not read is closed when the limit passes, so that the stop never waits for it.
+    void Finish() override {
+        if (closed || finishing) {
+            return;
+        }
+        if (queue.empty()) {
+            Close();
+            return;
+        }
+        finishing = true;
+        timer.expires_after(kStopFlushLimit);  // replaces the keep-alive tick, which has nothing to do now
+        timer.async_wait([self = Self()](beast::error_code ec) {
+            if (!ec && !self->closed) {
+                NY_LOG(Ny::Logging::Level::Notice, "Event client %s closed at the stop with frames unsent.",
+                       self->remote.c_str());
+                self->Close();
+            }
+        });
     }
 
   private:
@@ -698,8 +724,13 @@ class EventSession final : public EventClient {
                              }
                              self->Release(FrameCost(*self->queue.front()));
                              self->queue.pop_front();
-                             if (!self->closed && !self->queue.empty()) {
+                             if (self->closed) {
+                                 return;
+                             }
+                             if (!self->queue.empty()) {
                                  self->WriteNext();
+                             } else if (self->finishing) {
+                                 self->Close();
                              }
                          });
     }
@@ -723,7 +754,8 @@ class EventSession final : public EventClient {
     void Tick() {
         timer.expires_after(std::min(server.options.eventKeepAlive, server.options.readTimeout));
         timer.async_wait([self = Self()](beast::error_code ec) {
-            if (ec || self->closed) {
+            // Finishing: the timer now bounds the flush (a tick already due must not re-arm it).
+            if (ec || self->closed || self->finishing) {
                 return;
             }
             const auto now = Clock::now();
@@ -755,6 +787,7 @@ class EventSession final : public EventClient {
     std::deque<std::shared_ptr<const std::string>> queue;     // frames shared between clients
     std::vector<std::shared_ptr<const std::string>> opening;  // until Start() queues them
     bool closed = false;
+    bool finishing = false;  // Stop() has begun: close once the queue is written (see Finish)
     Clock::time_point lastEnqueue = Clock::now();
     Clock::time_point writeStarted = Clock::now();
     char discard[256];
@@ -788,10 +821,11 @@ class Session final : public Connection {
     void Close() override {
         net::post(executor, [self = Self()] {
             if (self->busy || self->closing) {
-                return;  // Write sees `stopping` and closes after the reply; or closed already
+                // Closed already; or Write sees `stopping` and closes after the reply, or, for a reply
+                // it began as keep-alive before the stop, the read after it watches (see Read).
+                return;
             }
-            self->stopDeadline = Clock::now() + kStopReadLimit;
-            self->CloseWhenIdle();
+            self->WatchStop();
         });
     }
 
@@ -830,13 +864,19 @@ class Session final : public Connection {
     }
 
     void Read() {
-        if (closing || server.stopping) {
+        if (closing) {
             CloseSocket();
             return;
         }
         busy = false;
         pendingRequest.reset();
         parser.emplace();
+        if (server.stopping) {
+            // Not closed at once: the client may have sent its next request already (after a reply that
+            // was begun as keep-alive before the stop), or the connection may be new and its first request
+            // on its way. What arrives is answered (503 from here on); an idle connection is closed.
+            WatchStop();
+        }
         parser->header_limit(static_cast<std::uint32_t>(
             std::min<std::size_t>(server.options.headerLimit, std::numeric_limits<std::uint32_t>::max())));
         parser->body_limit(server.options.bodyLimit);
@@ -1156,12 +1196,25 @@ class Session final : public Connection {
                                });
     }
 
+    // Stop() has begun while the connection waits for a request: closes it once idle, at the latest
+    // kStopReadLimit from now. One watch at a time; it ends when the connection turns busy, and the read
+    // after a reply begun as keep-alive before the stop starts the next one.
+    void WatchStop() {
+        if (stopWatched) {
+            return;
+        }
+        stopWatched = true;
+        stopDeadline = Clock::now() + kStopReadLimit;
+        CloseWhenIdle();
+    }
+
     // Checked when the grace ends rather than when Stop() begins: on a loaded machine a request may be
     // in the socket, or half parsed, while its read completion still waits for an I/O thread.
     void CloseWhenIdle() {
         stopTimer.expires_after(kStopRead);
         stopTimer.async_wait([self = Self()](beast::error_code ec) {
             if (ec || self->busy || self->closing) {
+                self->stopWatched = false;
                 return;
             }
             beast::error_code availableError;
@@ -1207,6 +1260,7 @@ class Session final : public Connection {
     bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
     net::steady_timer stopTimer{executor};  // Close()'s grace for a request still on its way
     Clock::time_point stopDeadline;         // and its end, however much is still arriving
+    bool stopWatched = false;               // the grace's timer is running (see WatchStop)
     Clock::time_point drainUntil;           // the lingering close after a refusal: its deadline
     std::size_t drainLeft = 0;              // and the bytes it may still discard
     char discard[4096];
@@ -1480,6 +1534,11 @@ void HttpServer::PublishEvent(const std::string& event, const std::string& data)
         return;
     }
     Ny::MutexLock guard(impl->sessionsMutex);
+    // Checked again under the lock that Stop() takes to tell the streams to finish: a frame is handed to
+    // a stream before it is told, and delivered, or not published at all.
+    if (impl->stopping) {
+        return;
+    }
     // Numbered and handed out in one hold of the lock that a connecting client's replay takes too.
     const auto frame = impl->journal.Append(event, data);
     const std::size_t cost = EventClient::FrameCost(*frame);
@@ -1524,7 +1583,7 @@ void HttpServer::Stop() {
         }
         for (const auto& weak : impl->eventSessions) {
             if (auto session = weak.lock()) {
-                net::post(session->Executor(), [session] { session->Close(); });
+                net::post(session->Executor(), [session] { session->Finish(); });
             }
         }
     }

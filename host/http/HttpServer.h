@@ -178,13 +178,14 @@ class HttpServer {
     // The event streams currently open. Thread-safe.
     std::size_t EventClientCount() const;
 
-    // Drains and stops: stops accepting (new connections are refused), closes idle connections and event
-    // streams, answers every request received whole but not yet started 503 "The service is shutting
-    // down.", waits for handlers in progress and writes their replies, all with "Connection: close", and
-    // joins every thread. Connections still busy a short grace period after the last handler returned
-    // are cut. A handler that never returns blocks Stop() forever: the owner releases blocked requests
-    // first. Idempotent; safe before Start(). Must not be called from the handler, the filter or any
-    // other code running on the server's threads. Thread-safe.
+    // Drains and stops: stops accepting (new connections are refused), closes idle connections, closes
+    // event streams once they have written the frames published before (a client that does not take
+    // them is closed after a second), answers every request received whole but not yet started, or
+    // arriving on an open connection, 503 "The service is shutting down.", waits for handlers in progress
+    // and writes their replies, all with "Connection: close", and joins every thread. Connections still busy
+    // a short grace period after the last handler returned are cut. A handler that never returns blocks
+    // Stop() forever: the owner releases blocked requests first. Idempotent; safe before Start(). Must not be
+    // called from the handler, the filter or any other code running on the server's threads. Thread-safe.
     void Stop();
 
     struct Impl;  // the transport's state, defined with the Beast code

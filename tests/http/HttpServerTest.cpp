@@ -1170,6 +1170,78 @@ TEST_F(HttpServerTest, StopAnswersEveryRequestReceivedBeforeIt) {
     ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
 }
 
+// More than the loopback's socket buffers hold between the two ends (the client's receive buffer is made
+// small): a reply or a stream this long is still being written until the client reads it.
+constexpr std::size_t kBeyondSocketBuffers = 32 << 20;
+constexpr int kSmallReceiveBuffer = 64 << 10;
+
+// A reply written as keep-alive just before the stop ends after the stop has begun; the client may
+// already have sent its next request on that connection. That request has arrived when the connection
+// would read on, and gets a reply (its handler's or a 503) before the close, never a bare close.
+TEST_F(HttpServerTest, RequestOnAConnectionKeptAliveAcrossTheStopIsAnswered) {
+    const auto big = std::make_shared<const std::string>(kBeyondSocketBuffers, 'x');
+    handler = [big](const HttpRequest& request) {
+        return request.target == "/big" ? HttpResponse{200, {{"Content-Type", "text/plain"}}, *big}
+                                        : Echo(request);
+    };
+    StartServer();
+    Client client(server->Port(), kSmallReceiveBuffer);
+    ASSERT_TRUE(client.Send(Request("GET", "/big")));
+    // Its header has arrived: the reply is being written, as keep-alive, and cannot end before the
+    // client reads the rest.
+    ASSERT_TRUE(client.ReadUntil("\r\n\r\n"));
+    auto stopped = std::async(std::launch::async, [server = server.get()] { server->Stop(); });
+    ASSERT_TRUE(NyTest::Eventually([this] { return !Client(server->Port()).Connected(); }));
+    ASSERT_TRUE(client.Send(Request("GET", "/next")));
+    const auto first = client.ReadReply();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->status, 200);
+    EXPECT_EQ(first->body.size(), big->size());
+    auto next = client.ReadReply();
+    ASSERT_TRUE(next) << "the request that followed the kept-alive reply got a bare close";
+    EXPECT_TRUE(next->status == 200 || next->status == 503) << next->status;
+    EXPECT_EQ(next->headers["connection"], "close");
+    EXPECT_TRUE(client.ReadUntilClosed());
+    ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
+}
+
+// Frames published before the stop reach a stream client that reads them, however far its connection
+// is behind when the stop begins; only then is the stream closed. The stop is seen to have begun when
+// a queued request is refused: the stream was told to close before that refusal was written.
+TEST_F(HttpServerTest, StopDeliversTheFramesPublishedBeforeItAndThenClosesTheStream) {
+    constexpr int kFrames = 4;
+    auto options = Options();
+    options.workerThreads = 1;
+    options.eventClientQueueBytes = 2 * kBeyondSocketBuffers;
+    BlockOn("/block");
+    StartServer(options);
+    auto stream = OpenStream(server->Port(), kSmallReceiveBuffer);
+    const std::string filler(kBeyondSocketBuffers / kFrames, 'y');
+    for (int i = 0; i < kFrames; ++i) {
+        server->PublishEvent("big", std::to_string(i) + filler);
+    }
+    Client holding(server->Port());
+    ASSERT_TRUE(holding.Send(Request("GET", "/block")));
+    ASSERT_TRUE(entered.Wait());
+    Client queued(server->Port());
+    ASSERT_TRUE(queued.Send(Request("GET", "/queued")));
+    ASSERT_TRUE(NyTest::Eventually([this] { return filtered == 3; }));
+
+    auto stopped = std::async(std::launch::async, [server = server.get()] { server->Stop(); });
+    const auto refusal = queued.ReadReply();
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->status, 503);
+    EXPECT_TRUE(stream->ReadUntilClosed());
+    release.Open();
+    EXPECT_TRUE(holding.ReadReply());
+    ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
+    const auto frames = TakeFrames(stream->received);
+    ASSERT_EQ(frames.size(), static_cast<std::size_t>(kFrames)) << "frames were lost at the stop";
+    for (int i = 0; i < kFrames; ++i) {
+        EXPECT_EQ(frames[i].data, std::to_string(i) + filler);
+    }
+}
+
 // A chunk-size line that never ends (a long extension, endless leading zeros, an endless trailer) must
 // be refused from a bounded buffer, long before the client is done sending.
 class ChunkLineAttack : public HttpServerTest, public ::testing::WithParamInterface<std::string> {};
