@@ -12,7 +12,10 @@ function(nyr_add_layer target)
     target_include_directories(${target} PUBLIC
       $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(${target} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE nyr_settings ${ARG_PRIVATE_DEPS})
-    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    # Installed, each library finds the others in its own folder: a loader follows an executable's run
+    # path only for the executable's direct dependencies, not for what the libraries need in turn.
+    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+                                               INSTALL_RPATH "$ORIGIN")
   endif()
   add_library(NyRoutine::${target} ALIAS ${target})
   install(TARGETS ${target} EXPORT NyRoutineTargets

@@ -196,15 +196,39 @@ bool CheckExposure(const HostOptions& options, std::string& error) {
     return true;
 }
 
+// "bin/../lib/x" -> "lib/x", symbolic links of the existing part resolved; as written when that fails.
+std::filesystem::path Normalized(const std::filesystem::path& path) {
+    std::error_code error;
+    auto resolved = std::filesystem::weakly_canonical(path, error);
+    return error ? path.lexically_normal() : resolved;
+}
+
 }  // namespace
 
-std::string Usage() {
+DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout) {
+    std::error_code error;
+    // equivalent() compares the files themselves, so a symbolic link to the build folder still counts;
+    // a build folder that no longer exists is an error here, and then the executable is an installed one.
+    const bool inBuildTree = !layout.buildBinDir.empty() &&
+                             std::filesystem::equivalent(executableDir, layout.buildBinDir, error) && !error;
+    if (inBuildTree) {
+        return {Normalized(layout.buildPluginDir), Normalized(layout.sourceWebDir)};
+    }
+    return {Normalized(executableDir / layout.installedPluginDir),
+            Normalized(executableDir / layout.installedWebDir)};
+}
+
+std::string Usage(const DefaultPaths& defaults) {
     return "Usage: routine-host [options]\n"
            "Serves the routine engine's REST API, its live events (/events) and the web console (/).\n\n"
            "  --listen HOST:PORT       address to listen on (default 127.0.0.1:8080; port 0 picks a free "
            "port)\n"
-           "  --plugins DIR            plug-in folder (default: ../plugins beside the executable's folder)\n"
-           "  --web DIR                folder of the web console\n"
+           "  --plugins DIR            plug-in folder (default: " +
+           defaults.pluginDir.string() +
+           ")\n"
+           "  --web DIR                folder of the web console (default: " +
+           defaults.webDir.string() +
+           ")\n"
            "  --log-level LEVEL        none, error, info (default) or debug\n"
            "  --token-file PATH        require \"Authorization: Bearer TOKEN\", TOKEN read from PATH (or "
            "set\n"

@@ -1,8 +1,10 @@
 // Command-line options of `routine-host`, read and checked in named steps (arguments, token, TLS,
-// exposure) so that each refusal names what to change. Plain data; no threads.
+// exposure) so that each refusal names what to change, and the default folders of plug-ins and console.
+// Plain data and pure functions; no threads.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,8 +17,8 @@ struct HostOptions {
 
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080;
-    std::string pluginDir;  // empty: the "plugins" folder beside the executable's "bin"
-    std::string webDir;     // empty: the console shipped with the build or the installation
+    std::string pluginDir;  // empty: DefaultPaths::pluginDir
+    std::string webDir;     // empty: DefaultPaths::webDir
     std::string logLevel = "info";
     std::string token;                      // bearer token; from --token-file, --token or NYR_TOKEN
     std::string tokenFile;                  // where the token was read from, if from a file
@@ -33,9 +35,34 @@ struct HostOptions {
     std::vector<std::string> warnings;  // for the operator, printed at start
 };
 
+// Where one build of the host puts its plug-ins and console, fixed when the build is configured.
+struct PathLayout {
+    // In the build tree: the executable's folder, the plug-ins it builds, the console's sources.
+    std::filesystem::path buildBinDir;
+    std::filesystem::path buildPluginDir;
+    std::filesystem::path sourceWebDir;
+    // Installed: relative to the installed executable's folder (e.g. "../lib/routine-host/plugins"), so
+    // that a prefix chosen at install time, and a distribution's library folder, still work.
+    std::filesystem::path installedPluginDir;
+    std::filesystem::path installedWebDir;
+};
+
+// The folders used when --plugins or --web is not given.
+struct DefaultPaths {
+    std::filesystem::path pluginDir;
+    std::filesystem::path webDir;
+};
+
+// The default folders for an executable that runs from `executableDir`: the build tree's when it is the
+// build tree's executable folder (the same folder, not merely the same name), else the installed ones
+// relative to it. Decided by where the executable is, never by which folder happens to exist, so that an
+// installed host never serves a build tree's files. The results are normalized (no "..").
+DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout);
+
 // Parses argv and the environment. Returns the options, or an error text for the user.
 std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& error);
-std::string Usage();
+// The usage text, naming the default folders.
+std::string Usage(const DefaultPaths& defaults);
 
 // True for 127.0.0.0/8, ::1 and "localhost".
 bool IsLoopback(const std::string& address);

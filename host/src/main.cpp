@@ -23,14 +23,11 @@ std::filesystem::path ExecutableDir() {
     return error ? std::filesystem::current_path() : self.parent_path();
 }
 
-std::filesystem::path DefaultWebDir() {
-    // Installed: <prefix>/bin/routine-host beside <prefix>/share/nyroutine/web; in the build tree the
-    // console is read from the source folder.
-    const auto installed = ExecutableDir() / ".." / "share" / "nyroutine" / "web";
-    if (std::filesystem::exists(installed / "index.html")) {
-        return installed;
-    }
-    return NYR_SOURCE_WEB_DIR;
+// The folders of this build, from its configuration (host/CMakeLists.txt).
+NyHost::DefaultPaths DefaultPaths() {
+    const NyHost::PathLayout layout{NYR_BUILD_BIN_DIR, NYR_BUILD_PLUGIN_DIR, NYR_SOURCE_WEB_DIR,
+                                    NYR_INSTALLED_PLUGIN_DIR, NYR_INSTALLED_WEB_DIR};
+    return NyHost::ResolveDefaultPaths(ExecutableDir(), layout);
 }
 
 // Which level words pass at each --log-level. The top bit marks the engine's words; the low bits
@@ -88,12 +85,13 @@ void InstallLogSinks(const std::string& level) {
 int main(int argc, char** argv) {
     std::string error;
     const auto options = NyHost::ParseOptions(argc, argv, error);
+    const NyHost::DefaultPaths defaults = DefaultPaths();
     if (!options) {
-        std::cerr << "routine-host: " << error << "\n\n" << NyHost::Usage();
+        std::cerr << "routine-host: " << error << "\n\n" << NyHost::Usage(defaults);
         return 2;
     }
     if (options->help) {
-        std::cout << NyHost::Usage();
+        std::cout << NyHost::Usage(defaults);
         return 0;
     }
 
@@ -110,11 +108,12 @@ int main(int argc, char** argv) {
         std::cerr << "routine-host: warning: " << warning << "\n";
     }
     InstallLogSinks(options->logLevel);
-    const std::filesystem::path pluginDir = options->pluginDir.empty()
-                                                ? ExecutableDir() / ".." / "plugins"
-                                                : std::filesystem::path(options->pluginDir);
+    const std::filesystem::path pluginDir =
+        options->pluginDir.empty() ? defaults.pluginDir : std::filesystem::path(options->pluginDir);
     const std::filesystem::path webDir =
-        options->webDir.empty() ? DefaultWebDir() : std::filesystem::path(options->webDir);
+        options->webDir.empty() ? defaults.webDir : std::filesystem::path(options->webDir);
+    NY_LOG(Ny::Logging::Level::Notice, "Plug-ins from %1$s, console from %2$s", pluginDir.c_str(),
+           webDir.c_str());
 
     NyHost::HostService service(*options, pluginDir, webDir);
     try {
