@@ -26,8 +26,8 @@ void WalkChain(const std::exception& e, Visit&& visit) {
 
 }  // namespace
 
-Exception::Exception(int lineIn, const char* fileIn, int statusIn, const char* contextIn, const char* format,
-                     ...)
+Exception::Exception(Unchecked, int lineIn, const char* fileIn, int statusIn, const char* contextIn,
+                     const char* format, ...)
     : line(lineIn), file(fileIn ? fileIn : ""), status(statusIn), context(contextIn ? contextIn : "") {
     if (format != nullptr) {
         va_list args;

@@ -28,8 +28,8 @@ LogSink SetSink(LogSink next) {
     return previous ? *previous : LogSink{};
 }
 
-void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context,
-                  const char* format, ...) {
+void Ny_Debug_LogUnchecked(int line, const char* file, std::uint64_t levelWord, const char* context,
+                           const char* format, ...) {
     if (!hasSink.load(std::memory_order_relaxed) || format == nullptr) {
         return;
     }

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "NyApi/PrintfArgument.h"
+
 namespace Ny {
 
 class Exception : public std::exception {
@@ -30,9 +32,15 @@ class Exception : public std::exception {
         bool operator==(const FieldRefusal&) const = default;
     };
 
-    // `format` may be null (no message). Throws nothing itself.
-    // No printf format attribute: the compiler's checker flags positional placeholders under -Wpedantic.
-    Exception(int line, const char* file, int status, const char* context, const char* format = nullptr, ...);
+    // No message. Throws nothing itself.
+    Exception(int lineIn, const char* fileIn, int statusIn, const char* contextIn)
+        : Exception(Unchecked{}, lineIn, fileIn, statusIn, contextIn, nullptr) {}
+    // The message formatted from `format` (may be null: no message) and `args`, which are checked at
+    // compile time (see PrintfArgument.h: pass text as .c_str()). Throws nothing itself.
+    template <PrintfArgument... Args>
+    Exception(int lineIn, const char* fileIn, int statusIn, const char* contextIn, const char* format,
+              Args... args)
+        : Exception(Unchecked{}, lineIn, fileIn, statusIn, contextIn, format, args...) {}
 
     int Status() const noexcept { return status; }
     int Line() const noexcept { return line; }
@@ -59,6 +67,12 @@ class Exception : public std::exception {
     static std::vector<std::string> NestedMessages(const std::exception& e);
 
   private:
+    struct Unchecked {};
+    // The printf-style constructor behind the checked one. No format attribute: the compiler's checker
+    // flags positional placeholders under -Wpedantic.
+    Exception(Unchecked, int line, const char* file, int status, const char* context, const char* format,
+              ...);
+
     int line;
     std::string file;
     int status;

@@ -11,6 +11,8 @@
 #include <functional>
 #include <string>
 
+#include "NyApi/PrintfArgument.h"
+
 namespace Ny::Logging {
 
 namespace Level {
@@ -32,9 +34,17 @@ struct LogRecord {
 
 using LogSink = std::function<void(const LogRecord&)>;
 
+// The printf-style entry point behind Ny_Debug_Log; call Ny_Debug_Log (or NY_LOG), whose arguments are
+// checked. Positional placeholders: no format attribute (see PrintfArgument.h).
+void Ny_Debug_LogUnchecked(int line, const char* file, std::uint64_t levelWord, const char* context,
+                           const char* format, ...);
+
+// Formats and delivers one line. The arguments are checked at compile time (see PrintfArgument.h).
+template <PrintfArgument... Args>
 void Ny_Debug_Log(int line, const char* file, std::uint64_t levelWord, const char* context,
-                  const char* format,
-                  ...);  // positional placeholders: no format attribute (see Exception.h)
+                  const char* format, Args... args) {
+    Ny_Debug_LogUnchecked(line, file, levelWord, context, format, args...);
+}
 
 // Replaces the process-wide sink (an empty function drops every line); returns the previous sink.
 LogSink SetSink(LogSink sink);
