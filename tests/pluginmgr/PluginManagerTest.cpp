@@ -485,7 +485,10 @@ TEST(PluginReload, AChangedFileThatDoesNotLoadLeavesTheLoadedLibraryInService) {
             << cause;
         // The loader's message names the file the operator knows, not the private copy.
         EXPECT_EQ(cause.find("nyr-plugins-"), std::string::npos) << cause;
-        EXPECT_NE(cause.find("The library loaded before stays in service."), std::string::npos) << cause;
+        // The loader's words end without a full stop: the sentence that follows still starts as one.
+        EXPECT_NE(cause.find("file too short. The library loaded before stays in service."),
+                  std::string::npos)
+            << cause;
         EXPECT_EQ(summary.libraries, 1u);
     }
     EXPECT_TRUE(events.Take().empty());

@@ -57,14 +57,32 @@ fs::path Normalized(const fs::path& path) {
     }
 }
 
+// Appends the sentence `next` to `text`. Messages from elsewhere (the loader's, the system's) may end
+// without a full stop; the one that follows must still read as a sentence of its own.
+std::string JoinSentences(std::string text, const std::string& next) {
+    if (next.empty()) {
+        return text;
+    }
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\n')) {
+        text.pop_back();
+    }
+    if (!text.empty() && text.back() != '.' && text.back() != '!' && text.back() != '?') {
+        text += '.';
+    }
+    return text.empty() ? next : text + " " + next;
+}
+
 // A failure that LoadDirectory or Rescan catches to go on with the other files: logged and collected.
+// `addendum` is a sentence that follows the failure's message.
 void Refuse(RescanSummary& summary, const char* what, const fs::path& file, const std::exception& e,
-            const char* addendum = "") {
+            const std::string& addendum = {}) {
     NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in %1$s %2$s.", file.string().c_str(), what);
     Ny::Exception::LogException(e, 0);
     Ny::Exception::LogBackTrace(e);
-    summary.refused.push_back({file, std::string(e.what()) + addendum});
+    summary.refused.push_back({file, JoinSentences(e.what(), addendum)});
 }
+
+constexpr const char* kOldStays = "The library loaded before stays in service.";
 
 // "2 (a.so, b.so)", or "0".
 std::string CountAndNames(const std::vector<fs::path>& files) {
@@ -366,8 +384,7 @@ void PluginManager::ReloadLocked(const std::shared_ptr<PluginLib>& lib, RescanSu
     try {
         next.emplace(PrepareLocked(path));
     } catch (const std::exception& e) {
-        Refuse(summary, "changed but is refused; the library loaded before stays", path, e,
-               " The library loaded before stays in service.");
+        Refuse(summary, "changed but is refused; the library loaded before stays", path, e, kOldStays);
         return;
     }
     // The old library goes before the new one comes: both offer the same routine types, and a type
@@ -462,8 +479,7 @@ RescanSummary PluginManager::Rescan(const fs::path& folder) {
                 continue;
             }
         } catch (const std::exception& e) {
-            Refuse(summary, "cannot be read; the library loaded before stays", path, e,
-                   " The library loaded before stays in service.");
+            Refuse(summary, "cannot be read; the library loaded before stays", path, e, kOldStays);
             continue;
         }
         ReloadLocked(lib, summary);
