@@ -3,14 +3,17 @@
 // changes.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <latch>
 #include <mutex>
 #include <optional>
@@ -622,6 +625,137 @@ TEST(PluginReload, ReadersSeeWholeLibrariesWhileRescansReload) {
     EXPECT_EQ(reloads, 20u);
     EXPECT_EQ(unexpected, (std::vector<unsigned>{0, 0}));
     EXPECT_EQ(plugins.Count(), 1u);
+}
+
+std::string ReadAll(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Where a real library may be cut short, read from its own headers: inside the identification and
+// the ELF header, inside the program headers, inside and at the end of each loadable segment, just
+// short of the end (the section headers), and at the round sizes seen in the field.
+std::vector<size_t> CutsOf(const std::string& library) {
+    ElfW(Ehdr) header{};
+    std::memcpy(&header, library.data(), sizeof header);
+    std::vector<size_t> cuts{10, sizeof header - 1, header.e_phoff + header.e_phentsize / 2,
+                             header.e_phoff + size_t{header.e_phnum} * header.e_phentsize - 1};
+    for (size_t i = 0; i < header.e_phnum; ++i) {
+        ElfW(Phdr) segment{};
+        std::memcpy(&segment, library.data() + header.e_phoff + i * header.e_phentsize, sizeof segment);
+        if (segment.p_type == PT_LOAD && segment.p_filesz > 1) {
+            cuts.push_back(segment.p_offset + segment.p_filesz / 2);
+            cuts.push_back(segment.p_offset + segment.p_filesz - 1);
+        }
+    }
+    for (size_t size : {size_t{1000}, size_t{5000}, size_t{100000}, library.size() - 1}) {
+        cuts.push_back(size);
+    }
+    std::erase_if(cuts, [&library](size_t cut) { return cut >= library.size(); });
+    return cuts;
+}
+
+void WriteFile(const fs::path& file, const std::string& bytes) {
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// A library cut short (a half-written copy, a full disk) would make the loader map pages past the end
+// of the file and the process die of SIGBUS; it is refused by name instead, at a load and at a rescan,
+// and a library loaded before stays in service.
+TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    const std::string whole = ReadAll(ReloadV2);
+    const auto cuts = CutsOf(whole);
+    ASSERT_GE(cuts.size(), 8u);
+
+    const fs::path loose = folder.path / "cut.so";
+    for (const size_t cut : cuts) {
+        WriteFile(loose, whole.substr(0, cut));
+        const auto [status, message] = Failure([&] { plugins.Load(loose); });
+        EXPECT_EQ(status, Ny::Status::InvalidValue) << cut;
+        EXPECT_EQ(message.rfind("Plug-in " + loose.string() + " is not a complete shared library: ", 0), 0u)
+            << cut << ": " << message;
+    }
+    // Shorter than the ELF magic: the loader refuses it from its own read, mapping nothing.
+    WriteFile(loose, whole.substr(0, 2));
+    EXPECT_EQ(Failure([&] { plugins.Load(loose); }).first, Ny::Status::InvalidValue);
+    EXPECT_EQ(plugins.Count(), 0u);
+    fs::remove(loose);
+
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    const PluginLib& loaded = plugins.At(0);
+    for (const size_t cut : cuts) {
+        WriteFile(folder.path / "r.so", whole.substr(0, cut));
+        const auto summary = plugins.Rescan(folder.path);
+        ASSERT_EQ(summary.refused.size(), 1u) << cut;
+        const std::string& cause = summary.refused[0].cause;
+        EXPECT_NE(cause.find((folder.path / "r.so").string() + " is not a complete shared library: "),
+                  std::string::npos)
+            << cut << ": " << cause;
+        EXPECT_NE(cause.find(". The library loaded before stays in service."), std::string::npos) << cause;
+        EXPECT_TRUE(summary.reloaded.empty()) << cut;
+    }
+    ASSERT_EQ(plugins.Count(), 1u);
+    EXPECT_EQ(&plugins.At(0), &loaded);
+    EXPECT_EQ(FirstGreeting(loaded), "version 1, entry call 1 greets host");
+
+    WriteFile(folder.path / "r.so", whole);
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
+}
+
+// A slow writer overwrites the library in place while rescans run: each rescan sees some prefix of the
+// new file, refuses it or reloads it whole, and never takes the process down.
+TEST(PluginFile, RescansWhileTheLibraryIsRewrittenInPlaceNeverCrash) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    const std::string whole = ReadAll(ReloadV2);
+    constexpr size_t kWriteBytes = 4096;
+    std::atomic<bool> written{false};
+    std::thread writer([&] {
+        std::ofstream out(folder.path / "r.so", std::ios::binary | std::ios::trunc);
+        for (size_t at = 0; at < whole.size(); at += kWriteBytes) {
+            out.write(whole.data() + at,
+                      static_cast<std::streamsize>(std::min(kWriteBytes, whole.size() - at)));
+            out.flush();
+        }
+        out.close();
+        written = true;
+    });
+    unsigned rescans = 0;
+    while (!written.load()) {
+        const auto summary = plugins.Rescan(folder.path);
+        ++rescans;
+        for (const auto& refusal : summary.refused) {
+            EXPECT_NE(refusal.cause.find(" stays in service."), std::string::npos) << refusal.cause;
+        }
+        ASSERT_EQ(plugins.Count(), 1u);
+    }
+    writer.join();
+    plugins.Rescan(folder.path);
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host") << rescans << " rescans";
+}
+
+// The last line before the loader runs a library's static constructors names the file: if one of them
+// aborts the process, that line names the culprit.
+TEST(PluginFile, NamesEachFileBeforeTheLoaderRunsIt) {
+    NyTest::LogCapture log;
+    PluginManager plugins;
+    plugins.Load(Libs / "a_greeters.so");
+    EXPECT_THROW(plugins.Load(Libs / "c_not_a_library.so"), Ny::Exception);
+    const auto lines = log.Texts(Ny::Logging::Level::Progress);
+    const std::string loading = "Loading plug-in " + (Libs / "a_greeters.so").string();
+    const auto first = std::find(lines.begin(), lines.end(), loading);
+    ASSERT_NE(first, lines.end()) << ::testing::PrintToString(lines);
+    const auto loaded = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("a_greeters.so loaded (") != std::string::npos;
+    });
+    EXPECT_LT(first, loaded);
+    EXPECT_TRUE(Mentions(lines, "Loading plug-in " + (Libs / "c_not_a_library.so").string()));
 }
 
 TEST(PluginBuild, ExportsOnlyTheEntryPoints) {

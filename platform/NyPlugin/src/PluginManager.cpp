@@ -227,6 +227,11 @@ PluginManager::Prepared PluginManager::PrepareLocked(const fs::path& path) {
         prepared.copy.clear();  // nothing of it is left to remove
         throw;
     }
+    // Before the loader maps anything: a file cut short would kill the process with SIGBUS in there.
+    Internal::CheckComplete(prepared.copy, file);
+    // The loader runs the library's static constructors, which may abort the process: the last line
+    // before that names the file.
+    NY_LOG(Ny::Logging::Level::Progress, "Loading plug-in %s", file.c_str());
     // RTLD_NOW: a missing symbol refuses the library here instead of crashing a routine later.
     // RTLD_LOCAL: plug-ins do not see each other's symbols. RTLD_NODELETE: see PluginManager.h.
     prepared.handle.reset(dlopen(prepared.copy.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
