@@ -758,6 +758,44 @@ TEST(PluginFile, NamesEachFileBeforeTheLoaderRunsIt) {
     EXPECT_TRUE(Mentions(lines, "Loading plug-in " + (Libs / "c_not_a_library.so").string()));
 }
 
+// Entries named like libraries that are no library file: a folder, a dangling symbolic link, a named
+// pipe (whose opening would block the loading thread for good). Each is refused by name, counted and
+// logged like any other refusal, and the libraries beside them load.
+TEST(PluginFile, AnEntryThatIsNoFileIsRefusedByName) {
+    NyTest::LogCapture log;
+    ScratchFolder folder;
+    folder.Add("a_greeters.so", "a.so");
+    fs::create_directory(folder.path / "x.so");
+    fs::create_symlink(folder.path / "gone.so", folder.path / "y.so");
+    ASSERT_EQ(::mkfifo((folder.path / "z.so").c_str(), 0600), 0);
+    PluginManager plugins;
+
+    const auto refused = plugins.LoadDirectory(folder.path);
+    EXPECT_EQ(plugins.Count(), 1u);
+    ASSERT_EQ(refused.size(), 3u) << ::testing::PrintToString(refused);
+    EXPECT_NE(refused[0].find((folder.path / "x.so").string() + " is a folder"), std::string::npos)
+        << refused[0];
+    EXPECT_NE(refused[1].find((folder.path / "y.so").string() + " is a symbolic link to "), std::string::npos)
+        << refused[1];
+    EXPECT_NE(refused[2].find((folder.path / "z.so").string() + " is not a regular file"), std::string::npos)
+        << refused[2];
+    const auto failures = log.Texts(Ny::Logging::Level::CaughtFailure);
+    for (const char* name : {"x.so", "y.so", "z.so"}) {
+        EXPECT_TRUE(Mentions(failures, "Plug-in " + (folder.path / name).string() + " refused.")) << name;
+    }
+
+    const auto summary = plugins.Rescan(folder.path);
+    EXPECT_EQ(summary.refused.size(), 3u) << summary.Text();
+    EXPECT_EQ(summary.libraries, 1u);
+
+    // Named directly, none of them is opened as a library either (the dangling link names a file that
+    // does not exist).
+    EXPECT_EQ(Failure([&] { plugins.Load(folder.path / "y.so"); }).first, Ny::Status::NotFound);
+    for (const char* name : {"x.so", "z.so"}) {
+        EXPECT_EQ(Failure([&] { plugins.Load(folder.path / name); }).first, Ny::Status::InvalidValue) << name;
+    }
+}
+
 TEST(PluginBuild, ExportsOnlyTheEntryPoints) {
     void* handle = dlopen((Libs / "a_greeters.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(handle, nullptr) << dlerror();

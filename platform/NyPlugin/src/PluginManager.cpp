@@ -351,22 +351,51 @@ PluginManager::FolderFiles PluginManager::ListFolder(const fs::path& folder) {
     std::error_code error;
     fs::directory_iterator entries(folder, error);
     for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {
-        std::error_code typeError;
-        // is_regular_file follows symbolic links: a link to a library in another folder counts as a file
-        // of this one (Normalized resolves it afterwards, and the library is named by its target).
-        if (entries->path().extension() == ".so" && entries->is_regular_file(typeError)) {
-            listing.files.push_back(entries->path());
+        if (entries->path().extension() != ".so") {
+            continue;
         }
+        // status() follows symbolic links: a link to a library in another folder counts as a file of
+        // this one (Normalized resolves it afterwards, and the library is named by its target).
+        std::error_code typeError;
+        const fs::file_status status = entries->status(typeError);
+        if (fs::is_regular_file(status)) {
+            listing.files.push_back(entries->path());
+            continue;
+        }
+        // Named like a library but none: the operator hears of it like of any other refusal, instead
+        // of wondering why the plug-in is missing.
+        const fs::path& entry = entries->path();
+        std::string why;
+        if (entries->is_symlink(typeError) && !fs::exists(status)) {
+            std::error_code linkError;
+            why = "is a symbolic link to " + fs::read_symlink(entry, linkError).string() +
+                  ", which does not exist";
+        } else if (fs::is_directory(status)) {
+            why = "is a folder, not a library file";
+        } else {
+            why = "is not a regular file";
+        }
+        listing.skipped.push_back({entry, "Plug-in " + entry.string() + " " + why + "."});
     }
     if (error) {
         listing.files.clear();
+        listing.skipped.clear();
         listing.refusal = "Plug-in folder " + folder.string() + " cannot be read: " + error.message();
         return listing;
     }
     std::sort(listing.files.begin(), listing.files.end(), [](const fs::path& a, const fs::path& b) {
         return a.filename().string() < b.filename().string();
     });
+    std::sort(listing.skipped.begin(), listing.skipped.end(), [](const auto& a, const auto& b) {
+        return a.first.filename().string() < b.first.filename().string();
+    });
     return listing;
+}
+
+void PluginManager::RefuseSkipped(const FolderFiles& listing, RescanSummary& summary) {
+    for (const auto& [entry, reason] : listing.skipped) {
+        Refuse(summary, "refused", entry, NY_EXCEPTION(Ny::Status::InvalidValue, "%s", reason.c_str()));
+    }
 }
 
 void PluginManager::LoadNewLocked(const fs::path& path, RescanSummary& summary) {
@@ -418,6 +447,7 @@ std::vector<std::string> PluginManager::LoadDirectory(const fs::path& folder) {
         return {listing.refusal};
     }
     RescanSummary summary;
+    RefuseSkipped(listing, summary);
     for (const auto& file : listing.files) {
         const fs::path normal = Normalized(file);
         if (!FindLocked(normal)) {
@@ -449,6 +479,7 @@ RescanSummary PluginManager::Rescan(const fs::path& folder) {
         return summary;
     }
     summary.files = listing.files.size();
+    RefuseSkipped(listing, summary);
     std::vector<fs::path> present;
     for (const auto& file : listing.files) {
         present.push_back(Normalized(file));

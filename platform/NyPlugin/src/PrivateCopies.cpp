@@ -62,9 +62,18 @@ struct DigestFree {
 
 // Reads `from` to its end, hashing every byte and writing it to `out` when that is a descriptor.
 std::string HashCopying(const fs::path& from, int out, const fs::path& to) {
-    FileDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    // O_NONBLOCK: opening a named pipe must not wait for a writer; reads of a regular file ignore it.
+    FileDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (in.Get() < 0) {
         ThrowCannotRead(from, errno);
+    }
+    struct stat status {};
+    if (::fstat(in.Get(), &status) != 0) {
+        ThrowCannotRead(from, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %s is not a regular file.",
+                           from.string().c_str());
     }
     const std::unique_ptr<EVP_MD_CTX, DigestFree> context(EVP_MD_CTX_new());
     if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {

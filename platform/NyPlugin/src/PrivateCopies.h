@@ -18,7 +18,7 @@ std::filesystem::path MakePrivateFolder();
 // Copies `from` into the new file `to` (owner read and write only; an existing `to` is refused) and
 // returns the SHA-256 of the bytes copied as 64 lower-case hex digits. On failure removes what it
 // wrote and throws Ny::Exception naming `from`: NotFound when it does not exist, InvalidValue when it
-// cannot be read or copied.
+// is no regular file (a folder, a named pipe: never blocks on one) or cannot be read or copied.
 std::string CopyHashed(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // The SHA-256 of the content of `file`, as CopyHashed returns it. Throws as CopyHashed does.
