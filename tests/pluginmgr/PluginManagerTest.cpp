@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +26,7 @@
 
 #include "LogCapture.h"
 #include "NyApi/Exception.h"
+#include "NyApi/Mutex.h"
 #include "NyPlugin/PluginExport.h"
 #include "NyPlugin/PluginManager.h"
 #include "TestObjects.h"
@@ -706,38 +709,72 @@ TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
     EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
 }
 
-// A slow writer overwrites the library in place while rescans run: each rescan sees some prefix of the
-// new file, refuses it or reloads it whole, and never takes the process down.
+// A slow writer overwrites the library in place while rescans run (an operator's `cp` and a SIGHUP):
+// after each chunk it waits for one rescan, so that every prefix of the new file is rescanned. Each
+// rescan refuses it and keeps the old library, until the whole file reloads; the process lives on.
 TEST(PluginFile, RescansWhileTheLibraryIsRewrittenInPlaceNeverCrash) {
     ScratchFolder folder;
     PluginManager plugins;
     fs::copy_file(ReloadV1, folder.path / "r.so");
     plugins.Rescan(folder.path);
+    const PluginLib& old = plugins.At(0);
     const std::string whole = ReadAll(ReloadV2);
-    constexpr size_t kWriteBytes = 4096;
-    std::atomic<bool> written{false};
+    constexpr size_t kChunkBytes = 64 * 1024;
+    constexpr auto kGenerousWait = std::chrono::seconds(60);
+    struct {
+        Ny::Mutex mutex;
+        Ny::CondVar changed;
+        size_t chunks NY_GUARDED_BY(mutex) = 0;   // chunks written, each flushed
+        size_t rescans NY_GUARDED_BY(mutex) = 0;  // rescans done
+        bool writerDone NY_GUARDED_BY(mutex) = false;
+    } turn;
     std::thread writer([&] {
         std::ofstream out(folder.path / "r.so", std::ios::binary | std::ios::trunc);
-        for (size_t at = 0; at < whole.size(); at += kWriteBytes) {
+        for (size_t at = 0; at < whole.size(); at += kChunkBytes) {
             out.write(whole.data() + at,
-                      static_cast<std::streamsize>(std::min(kWriteBytes, whole.size() - at)));
+                      static_cast<std::streamsize>(std::min(kChunkBytes, whole.size() - at)));
             out.flush();
+            Ny::MutexLock guard(turn.mutex);
+            const size_t written = ++turn.chunks;
+            turn.changed.NotifyAll();
+            while (turn.rescans < written && turn.changed.WaitFor(turn.mutex, kGenerousWait)) {
+            }
         }
-        out.close();
-        written = true;
+        Ny::MutexLock guard(turn.mutex);
+        turn.writerDone = true;
+        turn.changed.NotifyAll();
     });
-    unsigned rescans = 0;
-    while (!written.load()) {
+    size_t refusedPrefixes = 0;
+    size_t reloads = 0;
+    for (size_t seen = 0;;) {
+        {
+            Ny::MutexLock guard(turn.mutex);
+            while (turn.chunks == seen && !turn.writerDone &&
+                   turn.changed.WaitFor(turn.mutex, kGenerousWait)) {
+            }
+            if (turn.chunks == seen) {
+                break;  // the writer is done (or stuck: the counts below tell)
+            }
+            seen = turn.chunks;
+        }
         const auto summary = plugins.Rescan(folder.path);
-        ++rescans;
+        reloads += summary.reloaded.size();
         for (const auto& refusal : summary.refused) {
-            EXPECT_NE(refusal.cause.find(" stays in service."), std::string::npos) << refusal.cause;
+            ++refusedPrefixes;
+            EXPECT_NE(refusal.cause.find(" is not a complete shared library: "), std::string::npos)
+                << refusal.cause;
         }
         ASSERT_EQ(plugins.Count(), 1u);
+        Ny::MutexLock guard(turn.mutex);
+        ++turn.rescans;
+        turn.changed.NotifyAll();
     }
     writer.join();
-    plugins.Rescan(folder.path);
-    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host") << rescans << " rescans";
+    const size_t chunks = (whole.size() + kChunkBytes - 1) / kChunkBytes;
+    EXPECT_EQ(refusedPrefixes, chunks - 1);  // every prefix but the whole file
+    EXPECT_EQ(reloads, 1u);
+    EXPECT_FALSE(old.Loaded());
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
 }
 
 // The last line before the loader runs a library's static constructors names the file: if one of them
