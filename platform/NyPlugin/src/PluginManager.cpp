@@ -478,7 +478,9 @@ RescanSummary PluginManager::Rescan(const fs::path& folder) {
         summary.libraries = countFolderLibraries();
         return summary;
     }
-    summary.files = listing.files.size();
+    // Entries refused as no library file count as files: a host whose folder holds only such entries
+    // warns that every one was refused, instead of that the folder holds none.
+    summary.files = listing.files.size() + listing.skipped.size();
     RefuseSkipped(listing, summary);
     std::vector<fs::path> present;
     for (const auto& file : listing.files) {

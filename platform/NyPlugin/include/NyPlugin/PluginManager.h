@@ -67,7 +67,7 @@ struct RescanSummary {
     // Files that could not be loaded or reloaded, and changes whose event handlers failed (the change
     // itself stands, and the file is listed above as well).
     std::vector<Refusal> refused;
-    std::size_t files = 0;      // the "*.so" files the folder holds
+    std::size_t files = 0;      // the "*.so" entries the folder holds, also those that are no file
     std::size_t libraries = 0;  // the libraries of the folder loaded once the rescan is over
 
     // "loaded 1 (b.so), reloaded 0, unloaded 1 (a.so), refused 1 (c.so: <cause>)", file names only.
