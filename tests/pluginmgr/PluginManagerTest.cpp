@@ -3,14 +3,19 @@
 // changes.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <latch>
 #include <mutex>
 #include <optional>
@@ -21,6 +26,7 @@
 
 #include "LogCapture.h"
 #include "NyApi/Exception.h"
+#include "NyApi/Mutex.h"
 #include "NyPlugin/PluginExport.h"
 #include "NyPlugin/PluginManager.h"
 #include "TestObjects.h"
@@ -485,7 +491,10 @@ TEST(PluginReload, AChangedFileThatDoesNotLoadLeavesTheLoadedLibraryInService) {
             << cause;
         // The loader's message names the file the operator knows, not the private copy.
         EXPECT_EQ(cause.find("nyr-plugins-"), std::string::npos) << cause;
-        EXPECT_NE(cause.find("The library loaded before stays in service."), std::string::npos) << cause;
+        // The loader's words end without a full stop: the sentence that follows still starts as one.
+        EXPECT_NE(cause.find("file too short. The library loaded before stays in service."),
+                  std::string::npos)
+            << cause;
         EXPECT_EQ(summary.libraries, 1u);
     }
     EXPECT_TRUE(events.Take().empty());
@@ -619,6 +628,210 @@ TEST(PluginReload, ReadersSeeWholeLibrariesWhileRescansReload) {
     EXPECT_EQ(reloads, 20u);
     EXPECT_EQ(unexpected, (std::vector<unsigned>{0, 0}));
     EXPECT_EQ(plugins.Count(), 1u);
+}
+
+std::string ReadAll(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Where a real library may be cut short, read from its own headers: inside the identification and
+// the ELF header, inside the program headers, inside and at the end of each loadable segment, just
+// short of the end (the section headers), and at the round sizes seen in the field.
+std::vector<size_t> CutsOf(const std::string& library) {
+    ElfW(Ehdr) header{};
+    std::memcpy(&header, library.data(), sizeof header);
+    std::vector<size_t> cuts{10, sizeof header - 1, header.e_phoff + header.e_phentsize / 2,
+                             header.e_phoff + size_t{header.e_phnum} * header.e_phentsize - 1};
+    for (size_t i = 0; i < header.e_phnum; ++i) {
+        ElfW(Phdr) segment{};
+        std::memcpy(&segment, library.data() + header.e_phoff + i * header.e_phentsize, sizeof segment);
+        if (segment.p_type == PT_LOAD && segment.p_filesz > 1) {
+            cuts.push_back(segment.p_offset + segment.p_filesz / 2);
+            cuts.push_back(segment.p_offset + segment.p_filesz - 1);
+        }
+    }
+    for (size_t size : {size_t{1000}, size_t{5000}, size_t{100000}, library.size() - 1}) {
+        cuts.push_back(size);
+    }
+    std::erase_if(cuts, [&library](size_t cut) { return cut >= library.size(); });
+    return cuts;
+}
+
+void WriteFile(const fs::path& file, const std::string& bytes) {
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// A library cut short (a half-written copy, a full disk) would make the loader map pages past the end
+// of the file and the process die of SIGBUS; it is refused by name instead, at a load and at a rescan,
+// and a library loaded before stays in service.
+TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    const std::string whole = ReadAll(ReloadV2);
+    const auto cuts = CutsOf(whole);
+    ASSERT_GE(cuts.size(), 8u);
+
+    const fs::path loose = folder.path / "cut.so";
+    for (const size_t cut : cuts) {
+        WriteFile(loose, whole.substr(0, cut));
+        const auto [status, message] = Failure([&] { plugins.Load(loose); });
+        EXPECT_EQ(status, Ny::Status::InvalidValue) << cut;
+        EXPECT_EQ(message.rfind("Plug-in " + loose.string() + " is not a complete shared library: ", 0), 0u)
+            << cut << ": " << message;
+    }
+    // Shorter than the ELF magic: the loader refuses it from its own read, mapping nothing.
+    WriteFile(loose, whole.substr(0, 2));
+    EXPECT_EQ(Failure([&] { plugins.Load(loose); }).first, Ny::Status::InvalidValue);
+    EXPECT_EQ(plugins.Count(), 0u);
+    fs::remove(loose);
+
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    const PluginLib& loaded = plugins.At(0);
+    for (const size_t cut : cuts) {
+        WriteFile(folder.path / "r.so", whole.substr(0, cut));
+        const auto summary = plugins.Rescan(folder.path);
+        ASSERT_EQ(summary.refused.size(), 1u) << cut;
+        const std::string& cause = summary.refused[0].cause;
+        EXPECT_NE(cause.find((folder.path / "r.so").string() + " is not a complete shared library: "),
+                  std::string::npos)
+            << cut << ": " << cause;
+        EXPECT_NE(cause.find(". The library loaded before stays in service."), std::string::npos) << cause;
+        EXPECT_TRUE(summary.reloaded.empty()) << cut;
+    }
+    ASSERT_EQ(plugins.Count(), 1u);
+    EXPECT_EQ(&plugins.At(0), &loaded);
+    EXPECT_EQ(FirstGreeting(loaded), "version 1, entry call 1 greets host");
+
+    WriteFile(folder.path / "r.so", whole);
+    EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
+}
+
+// A slow writer overwrites the library in place while rescans run (an operator's `cp` and a SIGHUP):
+// after each chunk it waits for one rescan, so that every prefix of the new file is rescanned. Each
+// rescan refuses it and keeps the old library, until the whole file reloads; the process lives on.
+TEST(PluginFile, RescansWhileTheLibraryIsRewrittenInPlaceNeverCrash) {
+    ScratchFolder folder;
+    PluginManager plugins;
+    fs::copy_file(ReloadV1, folder.path / "r.so");
+    plugins.Rescan(folder.path);
+    const PluginLib& old = plugins.At(0);
+    const std::string whole = ReadAll(ReloadV2);
+    constexpr size_t kChunkBytes = 64 * 1024;
+    constexpr auto kGenerousWait = std::chrono::seconds(60);
+    struct {
+        Ny::Mutex mutex;
+        Ny::CondVar changed;
+        size_t chunks NY_GUARDED_BY(mutex) = 0;   // chunks written, each flushed
+        size_t rescans NY_GUARDED_BY(mutex) = 0;  // rescans done
+        bool writerDone NY_GUARDED_BY(mutex) = false;
+    } turn;
+    std::thread writer([&] {
+        std::ofstream out(folder.path / "r.so", std::ios::binary | std::ios::trunc);
+        for (size_t at = 0; at < whole.size(); at += kChunkBytes) {
+            out.write(whole.data() + at,
+                      static_cast<std::streamsize>(std::min(kChunkBytes, whole.size() - at)));
+            out.flush();
+            Ny::MutexLock guard(turn.mutex);
+            const size_t written = ++turn.chunks;
+            turn.changed.NotifyAll();
+            while (turn.rescans < written && turn.changed.WaitFor(turn.mutex, kGenerousWait)) {
+            }
+        }
+        Ny::MutexLock guard(turn.mutex);
+        turn.writerDone = true;
+        turn.changed.NotifyAll();
+    });
+    size_t refusedPrefixes = 0;
+    size_t reloads = 0;
+    for (size_t seen = 0;;) {
+        {
+            Ny::MutexLock guard(turn.mutex);
+            while (turn.chunks == seen && !turn.writerDone &&
+                   turn.changed.WaitFor(turn.mutex, kGenerousWait)) {
+            }
+            if (turn.chunks == seen) {
+                break;  // the writer is done (or stuck: the counts below tell)
+            }
+            seen = turn.chunks;
+        }
+        const auto summary = plugins.Rescan(folder.path);
+        reloads += summary.reloaded.size();
+        for (const auto& refusal : summary.refused) {
+            ++refusedPrefixes;
+            EXPECT_NE(refusal.cause.find(" is not a complete shared library: "), std::string::npos)
+                << refusal.cause;
+        }
+        ASSERT_EQ(plugins.Count(), 1u);
+        Ny::MutexLock guard(turn.mutex);
+        ++turn.rescans;
+        turn.changed.NotifyAll();
+    }
+    writer.join();
+    const size_t chunks = (whole.size() + kChunkBytes - 1) / kChunkBytes;
+    EXPECT_EQ(refusedPrefixes, chunks - 1);  // every prefix but the whole file
+    EXPECT_EQ(reloads, 1u);
+    EXPECT_FALSE(old.Loaded());
+    EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
+}
+
+// The last line before the loader runs a library's static constructors names the file: if one of them
+// aborts the process, that line names the culprit.
+TEST(PluginFile, NamesEachFileBeforeTheLoaderRunsIt) {
+    NyTest::LogCapture log;
+    PluginManager plugins;
+    plugins.Load(Libs / "a_greeters.so");
+    EXPECT_THROW(plugins.Load(Libs / "c_not_a_library.so"), Ny::Exception);
+    const auto lines = log.Texts(Ny::Logging::Level::Progress);
+    const std::string loading = "Loading plug-in " + (Libs / "a_greeters.so").string();
+    const auto first = std::find(lines.begin(), lines.end(), loading);
+    ASSERT_NE(first, lines.end()) << ::testing::PrintToString(lines);
+    const auto loaded = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("a_greeters.so loaded (") != std::string::npos;
+    });
+    EXPECT_LT(first, loaded);
+    EXPECT_TRUE(Mentions(lines, "Loading plug-in " + (Libs / "c_not_a_library.so").string()));
+}
+
+// Entries named like libraries that are no library file: a folder, a dangling symbolic link, a named
+// pipe (whose opening would block the loading thread for good). Each is refused by name, counted and
+// logged like any other refusal, and the libraries beside them load.
+TEST(PluginFile, AnEntryThatIsNoFileIsRefusedByName) {
+    NyTest::LogCapture log;
+    ScratchFolder folder;
+    folder.Add("a_greeters.so", "a.so");
+    fs::create_directory(folder.path / "x.so");
+    fs::create_symlink(folder.path / "gone.so", folder.path / "y.so");
+    ASSERT_EQ(::mkfifo((folder.path / "z.so").c_str(), 0600), 0);
+    PluginManager plugins;
+
+    const auto refused = plugins.LoadDirectory(folder.path);
+    EXPECT_EQ(plugins.Count(), 1u);
+    ASSERT_EQ(refused.size(), 3u) << ::testing::PrintToString(refused);
+    EXPECT_NE(refused[0].find((folder.path / "x.so").string() + " is a folder"), std::string::npos)
+        << refused[0];
+    EXPECT_NE(refused[1].find((folder.path / "y.so").string() + " is a symbolic link to "), std::string::npos)
+        << refused[1];
+    EXPECT_NE(refused[2].find((folder.path / "z.so").string() + " is not a regular file"), std::string::npos)
+        << refused[2];
+    const auto failures = log.Texts(Ny::Logging::Level::CaughtFailure);
+    for (const char* name : {"x.so", "y.so", "z.so"}) {
+        EXPECT_TRUE(Mentions(failures, "Plug-in " + (folder.path / name).string() + " refused.")) << name;
+    }
+
+    const auto summary = plugins.Rescan(folder.path);
+    EXPECT_EQ(summary.refused.size(), 3u) << summary.Text();
+    EXPECT_EQ(summary.files, 4u);  // a host whose folder holds only such entries warns of each refused
+    EXPECT_EQ(summary.libraries, 1u);
+
+    // Named directly, none of them is opened as a library either (the dangling link names a file that
+    // does not exist).
+    EXPECT_EQ(Failure([&] { plugins.Load(folder.path / "y.so"); }).first, Ny::Status::NotFound);
+    for (const char* name : {"x.so", "z.so"}) {
+        EXPECT_EQ(Failure([&] { plugins.Load(folder.path / name); }).first, Ny::Status::InvalidValue) << name;
+    }
 }
 
 TEST(PluginBuild, ExportsOnlyTheEntryPoints) {

@@ -57,14 +57,32 @@ fs::path Normalized(const fs::path& path) {
     }
 }
 
+// Appends the sentence `next` to `text`. Messages from elsewhere (the loader's, the system's) may end
+// without a full stop; the one that follows must still read as a sentence of its own.
+std::string JoinSentences(std::string text, const std::string& next) {
+    if (next.empty()) {
+        return text;
+    }
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\n')) {
+        text.pop_back();
+    }
+    if (!text.empty() && text.back() != '.' && text.back() != '!' && text.back() != '?') {
+        text += '.';
+    }
+    return text.empty() ? next : text + " " + next;
+}
+
 // A failure that LoadDirectory or Rescan catches to go on with the other files: logged and collected.
+// `addendum` is a sentence that follows the failure's message.
 void Refuse(RescanSummary& summary, const char* what, const fs::path& file, const std::exception& e,
-            const char* addendum = "") {
+            const std::string& addendum = {}) {
     NY_LOG(Ny::Logging::Level::CaughtFailure, "Plug-in %1$s %2$s.", file.string().c_str(), what);
     Ny::Exception::LogException(e, 0);
     Ny::Exception::LogBackTrace(e);
-    summary.refused.push_back({file, std::string(e.what()) + addendum});
+    summary.refused.push_back({file, JoinSentences(e.what(), addendum)});
 }
+
+constexpr const char* kOldStays = "The library loaded before stays in service.";
 
 // "2 (a.so, b.so)", or "0".
 std::string CountAndNames(const std::vector<fs::path>& files) {
@@ -209,6 +227,11 @@ PluginManager::Prepared PluginManager::PrepareLocked(const fs::path& path) {
         prepared.copy.clear();  // nothing of it is left to remove
         throw;
     }
+    // Before the loader maps anything: a file cut short would kill the process with SIGBUS in there.
+    Internal::CheckComplete(prepared.copy, file);
+    // The loader runs the library's static constructors, which may abort the process: the last line
+    // before that names the file.
+    NY_LOG(Ny::Logging::Level::Progress, "Loading plug-in %s", file.c_str());
     // RTLD_NOW: a missing symbol refuses the library here instead of crashing a routine later.
     // RTLD_LOCAL: plug-ins do not see each other's symbols. RTLD_NODELETE: see PluginManager.h.
     prepared.handle.reset(dlopen(prepared.copy.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
@@ -328,22 +351,51 @@ PluginManager::FolderFiles PluginManager::ListFolder(const fs::path& folder) {
     std::error_code error;
     fs::directory_iterator entries(folder, error);
     for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {
-        std::error_code typeError;
-        // is_regular_file follows symbolic links: a link to a library in another folder counts as a file
-        // of this one (Normalized resolves it afterwards, and the library is named by its target).
-        if (entries->path().extension() == ".so" && entries->is_regular_file(typeError)) {
-            listing.files.push_back(entries->path());
+        if (entries->path().extension() != ".so") {
+            continue;
         }
+        // status() follows symbolic links: a link to a library in another folder counts as a file of
+        // this one (Normalized resolves it afterwards, and the library is named by its target).
+        std::error_code typeError;
+        const fs::file_status status = entries->status(typeError);
+        if (fs::is_regular_file(status)) {
+            listing.files.push_back(entries->path());
+            continue;
+        }
+        // Named like a library but none: the operator hears of it like of any other refusal, instead
+        // of wondering why the plug-in is missing.
+        const fs::path& entry = entries->path();
+        std::string why;
+        if (entries->is_symlink(typeError) && !fs::exists(status)) {
+            std::error_code linkError;
+            why = "is a symbolic link to " + fs::read_symlink(entry, linkError).string() +
+                  ", which does not exist";
+        } else if (fs::is_directory(status)) {
+            why = "is a folder, not a library file";
+        } else {
+            why = "is not a regular file";
+        }
+        listing.skipped.push_back({entry, "Plug-in " + entry.string() + " " + why + "."});
     }
     if (error) {
         listing.files.clear();
+        listing.skipped.clear();
         listing.refusal = "Plug-in folder " + folder.string() + " cannot be read: " + error.message();
         return listing;
     }
     std::sort(listing.files.begin(), listing.files.end(), [](const fs::path& a, const fs::path& b) {
         return a.filename().string() < b.filename().string();
     });
+    std::sort(listing.skipped.begin(), listing.skipped.end(), [](const auto& a, const auto& b) {
+        return a.first.filename().string() < b.first.filename().string();
+    });
     return listing;
+}
+
+void PluginManager::RefuseSkipped(const FolderFiles& listing, RescanSummary& summary) {
+    for (const auto& [entry, reason] : listing.skipped) {
+        Refuse(summary, "refused", entry, NY_EXCEPTION(Ny::Status::InvalidValue, "%s", reason.c_str()));
+    }
 }
 
 void PluginManager::LoadNewLocked(const fs::path& path, RescanSummary& summary) {
@@ -366,8 +418,7 @@ void PluginManager::ReloadLocked(const std::shared_ptr<PluginLib>& lib, RescanSu
     try {
         next.emplace(PrepareLocked(path));
     } catch (const std::exception& e) {
-        Refuse(summary, "changed but is refused; the library loaded before stays", path, e,
-               " The library loaded before stays in service.");
+        Refuse(summary, "changed but is refused; the library loaded before stays", path, e, kOldStays);
         return;
     }
     // The old library goes before the new one comes: both offer the same routine types, and a type
@@ -396,6 +447,7 @@ std::vector<std::string> PluginManager::LoadDirectory(const fs::path& folder) {
         return {listing.refusal};
     }
     RescanSummary summary;
+    RefuseSkipped(listing, summary);
     for (const auto& file : listing.files) {
         const fs::path normal = Normalized(file);
         if (!FindLocked(normal)) {
@@ -426,7 +478,10 @@ RescanSummary PluginManager::Rescan(const fs::path& folder) {
         summary.libraries = countFolderLibraries();
         return summary;
     }
-    summary.files = listing.files.size();
+    // Entries refused as no library file count as files: a host whose folder holds only such entries
+    // warns that every one was refused, instead of that the folder holds none.
+    summary.files = listing.files.size() + listing.skipped.size();
+    RefuseSkipped(listing, summary);
     std::vector<fs::path> present;
     for (const auto& file : listing.files) {
         present.push_back(Normalized(file));
@@ -462,8 +517,7 @@ RescanSummary PluginManager::Rescan(const fs::path& folder) {
                 continue;
             }
         } catch (const std::exception& e) {
-            Refuse(summary, "cannot be read; the library loaded before stays", path, e,
-                   " The library loaded before stays in service.");
+            Refuse(summary, "cannot be read; the library loaded before stays", path, e, kOldStays);
             continue;
         }
         ReloadLocked(lib, summary);

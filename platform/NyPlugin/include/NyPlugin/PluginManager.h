@@ -45,6 +45,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "NyApi/Event.h"
@@ -66,7 +67,7 @@ struct RescanSummary {
     // Files that could not be loaded or reloaded, and changes whose event handlers failed (the change
     // itself stands, and the file is listed above as well).
     std::vector<Refusal> refused;
-    std::size_t files = 0;      // the "*.so" files the folder holds
+    std::size_t files = 0;      // the "*.so" entries the folder holds, also those that are no file
     std::size_t libraries = 0;  // the libraries of the folder loaded once the rescan is over
 
     // "loaded 1 (b.so), reloaded 0, unloaded 1 (a.so), refused 1 (c.so: <cause>)", file names only.
@@ -85,9 +86,10 @@ class PluginManager {
 
     // Loads one library, appends it to the list and raises LoadEvent(lib, Loaded). The returned
     // reference stays valid for the manager's lifetime. Waits for a change in progress on another thread.
-    // Throws Ny::Exception naming the file: -999 when it does not exist; -997 when it is not a shared
-    // library, lacks the entry points, was built for another plug-in API version or its entry point
-    // threw; -1000 when a library of that path is loaded already (the list is unchanged) or no private
+    // Throws Ny::Exception naming the file: -999 when it does not exist; -997 when it is no regular
+    // file, is not a shared library, is one cut short (checked before the loader maps it: see
+    // PrivateCopies.h), lacks the entry points, was built for another plug-in API version or its entry
+    // point threw; -1000 when a library of that path is loaded already (the list is unchanged) or no private
     // copy can be made (see above). A library
     // whose Loaded handler threw stays loaded, and the handler's exception passes nested in one naming
     // the file. Thread-safe.
@@ -100,7 +102,8 @@ class PluginManager {
     void Unload(const std::filesystem::path& path);
     void Unload(size_t index);
     // Loads every "*.so" file of `folder` that is not loaded yet, in name order. A refusal is logged and
-    // the others still load. Returns the messages of the refusals (each names its file); a folder that
+    // the others still load; a "*.so" entry that is no regular file (a folder, a dangling symbolic link)
+    // is a refusal too. Returns the messages of the refusals (each names its file); a folder that
     // cannot be read is one refusal. Thread-safe.
     std::vector<std::string> LoadDirectory(const std::filesystem::path& folder);
     // Brings the libraries of `folder` in step with its files (the host calls it on SIGHUP): first
@@ -128,12 +131,16 @@ class PluginManager {
     // A library opened from its private copy whose entry point has run, not listed yet (see the .cpp).
     class Prepared;
 
-    // Folder listing for LoadDirectory and Rescan: the "*.so" regular files in name order, or a refusal.
+    // Folder listing for LoadDirectory and Rescan: the "*.so" regular files in name order, the "*.so"
+    // entries that are no regular file (a folder, a dangling link) with why, or a refusal.
     struct FolderFiles {
         std::vector<std::filesystem::path> files;
+        std::vector<std::pair<std::filesystem::path, std::string>> skipped;
         std::string refusal;  // empty when the folder could be read
     };
     static FolderFiles ListFolder(const std::filesystem::path& folder);
+    // Logs and collects a refusal for each skipped entry of `listing`.
+    static void RefuseSkipped(const FolderFiles& listing, RescanSummary& summary);
 
     const PluginLib& LoadLocked(const std::filesystem::path& path) NY_REQUIRES(changeMutex);
     // Copies, opens and checks the library and runs its entry point; lists nothing and raises nothing.
