@@ -186,3 +186,31 @@ TEST_P(ForeignExceptionTest, RoutineEndsFailedAndGivesItsPlaceBack) {
 
 INSTANTIATE_TEST_SUITE_P(Where, ForeignExceptionTest, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "InContinue" : "InRun"; });
+
+namespace {
+
+// The same from a completion callback run by a removal: the removal still gives the place back and
+// announces the deletion, as it does after a std::exception.
+TEST_F(CarelessPluginTest, RemovalWhoseCompletionThrowsForeignExceptionStillFreesThePlace) {
+    Gate ran;
+    slow.run = [&](ScriptedRoutine&, IRoutineHost& host) {
+        host.SetCompletionFx([](IRoutineHost&, bool aborted) {
+            if (aborted) {
+                throw 42;
+            }
+        });
+        host.WaitForContinue([](IRoutineHost&) {});
+        ran.Open();
+    };
+    RoutineManager manager(registry, &core, 1);
+    std::atomic<int> deleted{0};
+    auto watch = manager.DeletedEvent().SubscribeScoped([&](const std::string&) { ++deleted; });
+    const std::string first = manager.Create("Slow", nullptr);
+    ASSERT_TRUE(ran.Wait());
+    EXPECT_NO_THROW(manager.Remove(first));
+    EXPECT_EQ(deleted.load(), 1);
+    EXPECT_TRUE(log.Contains("Routine [" + first + "] threw an exception that is not a std::exception."));
+    EXPECT_EQ(StatusOf([&] { manager.Create("Other", nullptr); }), 1) << "the removed routine kept its place";
+}
+
+}  // namespace

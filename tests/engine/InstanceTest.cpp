@@ -270,6 +270,33 @@ TEST_F(InstanceTest, CompletionCallbackThrowingForeignExceptionStillEndsTheRouti
     instance.reset();
 }
 
+// A client's write runs the routine's change callback when the access is released; a callback that
+// throws something that is not a std::exception must neither end the process nor keep the lock.
+TEST_F(InstanceTest, ChangeCallbackThrowingForeignExceptionLeavesTheLockAndTheProcessAlone) {
+    Gate published;
+    auto instance = Make([&](ScriptedRoutine& self, IRoutineHost& host) {
+        host.GetParams(self.parameters, [](Ny::Properties::Structure&) { throw 42; });
+        host.WaitForContinue([](IRoutineHost&) {});
+        published.Open();
+    });
+    instance->Start();
+    ASSERT_TRUE(published.Wait());
+    {
+        NyRoutine::Internal::ParamsAccess access(*instance, true);
+        ASSERT_NE(access.Get(), nullptr);
+        EXPECT_THROW(access.Release(), int);
+    }
+    {
+        // Released by the destructor this time, which must not let the exception out.
+        NyRoutine::Internal::ParamsAccess access(*instance, true);
+        ASSERT_NE(access.Get(), nullptr);
+    }
+    EXPECT_TRUE(log.Contains("Releasing routine params failed (an exception that is not a std::exception)."));
+    auto other = std::async(std::launch::async, [&] { return instance->AcceptsParams(); });
+    ASSERT_EQ(other.wait_for(NyTest::Generous), std::future_status::ready) << "the lock was kept";
+    EXPECT_TRUE(other.get());
+}
+
 TEST_F(InstanceTest, StepsAndProgressKeepTheirLimitsAndCoalesceNothing) {
     std::promise<void> done;
     auto instance = Make([&](ScriptedRoutine&, IRoutineHost& host) {

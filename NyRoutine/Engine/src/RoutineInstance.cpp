@@ -734,6 +734,9 @@ ParamsAccess::~ParamsAccess() {
         Release();
     } catch (const std::exception& e) {
         NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+    } catch (...) {
+        // The change callback is routine code: whatever it throws, a destructor must not pass it on.
+        NY_LOG(CaughtFailure, "Releasing routine params failed (an exception that is not a std::exception).");
     }
 }
 

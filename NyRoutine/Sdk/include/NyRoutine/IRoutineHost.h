@@ -23,7 +23,8 @@
 // failed: " and the text. Anything else thrown (`throw 42`) ends the routine in the same way, with
 // "Routine code threw an exception that is not a std::exception." in place of the text and a log line
 // naming the routine; it is then passed on to the caller of the code: the routine's thread, which logs
-// it and goes on, or the abort or removal that ran the completion callback.
+// it and goes on, an abort that ran the completion callback, which passes it on to its caller, or a
+// deletion, which logs it and goes on.
 #pragma once
 
 #include <functional>
