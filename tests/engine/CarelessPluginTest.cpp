@@ -150,3 +150,67 @@ TEST_F(CarelessPluginTest, ContinueBetweenAnnouncementAndStartStartsTheRoutine) 
 }
 
 }  // namespace
+
+// Routine code that throws something that is not a std::exception, in Run or in a continue callback:
+// the routine must still end (Failed), so that its creation, its removal and the limit are not held by a
+// routine that stays Running forever.
+class ForeignExceptionTest : public CarelessPluginTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ForeignExceptionTest, RoutineEndsFailedAndGivesItsPlaceBack) {
+    const bool inContinue = GetParam();
+    slow.run = [inContinue](ScriptedRoutine&, IRoutineHost& host) {
+        if (inContinue) {
+            host.WaitForContinue([](IRoutineHost&) { throw 42; });
+            return;
+        }
+        throw 42;
+    };
+    RoutineManager manager(registry, &core, 1);
+    const std::string first = manager.Create("Slow", nullptr);
+    if (inContinue) {
+        ASSERT_TRUE(NyTest::Eventually([&] {
+            return manager.GetInstance(first).State() == NyCommon::RoutineState::WaitingForFeedback;
+        }));
+        manager.AcquireInstance(first)->Continue();
+    }
+    ASSERT_TRUE(NyTest::Eventually([&] {
+        return manager.GetInstance(first).State() == NyCommon::RoutineState::Failed;
+    })) << "the routine stays "
+        << static_cast<int>(manager.GetInstance(first).State());
+    EXPECT_TRUE(log.WaitFor("Routine [" + first + "] threw an exception that is not a std::exception."));
+    auto removal = std::async(std::launch::async, [&] { manager.Remove(first); });
+    ASSERT_EQ(removal.wait_for(Generous), std::future_status::ready) << "the removal waits for an end";
+    removal.get();
+    EXPECT_EQ(StatusOf([&] { manager.Create("Other", nullptr); }), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Where, ForeignExceptionTest, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "InContinue" : "InRun"; });
+
+namespace {
+
+// The same from a completion callback run by a removal: the removal still gives the place back and
+// announces the deletion, as it does after a std::exception.
+TEST_F(CarelessPluginTest, RemovalWhoseCompletionThrowsForeignExceptionStillFreesThePlace) {
+    Gate ran;
+    slow.run = [&](ScriptedRoutine&, IRoutineHost& host) {
+        host.SetCompletionFx([](IRoutineHost&, bool aborted) {
+            if (aborted) {
+                throw 42;
+            }
+        });
+        host.WaitForContinue([](IRoutineHost&) {});
+        ran.Open();
+    };
+    RoutineManager manager(registry, &core, 1);
+    std::atomic<int> deleted{0};
+    auto watch = manager.DeletedEvent().SubscribeScoped([&](const std::string&) { ++deleted; });
+    const std::string first = manager.Create("Slow", nullptr);
+    ASSERT_TRUE(ran.Wait());
+    EXPECT_NO_THROW(manager.Remove(first));
+    EXPECT_EQ(deleted.load(), 1);
+    EXPECT_TRUE(log.Contains("Routine [" + first + "] threw an exception that is not a std::exception."));
+    EXPECT_EQ(StatusOf([&] { manager.Create("Other", nullptr); }), 1) << "the removed routine kept its place";
+}
+
+}  // namespace

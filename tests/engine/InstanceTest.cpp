@@ -103,6 +103,7 @@ struct FailureCase {
     const char* name;
     bool inContinueCallback;
     bool bySetFailedState;
+    bool foreignException = false;  // throws something that is not a std::exception
 };
 
 class FailureTest : public InstanceTest, public ::testing::WithParamInterface<FailureCase> {};
@@ -112,6 +113,8 @@ TEST_P(FailureTest, RoutineEndsFailedWithTheDetails) {
     auto fail = [failure](IRoutineHost& host) {
         if (failure.bySetFailedState) {
             host.SetFailedState("sensor missing");
+        } else if (failure.foreignException) {
+            throw 42;
         } else {
             throw std::runtime_error("sensor missing");
         }
@@ -129,6 +132,15 @@ TEST_P(FailureTest, RoutineEndsFailedWithTheDetails) {
         instance->Continue();
     }
     ASSERT_TRUE(Eventually([&] { return instance->State() == RoutineState::Failed; }));
+    if (failure.foreignException) {
+        EXPECT_EQ(instance->StateDetails(), "Routine code threw an exception that is not a std::exception.");
+        // The routine is named, and the exception still reaches the runner, which reports it too.
+        ASSERT_TRUE(log.WaitFor("Routine [Calib-0] threw an exception that is not a std::exception."));
+        EXPECT_TRUE(log.WaitFor("AsyncRunner job exception of unknown type"));
+        // Its end is over: the completion was posted, so the destruction does not wait forever.
+        EXPECT_TRUE(log.WaitFor("Routine [Calib-0] completed."));
+        return;
+    }
     EXPECT_EQ(instance->StateDetails(), "sensor missing");
     if (!failure.bySetFailedState) {
         const char* line = failure.inContinueCallback
@@ -144,7 +156,9 @@ INSTANTIATE_TEST_SUITE_P(Ways, FailureTest,
                          ::testing::Values(FailureCase{"RunThrows", false, false},
                                            FailureCase{"CallbackThrows", true, false},
                                            FailureCase{"RunSetsFailed", false, true},
-                                           FailureCase{"CallbackSetsFailed", true, true}),
+                                           FailureCase{"CallbackSetsFailed", true, true},
+                                           FailureCase{"RunThrowsForeign", false, false, true},
+                                           FailureCase{"CallbackThrowsForeign", true, false, true}),
                          [](const auto& info) { return info.param.name; });
 
 TEST_F(InstanceTest, AbortWhileWaitingRunsCompletionWithTrueAndNeverTheContinueCallback) {
@@ -239,6 +253,48 @@ TEST_F(InstanceTest, ThrowingCompletionCallbackStillEndsTheRoutine) {
     EXPECT_EQ(instance->State(), RoutineState::Failed);
     EXPECT_EQ(instance->StateDetails(), "Completion callback failed: cleanup failed");
     instance.reset();  // must not wait forever for an end that never came
+}
+
+TEST_F(InstanceTest, CompletionCallbackThrowingForeignExceptionStillEndsTheRoutine) {
+    auto instance = Make([](ScriptedRoutine&, IRoutineHost& host) {
+        host.SetCompletionFx([](IRoutineHost&, bool) { throw 42; });
+        host.WaitForContinue([](IRoutineHost&) {});
+    });
+    instance->Start();
+    ASSERT_TRUE(Eventually([&] { return instance->State() == RoutineState::WaitingForFeedback; }));
+    EXPECT_THROW(instance->Abort(), int);
+    EXPECT_EQ(instance->State(), RoutineState::Failed);
+    EXPECT_EQ(instance->StateDetails(),
+              "Completion callback failed: Routine code threw an exception that is not a std::exception.");
+    EXPECT_TRUE(log.Contains("Routine [Calib-0] threw an exception that is not a std::exception."));
+    instance.reset();
+}
+
+// A client's write runs the routine's change callback when the access is released; a callback that
+// throws something that is not a std::exception must neither end the process nor keep the lock.
+TEST_F(InstanceTest, ChangeCallbackThrowingForeignExceptionLeavesTheLockAndTheProcessAlone) {
+    Gate published;
+    auto instance = Make([&](ScriptedRoutine& self, IRoutineHost& host) {
+        host.GetParams(self.parameters, [](Ny::Properties::Structure&) { throw 42; });
+        host.WaitForContinue([](IRoutineHost&) {});
+        published.Open();
+    });
+    instance->Start();
+    ASSERT_TRUE(published.Wait());
+    {
+        NyRoutine::Internal::ParamsAccess access(*instance, true);
+        ASSERT_NE(access.Get(), nullptr);
+        EXPECT_THROW(access.Release(), int);
+    }
+    {
+        // Released by the destructor this time, which must not let the exception out.
+        NyRoutine::Internal::ParamsAccess access(*instance, true);
+        ASSERT_NE(access.Get(), nullptr);
+    }
+    EXPECT_TRUE(log.Contains("Releasing routine params failed (an exception that is not a std::exception)."));
+    auto other = std::async(std::launch::async, [&] { return instance->AcceptsParams(); });
+    ASSERT_EQ(other.wait_for(NyTest::Generous), std::future_status::ready) << "the lock was kept";
+    EXPECT_TRUE(other.get());
 }
 
 TEST_F(InstanceTest, StepsAndProgressKeepTheirLimitsAndCoalesceNothing) {

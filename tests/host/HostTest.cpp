@@ -175,7 +175,7 @@ TEST(Host, FaultyRoutinesEndInDefinedStatesAndTheHostStaysUp) {
     const Case cases[] = {{"ThrowInRun", 5, "Run failed"},
                           {"ThrowInContinue", 5, "continue failed"},
                           {"ThrowInCompletion", 5, "Completion callback failed: completion failed"},
-                          {"ThrowNonStandard", 1, ""},
+                          {"ThrowNonStandard", 5, "Routine code threw an exception that is not a std::exception."},
                           {"ResultsTwice", 5, "Routine [ResultsTwice-"}};
     int number = 0;
     for (const Case& c : cases) {

@@ -117,8 +117,16 @@ TEST_F(RouterTest, FailuresBecomeJsonErrorsAndNothingEscapes) {
     const auto typeError = router.Dispatch("POST", "/items", {{"name", 3}});
     EXPECT_EQ(typeError.status, 400);
     EXPECT_EQ(typeError.body["message"], "type must be string, but is number");
-    EXPECT_EQ(router.Dispatch("POST", "/items", json::object()).status, 400);  // missing member
-    EXPECT_EQ(router.Dispatch("DELETE", "/items/x", nullptr).status, 500);     // not even a std::exception
+    // A body the resource cannot read is the client's bad value: the reply's status says so as its
+    // HTTP status does.
+    EXPECT_EQ(typeError.body["status"], -997);
+    const auto missing = router.Dispatch("POST", "/items", json::object());
+    EXPECT_EQ(missing.status, 400);
+    EXPECT_EQ(missing.body["status"], -997);
+    const auto notUtf8 = router.DispatchRaw("POST", "/items", "{\"name\":\"\xff\"}");
+    EXPECT_EQ(notUtf8.status, 400);
+    EXPECT_EQ(notUtf8.body["status"], -997);
+    EXPECT_EQ(router.Dispatch("DELETE", "/items/x", nullptr).status, 500);  // not even a std::exception
     const auto malformed = router.DispatchRaw("POST", "/items", "{\"name\": ");
     EXPECT_EQ(malformed.status, 400);
     EXPECT_EQ(malformed.body["message"], "The request body is not valid JSON.");

@@ -220,6 +220,42 @@ TEST(RoutineDriver, ARefusedCreationMayBeTriedAgainButASecondRoutineIsRefused) {
     EXPECT_EQ(driver.Id(), "Dosing-0");
 }
 
+// A client cannot send JSON text that is not UTF-8 (the host refuses such a body), so the driver must
+// not let a test write it either: the routine would hold a text no reader can serve.
+TEST(RoutineDriver, JsonThatIsNotUtf8IsRefusedAsTheHostRefusesIt) {
+    struct LabelParams : Ny::Params::Group {
+        LabelParams() { AddParameter("label", label, "Label"); }
+        Ny::Params::Value<std::string> label;
+    } labelParams;  // outlives the driver, and with it the routine that publishes it
+    KitFactory factory([&labelParams](KitRoutine&, IRoutineHost& host) {
+        if (host.GetParams(labelParams, nullptr)) {
+            host.WaitForContinue([](IRoutineHost&) {});
+        }
+    });
+    RoutineDriver driver(RoutineInfo("Labels", factory, true));
+
+    const Caught creation = Refusal([&] { driver.Create({{"label", "\xff"}}); });
+    EXPECT_EQ(creation.status, Ny::Status::InvalidValue);
+    EXPECT_EQ(creation.message, "The request body is not valid UTF-8.");
+    EXPECT_EQ(driver.Id(), "") << "a refused creation made a routine";
+    EXPECT_EQ(driver.Create(), "Labels-0");
+    ASSERT_TRUE(driver.WaitForState(RoutineState::WaitingForFeedback));
+
+    for (const json& parameters : {json{{"label", "\xff"}}, json{{"label", "caf\xc3"}}, json{{"\xfe", "x"}},
+                                   json{{"label", json::array({"ok", "\xc0\xaf"})}}}) {
+        const Caught refused = Refusal([&] { driver.SetParams(parameters); });
+        EXPECT_EQ(refused.status, Ny::Status::InvalidValue);
+        EXPECT_EQ(refused.message, "The request body is not valid UTF-8.");
+        const Caught lenient = Refusal([&] { driver.SetParams(parameters, false); });
+        EXPECT_EQ(lenient.status, Ny::Status::InvalidValue);
+    }
+    // Nothing was stored: the document is still readable, and writable text still passes.
+    EXPECT_EQ(driver.Parameters(), json({{"label", ""}}));
+    EXPECT_NO_THROW(static_cast<void>(driver.Document().dump()));
+    driver.SetParams({{"label", "caf\xc3\xa9"}});
+    EXPECT_EQ(driver.Parameters(), json({{"label", "caf\xc3\xa9"}}));
+}
+
 TEST(RoutineDriver, DestructionLetsACreationThatWaitsForItsContinueGoAndAbortsTheRoutine) {
     std::atomic<int> endedAborted{-1};
     KitFactory factory([&endedAborted](KitRoutine& self, IRoutineHost& host) {

@@ -15,6 +15,8 @@ namespace {
 using Ny::Logging::Level::CaughtFailure;
 using Ny::Logging::Level::Progress;
 constexpr std::uint64_t CompletionPollUs = 100000;
+constexpr const char* ForeignExceptionDetails =
+    "Routine code threw an exception that is not a std::exception.";
 }  // namespace
 
 RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Core* core, std::string idIn,
@@ -194,6 +196,9 @@ void RoutineInstance::RunCallbackWrapper(IRoutineHost& routineHost) {
         Fail(e.what());
         Completed();
         return;
+    } catch (...) {
+        FailForeign();
+        throw;
     }
     if (complete) {
         Completed();  // outside the guard: a failure here is the runner's to report
@@ -212,6 +217,9 @@ void RoutineInstance::ContinueCallbackWrapper(IRoutineHost& routineHost,
             Fail(e.what());
             Completed();
             return;
+        } catch (...) {
+            FailForeign();
+            throw;
         }
     }
     if (!HasContinueFx()) {
@@ -285,7 +293,9 @@ void RoutineInstance::EndRoutine() {
             Completed();
             throw;
         } catch (...) {
-            Fail("Completion callback failed.");
+            NY_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.",
+                   id.c_str());
+            Fail(std::string("Completion callback failed: ") + ForeignExceptionDetails);
             Completed();
             throw;
         }
@@ -315,6 +325,15 @@ void RoutineInstance::Completed() {
         completionDone = true;
     }
     NY_LOG(Progress, "Routine [%s] completed.", id.c_str());
+}
+
+void RoutineInstance::FailForeign() {
+    // Nothing of such an exception can be told, so the log names the routine; the caller passes the
+    // exception on to the runner, but the routine ends first as with a std::exception, or it would stay
+    // Running, hold its place and keep its end waited for forever.
+    NY_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.", id.c_str());
+    Fail(ForeignExceptionDetails);
+    Completed();
 }
 
 void RoutineInstance::Fail(const std::string& details) {
@@ -715,6 +734,9 @@ ParamsAccess::~ParamsAccess() {
         Release();
     } catch (const std::exception& e) {
         NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+    } catch (...) {
+        // The change callback is routine code: whatever it throws, a destructor must not pass it on.
+        NY_LOG(CaughtFailure, "Releasing routine params failed (an exception that is not a std::exception).");
     }
 }
 

@@ -323,6 +323,10 @@ void RoutineManager::EndRemoved(const std::string& id, RoutineEntry& entry) {
         // The routine has ended all the same (failed); the removal goes on.
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Ending removed routine %s failed (%s).", id.c_str(),
                e.what());
+    } catch (...) {
+        // Routine code threw something else (the routine logged it and ended Failed): the same.
+        NY_LOG(Ny::Logging::Level::CaughtFailure,
+               "Ending removed routine %s failed (an exception that is not a std::exception).", id.c_str());
     }
 }
 

@@ -60,8 +60,8 @@ const char* TypeText(NyRest::EventType type) {
     return "unknown";
 }
 
-// A routine id as one path segment: ids are "<type>-<n>" and a type name may hold any byte, which the
-// router percent-decodes again.
+// A routine id as one path segment: ids are "<type>-<n>", and registered type names need no escape;
+// escaping the rest anyway keeps the path right whatever the id holds (the router decodes it again).
 std::string PathSegment(const std::string& text) {
     std::string out;
     for (const char c : text) {
@@ -76,6 +76,17 @@ std::string PathSegment(const std::string& text) {
         }
     }
     return out;
+}
+
+// A client serializes its request as JSON text, which cannot hold strings that are not UTF-8, and the
+// host refuses a body that is not UTF-8; the driver hands JSON values to the router directly, so it
+// refuses such a value itself, as the host would answer it, before anything reaches the routine.
+void CheckSendable(const json& body) {
+    try {
+        static_cast<void>(body.dump());
+    } catch (const json::type_error&) {
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "The request body is not valid UTF-8.");
+    }
 }
 
 // Throws the innermost cause first, each outer one with the inner nested, so that the chain reads like
@@ -371,6 +382,7 @@ std::string RoutineDriver::Create(const json& creationParams) {
     if (!creationParams.is_null()) {
         body["parameters"] = creationParams;
     }
+    CheckSendable(body);
     // Kept only once its thread runs: a thread that cannot start leaves the driver free to try again.
     auto pending = std::make_unique<Creation>();
     Creation* const state = pending.get();
@@ -431,9 +443,10 @@ void RoutineDriver::SetParams(const json& parameters, bool strict) {
     if (strict) {
         options.prefer = "handling=strict";
     }
+    json body{{"parameters", parameters}};
+    CheckSendable(body);
     const std::string target = std::string(RoutinesPath) + "/" + PathSegment(id);
-    const NyRest::Response reply =
-        engine->router.Dispatch("PATCH", target, json{{"parameters", parameters}}, options);
+    const NyRest::Response reply = engine->router.Dispatch("PATCH", target, body, options);
     if (reply.status >= FirstFailureHttpStatus) {
         ThrowRefusal(reply, "PATCH " + target);
     }

@@ -196,13 +196,25 @@ bool RequestInfo::Prefers(std::string_view token) const {
     return false;
 }
 
+namespace {
+
+// A JSON error out of a resource is its reading of the request body failing (a member missing or of
+// the wrong type): the client's bad value.
+bool IsBodyReadError(const std::exception& error) {
+    return dynamic_cast<const json::type_error*>(&error) != nullptr ||
+           dynamic_cast<const json::parse_error*>(&error) != nullptr ||
+           dynamic_cast<const json::out_of_range*>(&error) != nullptr;
+}
+
+// The status the error body reports; one with the HTTP status HttpStatusFor gives.
+int NyStatusFor(const std::exception& error) {
+    return IsBodyReadError(error) ? Ny::Status::InvalidValue : Ny::StatusOf(error);
+}
+
+}  // namespace
+
 int HttpStatusFor(const std::exception& error) {
-    if (dynamic_cast<const json::type_error*>(&error) != nullptr ||
-        dynamic_cast<const json::parse_error*>(&error) != nullptr ||
-        dynamic_cast<const json::out_of_range*>(&error) != nullptr) {
-        return 400;
-    }
-    switch (Ny::StatusOf(error)) {
+    switch (NyStatusFor(error)) {
         case Ny::Status::NotFound:
             return 404;
         case Ny::Status::InvalidValue:
@@ -222,7 +234,7 @@ json ErrorBody(const std::exception& error) {
     for (const std::string& cause : Ny::Exception::NestedMessages(error)) {
         causes.push_back(WithoutJsonPrefix(cause.c_str()));
     }
-    json body = {{"status", Ny::StatusOf(error)},
+    json body = {{"status", NyStatusFor(error)},
                  {"message", WithoutJsonPrefix(error.what())},
                  {"causes", std::move(causes)}};
     json fields = json::object();

@@ -12,6 +12,19 @@
 // Threading: call these from the routine's own thread (Run, callbacks) or any thread the routine
 // starts; all of them are thread-safe. GetParams and SetResults wait while a client reads or writes
 // the routine's parameters or results.
+//
+// Lifetime: the host reference is valid as long as the routine itself, no longer. The engine waits for
+// the routine's own thread before the routine goes, but not for threads the routine starts: such a
+// thread must stop using the host before the routine ends, for example by being told to stop and joined
+// in the completion callback (which runs when the routine ends, also when it is aborted or deleted).
+//
+// Exceptions: a std::exception thrown out of Run or a continue callback ends the routine Failed with
+// the exception's text as details; out of the completion callback, Failed with "Completion callback
+// failed: " and the text. Anything else thrown (`throw 42`) ends the routine in the same way, with
+// "Routine code threw an exception that is not a std::exception." in place of the text and a log line
+// naming the routine; it is then passed on to the caller of the code: the routine's thread, which logs
+// it and goes on, an abort that ran the completion callback, which passes it on to its caller, or a
+// deletion, which logs it and goes on.
 #pragma once
 
 #include <functional>

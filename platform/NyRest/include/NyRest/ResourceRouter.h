@@ -60,10 +60,12 @@ struct DispatchOptions {
 };
 
 // The HTTP status for a failure: -999 404, -997 400, -1000 and -987 409, a read-only document 405,
-// a JSON type or parse error 400, anything else 500. The one place statuses meet HTTP.
+// a JSON type, parse or out-of-range error (a resource failing to read the body) 400 as -997, anything
+// else 500. The one place statuses meet HTTP.
 int HttpStatusFor(const std::exception& error);
-// The JSON error body for a failure: {"status", "message", "causes"}, and "fields" (a field's path ->
-// its messages) when the failure or one nested in it carries field refusals.
+// The JSON error body for a failure: {"status", "message", "causes"}, its status the one HttpStatusFor
+// reads (-997 for a JSON error), and "fields" (a field's path -> its messages) when the failure or one
+// nested in it carries field refusals.
 nlohmann::json ErrorBody(const std::exception& error);
 
 class ResourceRouter {

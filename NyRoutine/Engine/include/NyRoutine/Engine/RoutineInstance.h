@@ -191,6 +191,9 @@ class RoutineInstance : public NyCommon::IRoutineInstance {
     void EndRoutine();
     void Completed();
     void Fail(const std::string& details);
+    // Ends the routine Failed after its code threw something that is not a std::exception; the caller
+    // rethrows it.
+    void FailForeign();
     // Undoes a start that failed, so that it may be tried again, and throws the failure (nested).
     [[noreturn]] void FailStart(const std::exception& cause);
     bool HasContinueFx() const;

@@ -76,11 +76,14 @@ class RoutineDriver {
     // Creates the routine (POST "/routines" with {"type", "parameters": creationParams}) and returns its
     // id as soon as it exists; a creation that waits for the first continue goes on waiting on the
     // driver's thread. Throws Ny::Exception with the reply's status and message when the creation is
-    // refused, and -1000 (Refused) when this driver created a routine already.
+    // refused, and -1000 (Refused) when this driver created a routine already. JSON holding text that is
+    // not UTF-8, which no client can send, is refused as the host refuses it: -997 (InvalidValue),
+    // "The request body is not valid UTF-8.", and nothing is created.
     std::string Create(const nlohmann::json& creationParams = nullptr);
     // Writes parameters as a client would: PATCH {"parameters": parameters}, with "Prefer:
     // handling=strict" unless `strict` is false. Throws Ny::Exception with the reply's status and
-    // message, its field refusals (Ny::Exception::FieldsOf) and its causes (nested), when refused.
+    // message, its field refusals (Ny::Exception::FieldsOf) and its causes (nested), when refused; -997
+    // for text that is not UTF-8, as Create.
     void SetParams(const nlohmann::json& parameters, bool strict = true);
     // POST .../commands/continue and .../commands/abort. Throw like SetParams when refused. As for any
     // client, a continue reaches the routine's code only once it waits for one: wait for the state
