@@ -1,54 +1,10 @@
 #include "NyRoutine/Engine/RoutineRegistry.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "NyApi/Exception.h"
 
 namespace NyRoutine::Internal {
-
-namespace {
-
-// A type name is the first part of every routine id made from it, and ids are path segments of the
-// routines' addresses. Only the unreserved characters of a URI (letters, digits and "._~-") stand in a
-// segment as they are, so that the id a client is given, the one in the document and the one in its
-// Location are one and the same text; the length is bounded so that an id stays a reasonable segment.
-constexpr std::size_t MaxTypeNameLength = 128;
-
-bool IsTypeNameCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '~' || c == '-';
-}
-
-// The name as a message can show it: bytes that are not printable ASCII as \xNN.
-std::string Shown(const std::string& name) {
-    std::string shown;
-    for (const char c : name) {
-        if (c >= 0x20 && c < 0x7f) {
-            shown += c;
-        } else {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-            shown += escaped;
-        }
-    }
-    return shown;
-}
-
-void CheckTypeName(const std::string& name) {
-    bool valid = !name.empty() && name.size() <= MaxTypeNameLength;
-    for (const char c : name) {
-        valid = valid && IsTypeNameCharacter(c);
-    }
-    if (!valid) {
-        throw NY_EXCEPTION(Ny::Status::InvalidValue,
-                           "Routine type name \"%s\" is not allowed: a type name has 1 to 128 characters, "
-                           "each one of the letters, digits and \"._~-\".",
-                           Shown(name).c_str());
-    }
-}
-
-}  // namespace
 
 RoutineRegistry::RoutineRegistry() = default;
 
@@ -106,7 +62,6 @@ std::shared_ptr<const RoutineInfo> RoutineRegistry::MakeRecord(const RoutineInfo
 }
 
 void RoutineRegistry::Add(const RoutineInfo& info, std::shared_ptr<const void> owner) {
-    CheckTypeName(info.TypeName());
     auto copy = MakeRecord(info, std::move(owner));
     bool added = false;
     {

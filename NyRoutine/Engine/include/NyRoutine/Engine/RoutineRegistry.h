@@ -24,9 +24,7 @@ class RoutineRegistry {
     RoutineRegistry& operator=(RoutineRegistry&& other) noexcept;
     ~RoutineRegistry();
 
-    // Registers a copy of `info` under its type name. Throws -997 when the name cannot stand in a path
-    // segment as it is (1 to 128 characters, each a letter, a digit or one of "._~-"), -987 when the
-    // name is taken. `owner` is
+    // Registers a copy of `info` under its type name. Throws -987 when the name is taken. `owner` is
     // whatever keeps the record's factory alive (the plug-in object that owns it); every reference to
     // the record returned by FindShared and ListShared holds it too.
     void Add(const RoutineInfo& info, std::shared_ptr<const void> owner = nullptr);
