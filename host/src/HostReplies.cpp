@@ -8,11 +8,12 @@ std::string SafeDump(const nlohmann::json& value) {
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-HttpResponse ErrorReply(int status, const std::string& message) {
+HttpResponse ErrorReply(int httpStatus, const std::string& message, int engineStatus) {
     HttpResponse response;
-    response.status = status;
+    response.status = httpStatus;
     response.headers.emplace_back("Content-Type", "application/json");
-    response.body = SafeDump({{"status", 0}, {"message", message}, {"causes", nlohmann::json::array()}});
+    response.body =
+        SafeDump({{"status", engineStatus}, {"message", message}, {"causes", nlohmann::json::array()}});
     return response;
 }
 

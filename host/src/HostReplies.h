@@ -9,14 +9,16 @@
 #include <nlohmann/json.hpp>
 
 #include "HttpServer.h"
+#include "NyApi/Status.h"
 
 namespace NyHost {
 
 // Compact JSON; bytes that are not UTF-8 become U+FFFD. Never throws for invalid text.
 std::string SafeDump(const nlohmann::json& value);
-// {"status": 0, "message": <message>, "causes": []}, written with SafeDump, with Content-Type
-// application/json.
-HttpResponse ErrorReply(int status, const std::string& message);
+// {"status": <engineStatus>, "message": <message>, "causes": []}, written with SafeDump, with
+// Content-Type application/json. The host's own refusals carry no engine status (Wrapped, 0), except
+// where the engine would have refused the same request itself (a body that is not text: InvalidValue).
+HttpResponse ErrorReply(int httpStatus, const std::string& message, int engineStatus = Ny::Status::Wrapped);
 // True when `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool IsValidUtf8(std::string_view text);
 // `text` with every byte that is not printable ASCII (line breaks, escapes, bytes past 0x7E) and the

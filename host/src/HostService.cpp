@@ -177,7 +177,7 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
         return ErrorReply(503, "The service is shutting down.");
     }
     if (!IsValidUtf8(request.body)) {
-        return ErrorReply(400, "The request body is not valid UTF-8.");
+        return ErrorReply(400, "The request body is not valid UTF-8.", Ny::Status::InvalidValue);
     }
     NyRest::DispatchOptions options;
     options.prefer = request.HeaderList("Prefer");  // a client may split its preferences

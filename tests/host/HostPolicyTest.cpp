@@ -42,6 +42,7 @@ TEST(HostPolicy, BytesThatAreNotTextNeverEndTheProcess) {
         const auto reply = host.Request(method, target, std::string("{\"type\":\"Self\xffTest\"}"));
         EXPECT_EQ(reply.status, 400) << method;
         EXPECT_EQ(reply.Json()["message"], "The request body is not valid UTF-8.") << method;
+        EXPECT_EQ(reply.Json()["status"], -997) << method;  // as the engine's own 400s
     }
     const auto decoded = host.Request("GET", "/routines/%FF");
     EXPECT_GE(decoded.status, 400);
