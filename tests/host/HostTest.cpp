@@ -172,11 +172,12 @@ TEST(Host, FaultyRoutinesEndInDefinedStatesAndTheHostStaysUp) {
         int state;  // after it settles (and for the continue case, after a continue)
         const char* details;
     };
-    const Case cases[] = {{"ThrowInRun", 5, "Run failed"},
-                          {"ThrowInContinue", 5, "continue failed"},
-                          {"ThrowInCompletion", 5, "Completion callback failed: completion failed"},
-                          {"ThrowNonStandard", 5, "Routine code threw an exception that is not a std::exception."},
-                          {"ResultsTwice", 5, "Routine [ResultsTwice-"}};
+    const Case cases[] = {
+        {"ThrowInRun", 5, "Run failed"},
+        {"ThrowInContinue", 5, "continue failed"},
+        {"ThrowInCompletion", 5, "Completion callback failed: completion failed"},
+        {"ThrowNonStandard", 5, "Routine code threw an exception that is not a std::exception."},
+        {"ResultsTwice", 5, "Routine [ResultsTwice-"}};
     int number = 0;
     for (const Case& c : cases) {
         const std::string id = std::string(c.type) + "-" + std::to_string(number++);
