@@ -11,6 +11,7 @@
 #include <regex>
 #include <string>
 
+#include "Files.h"
 #include "HostProcess.h"
 #include "Sync.h"
 
@@ -23,27 +24,6 @@ using NyTest::HostProcess;
 
 const fs::path V1 = fs::path(NYR_RELOAD_PLUGIN_DIR) / "reload_v1.so";
 const fs::path V2 = fs::path(NYR_RELOAD_PLUGIN_DIR) / "reload_v2.so";
-
-// The SHA-256 of a file as coreutils computes it: a reference that does not share the host's code.
-std::string Sha256Of(const fs::path& file) {
-    std::string output;
-    if (FILE* pipe = ::popen(("sha256sum '" + file.string() + "'").c_str(), "r"); pipe != nullptr) {
-        char buffer[256];
-        while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
-            output += buffer;
-        }
-        ::pclose(pipe);
-    }
-    return output.substr(0, output.find(' '));
-}
-
-// Writes `from` over `to` in place (same inode, truncated and rewritten), as `cp` or a linker does:
-// the harshest way to change a library under a process that maps it.
-void OverwriteInPlace(const fs::path& from, const fs::path& to) {
-    std::ifstream in(from, std::ios::binary);
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
-}
 
 // The pid of the one routine-host this test process runs now (HostProcess keeps its own to itself).
 pid_t HostPid() {
@@ -106,7 +86,7 @@ TEST(HostReload, SighupReloadsARebuiltPluginWhileARoutineOfTheOldCodeRunsOn) {
 
     const json before = PluginEntry(host);
     EXPECT_EQ(before["file"], "reload.so");
-    EXPECT_EQ(before["sha256"], Sha256Of(V1));
+    EXPECT_EQ(before["sha256"], NyTest::Sha256Of(V1));
     EXPECT_EQ(before["routineTypes"], json({"Reloadable"}));
     const std::regex iso8601(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
     ASSERT_TRUE(std::regex_match(before["loadedAt"].get<std::string>(), iso8601)) << before;
@@ -118,7 +98,7 @@ TEST(HostReload, SighupReloadsARebuiltPluginWhileARoutineOfTheOldCodeRunsOn) {
     ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "Reloadable"}}).status, 201);
     ASSERT_TRUE(Eventually([&] { return host.RoutineState("Reloadable-0") == 2; }));
 
-    OverwriteInPlace(V2, folder.path / "reload.so");
+    NyTest::WriteInPlace(folder.path / "reload.so", NyTest::ReadAll(V2));
     ASSERT_EQ(::kill(pid, SIGHUP), 0);
     const std::string summary = "Plug-in rescan of " + folder.path.string() +
                                 ": loaded 0, reloaded 1 (reload.so), unloaded 0, refused 0.";
@@ -126,7 +106,7 @@ TEST(HostReload, SighupReloadsARebuiltPluginWhileARoutineOfTheOldCodeRunsOn) {
 
     const json after = PluginEntry(host);
     EXPECT_EQ(after["file"], "reload.so");
-    EXPECT_EQ(after["sha256"], Sha256Of(V2));
+    EXPECT_EQ(after["sha256"], NyTest::Sha256Of(V2));
     ASSERT_TRUE(std::regex_match(after["loadedAt"].get<std::string>(), iso8601)) << after;
     EXPECT_GE(after["loadedAt"].get<std::string>(), before["loadedAt"].get<std::string>());
     EXPECT_EQ(host.Request("GET", "/routineTypes").Json()["routineTypes"][0]["description"],

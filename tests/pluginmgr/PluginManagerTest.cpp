@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "Files.h"
 #include "LogCapture.h"
 #include "NyApi/Exception.h"
 #include "NyApi/Mutex.h"
@@ -126,19 +127,6 @@ std::shared_ptr<PluginTest::IGreeter> MadeBy(const PluginLib& lib) {
     return static_cast<const PluginTest::IGreeterFactory*>(factory->GetObject())->Make();
 }
 
-// The SHA-256 of a file as coreutils computes it: a reference that does not share the manager's code.
-std::string Sha256Of(const fs::path& file) {
-    std::string output;
-    if (FILE* pipe = ::popen(("sha256sum '" + file.string() + "'").c_str(), "r"); pipe != nullptr) {
-        char buffer[256];
-        while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
-            output += buffer;
-        }
-        ::pclose(pipe);
-    }
-    return output.substr(0, output.find(' '));
-}
-
 // The file the loader mapped the library of `object` from.
 fs::path MappedFrom(const void* object) {
     // The first word of a polymorphic object points into its class's vtable, which lies in the library.
@@ -171,8 +159,8 @@ TEST(PluginManager, LoadsAFolderInNameOrderAndRefusesEachBrokenFileByName) {
         EXPECT_TRUE(Mentions(failures, "Plug-in " + (Libs / file).string() + " refused.")) << file;
     }
     EXPECT_TRUE(log.Contains("Plug-in " + (Libs / "a_greeters.so").string() +
-                             " loaded (3 plug-in objects, SHA-256 " + Sha256Of(Libs / "a_greeters.so") +
-                             ")."));
+                             " loaded (3 plug-in objects, SHA-256 " +
+                             NyTest::Sha256Of(Libs / "a_greeters.so") + ")."));
 
     // Loading the folder again loads nothing twice; the broken files are refused again.
     EXPECT_EQ(plugins.LoadDirectory(Libs).size(), 3u);
@@ -439,8 +427,8 @@ TEST(PluginReload, RescanReloadsAChangedFileAndObjectsOfTheOldLibraryRunOn) {
     EXPECT_EQ(MadeBy(reloaded)->Greet("host"), "version 2 made greets host");
     EXPECT_EQ(Greet(*oldGreeter), "version 1, entry call 1 greets host");
     EXPECT_EQ(oldMade->Greet("host"), "version 1 made greets host");
-    EXPECT_EQ(old.ContentHash(), Sha256Of(ReloadV1));
-    EXPECT_EQ(reloaded.ContentHash(), Sha256Of(ReloadV2));
+    EXPECT_EQ(old.ContentHash(), NyTest::Sha256Of(ReloadV1));
+    EXPECT_EQ(reloaded.ContentHash(), NyTest::Sha256Of(ReloadV2));
     EXPECT_GE(reloaded.LoadTime(), old.LoadTime());
 
     // An unchanged file is left alone, however often the folder is rescanned.
@@ -502,7 +490,7 @@ TEST(PluginReload, AChangedFileThatDoesNotLoadLeavesTheLoadedLibraryInService) {
     EXPECT_EQ(&plugins.At(0), &loaded);
     EXPECT_TRUE(loaded.Loaded());
     EXPECT_EQ(FirstGreeting(loaded), "version 1, entry call 1 greets host");
-    EXPECT_EQ(loaded.ContentHash(), Sha256Of(ReloadV1));
+    EXPECT_EQ(loaded.ContentHash(), NyTest::Sha256Of(ReloadV1));
 
     folder.Overwrite(ReloadV2, "r.so");
     EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
@@ -548,7 +536,7 @@ TEST(PluginReload, LoadsFromAPrivateCopyThatGoesWithTheManager) {
         PluginManager plugins;
         const PluginLib& lib = plugins.Load(folder.path / "a.so");
         EXPECT_EQ(lib.Path(), folder.path / "a.so");
-        EXPECT_EQ(lib.ContentHash(), Sha256Of(folder.path / "a.so"));
+        EXPECT_EQ(lib.ContentHash(), NyTest::Sha256Of(folder.path / "a.so"));
         greeter = lib.PluginsByType(PluginTest::GreeterType).at(0);
         copy = MappedFrom(greeter->GetObject());
         ASSERT_EQ(copy.parent_path().parent_path(), temporary) << copy;
@@ -630,11 +618,6 @@ TEST(PluginReload, ReadersSeeWholeLibrariesWhileRescansReload) {
     EXPECT_EQ(plugins.Count(), 1u);
 }
 
-std::string ReadAll(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 // Where a real library may be cut short, read from its own headers: inside the identification and
 // the ELF header, inside the program headers, inside and at the end of each loadable segment, just
 // short of the end (the section headers), and at the round sizes seen in the field.
@@ -658,30 +641,26 @@ std::vector<size_t> CutsOf(const std::string& library) {
     return cuts;
 }
 
-void WriteFile(const fs::path& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
-}
-
 // A library cut short (a half-written copy, a full disk) would make the loader map pages past the end
 // of the file and the process die of SIGBUS; it is refused by name instead, at a load and at a rescan,
 // and a library loaded before stays in service.
 TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
     ScratchFolder folder;
     PluginManager plugins;
-    const std::string whole = ReadAll(ReloadV2);
+    const std::string whole = NyTest::ReadAll(ReloadV2);
     const auto cuts = CutsOf(whole);
     ASSERT_GE(cuts.size(), 8u);
 
     const fs::path loose = folder.path / "cut.so";
     for (const size_t cut : cuts) {
-        WriteFile(loose, whole.substr(0, cut));
+        NyTest::WriteInPlace(loose, whole.substr(0, cut));
         const auto [status, message] = Failure([&] { plugins.Load(loose); });
         EXPECT_EQ(status, Ny::Status::InvalidValue) << cut;
         EXPECT_EQ(message.rfind("Plug-in " + loose.string() + " is not a complete shared library: ", 0), 0u)
             << cut << ": " << message;
     }
     // Shorter than the ELF magic: the loader refuses it from its own read, mapping nothing.
-    WriteFile(loose, whole.substr(0, 2));
+    NyTest::WriteInPlace(loose, whole.substr(0, 2));
     EXPECT_EQ(Failure([&] { plugins.Load(loose); }).first, Ny::Status::InvalidValue);
     EXPECT_EQ(plugins.Count(), 0u);
     fs::remove(loose);
@@ -690,7 +669,7 @@ TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
     plugins.Rescan(folder.path);
     const PluginLib& loaded = plugins.At(0);
     for (const size_t cut : cuts) {
-        WriteFile(folder.path / "r.so", whole.substr(0, cut));
+        NyTest::WriteInPlace(folder.path / "r.so", whole.substr(0, cut));
         const auto summary = plugins.Rescan(folder.path);
         ASSERT_EQ(summary.refused.size(), 1u) << cut;
         const std::string& cause = summary.refused[0].cause;
@@ -704,7 +683,7 @@ TEST(PluginFile, ALibraryCutShortIsRefusedAndTheProcessLivesOn) {
     EXPECT_EQ(&plugins.At(0), &loaded);
     EXPECT_EQ(FirstGreeting(loaded), "version 1, entry call 1 greets host");
 
-    WriteFile(folder.path / "r.so", whole);
+    NyTest::WriteInPlace(folder.path / "r.so", whole);
     EXPECT_EQ(plugins.Rescan(folder.path).Text(), "loaded 0, reloaded 1 (r.so), unloaded 0, refused 0");
     EXPECT_EQ(FirstGreeting(plugins.At(0)), "version 2, entry call 1 greets host");
 }
@@ -718,7 +697,7 @@ TEST(PluginFile, RescansWhileTheLibraryIsRewrittenInPlaceNeverCrash) {
     fs::copy_file(ReloadV1, folder.path / "r.so");
     plugins.Rescan(folder.path);
     const PluginLib& old = plugins.At(0);
-    const std::string whole = ReadAll(ReloadV2);
+    const std::string whole = NyTest::ReadAll(ReloadV2);
     constexpr size_t kChunkBytes = 64 * 1024;
     constexpr auto kGenerousWait = std::chrono::seconds(60);
     struct {
