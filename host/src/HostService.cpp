@@ -12,18 +12,6 @@ namespace NyHost {
 
 namespace {
 
-const char* EventWord(NyRest::EventType type) {
-    switch (type) {
-        case NyRest::EventType::Created:
-            return "created";
-        case NyRest::EventType::Updated:
-            return "updated";
-        case NyRest::EventType::Deleted:
-            return "deleted";
-    }
-    return "updated";
-}
-
 std::string RequestPath(const HttpRequest& request) {
     return request.target.substr(0, request.target.find('?'));
 }
@@ -91,7 +79,7 @@ void HostService::Start() {
     notifications =
         router.NotificationEvent().SubscribeScoped([this](NyRest::EventType type, std::string path) {
             // Written by hand so that "type" comes first, as clients read it. A path is the client's text.
-            const std::string word = EventWord(type);
+            const std::string word = NyRest::EventTypeName(type);
             server->PublishEvent(word, "{\"type\":\"" + word + "\",\"path\":" + SafeDump(path) + "}");
         });
     server->Start();

@@ -698,8 +698,7 @@ void RoutineInstance::UnlockParamsUnwritten() {
 bool RoutineInstance::AcceptsParams() const {
     Ny::Locker locker(lock.Get());
     const RoutineState now = state.load();
-    const bool stopped = aborted || deleting || ended.load() != 0 || now == RoutineState::Completed ||
-                         now == RoutineState::Aborted || now == RoutineState::Failed;
+    const bool stopped = aborted || deleting || ended.load() != 0 || NyCommon::IsStopped(now);
     return params != nullptr && paramsEditable && !stopped;
 }
 

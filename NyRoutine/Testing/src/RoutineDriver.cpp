@@ -43,25 +43,8 @@ Clock::time_point DeadlineAfter(RoutineDriver::Timeout timeout) {
     return timeout >= room ? Clock::time_point::max() : now + timeout;
 }
 
-bool IsEnded(RoutineState state) {
-    return state == RoutineState::Completed || state == RoutineState::Aborted ||
-           state == RoutineState::Failed;
-}
-
-const char* TypeText(NyRest::EventType type) {
-    switch (type) {
-        case NyRest::EventType::Created:
-            return "created";
-        case NyRest::EventType::Updated:
-            return "updated";
-        case NyRest::EventType::Deleted:
-            return "deleted";
-    }
-    return "unknown";
-}
-
-// A routine id as one path segment: ids are "<type>-<n>", and registered type names need no escape;
-// escaping the rest anyway keeps the path right whatever the id holds (the router decodes it again).
+// A routine id as one path segment: ids are "<type>-<n>" and a type name may hold any text, so every
+// byte outside the unreserved set is escaped (the router decodes it again).
 std::string PathSegment(const std::string& text) {
     std::string out;
     for (const char c : text) {
@@ -279,7 +262,7 @@ struct RoutineDriver::Engine {
         : plugins(std::move(pluginsIn)) {
         notifications = router.NotificationEvent().SubscribeScoped(
             [recorder](NyRest::EventType type, const std::string& path) {
-                recorder->Add(Notification{TypeText(type), path});
+                recorder->Add(Notification{NyRest::EventTypeName(type), path});
             });
     }
 
@@ -540,7 +523,7 @@ bool RoutineDriver::WaitForState(RoutineState wanted, Timeout timeout) {
                 return Progress::Reached;
             }
             // An ended routine stays as it ended.
-            return IsEnded(state) ? Progress::Never : Progress::Pending;
+            return NyCommon::IsStopped(state) ? Progress::Never : Progress::Pending;
         },
         timeout);
 }
@@ -551,15 +534,17 @@ bool RoutineDriver::WaitForStep(unsigned int step, Timeout timeout) {
             if (current >= step) {
                 return Progress::Reached;
             }
-            return IsEnded(state) ? Progress::Never : Progress::Pending;
+            return NyCommon::IsStopped(state) ? Progress::Never : Progress::Pending;
         },
         timeout);
 }
 
 bool RoutineDriver::WaitUntilEnded(Timeout timeout) {
-    return WaitFor([](RoutineState state,
-                      unsigned int) { return IsEnded(state) ? Progress::Reached : Progress::Pending; },
-                   timeout);
+    return WaitFor(
+        [](RoutineState state, unsigned int) {
+            return NyCommon::IsStopped(state) ? Progress::Reached : Progress::Pending;
+        },
+        timeout);
 }
 
 std::vector<Notification> RoutineDriver::Notifications() const {

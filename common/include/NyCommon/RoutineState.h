@@ -14,4 +14,10 @@ enum class RoutineState : std::int32_t {
     Failed = 5,              // "Stopped due to failure"
 };
 
+// True for the three stopped states, which are final.
+constexpr bool IsStopped(RoutineState state) {
+    return state == RoutineState::Completed || state == RoutineState::Aborted ||
+           state == RoutineState::Failed;
+}
+
 }  // namespace NyCommon

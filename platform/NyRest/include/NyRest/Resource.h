@@ -24,6 +24,19 @@ enum class EventType : int {
     Deleted = 3,
 };
 
+// The word a client reads for an event type: "created", "updated", "deleted".
+constexpr const char* EventTypeName(EventType type) {
+    switch (type) {
+        case EventType::Created:
+            return "created";
+        case EventType::Deleted:
+            return "deleted";
+        case EventType::Updated:
+            break;
+    }
+    return "updated";
+}
+
 class IResource;
 class IParentResource;
 class IDocumentResource;
