@@ -91,6 +91,12 @@ bool ReadArguments(int argc, char** argv, HostOptions& options, std::string& err
                 error = "--log-level expects none, error, info or debug";
                 ok = false;
             }
+        } else if (arg == "--log-format") {
+            ok = value(options.logFormat);
+            if (ok && options.logFormat != "text" && options.logFormat != "json") {
+                error = "--log-format expects text or json";
+                ok = false;
+            }
         } else if (arg == "--token") {
             ok = value(options.token);
             options.warnings.push_back(
@@ -203,7 +209,45 @@ std::filesystem::path Normalized(const std::filesystem::path& path) {
     return error ? path.lexically_normal() : resolved;
 }
 
+// Step 0: the environment's defaults, read as if they led the command line. Only the options of
+// kEnvironmentOptions can come from there, so a variable cannot switch on anything the table omits.
+bool ReadEnvironment(HostOptions& options, std::string& error) {
+    std::vector<std::string> args{"routine-host"};
+    std::vector<const char*> variables;
+    for (const auto& entry : kEnvironmentOptions) {
+        const char* value = std::getenv(entry.variable);
+        if (value != nullptr && *value != '\0') {
+            args.emplace_back(entry.option);
+            args.emplace_back(value);
+            variables.push_back(entry.variable);
+        }
+    }
+    std::vector<char*> argv;
+    for (auto& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+    if (!ReadArguments(static_cast<int>(args.size()), argv.data(), options, error)) {
+        // Name the variable, not only the option it stands for.
+        for (std::size_t i = 0; i < variables.size(); ++i) {
+            if (error.find(args[1 + 2 * i]) != std::string::npos) {
+                error = std::string(variables[i]) + ": " + error;
+                break;
+            }
+        }
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
+
+const EnvironmentOption kEnvironmentOptions[8] = {
+    {"ROUTINE_HOST_LISTEN", "--listen"},         {"ROUTINE_HOST_PLUGINS", "--plugins"},
+    {"ROUTINE_HOST_WEB", "--web"},               {"ROUTINE_HOST_TOKEN_FILE", "--token-file"},
+    {"ROUTINE_HOST_TLS_CERT", "--tls-cert"},     {"ROUTINE_HOST_TLS_KEY", "--tls-key"},
+    {"ROUTINE_HOST_LOG_LEVEL", "--log-level"},   {"ROUTINE_HOST_LOG_FORMAT", "--log-format"},
+};
 
 DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout) {
     std::error_code error;
@@ -230,6 +274,7 @@ std::string Usage(const DefaultPaths& defaults) {
            defaults.webDir.string() +
            ")\n"
            "  --log-level LEVEL        none, error, info (default) or debug\n"
+           "  --log-format FORMAT      text (default) or json (one object per line)\n"
            "  --token-file PATH        require \"Authorization: Bearer TOKEN\", TOKEN read from PATH (or "
            "set\n"
            "                           NYR_TOKEN); at least 16 characters\n"
@@ -244,13 +289,28 @@ std::string Usage(const DefaultPaths& defaults) {
            "  --workers N              request worker threads (default 16)\n"
            "  --bench-fixed-reply N    serve a fixed reply of N bytes at /bench/fixed (for benchmarks)\n"
            "  --help                   this text\n\n"
+           "Environment:\n"
+           "  ROUTINE_HOST_LISTEN, ROUTINE_HOST_PLUGINS, ROUTINE_HOST_WEB, ROUTINE_HOST_TOKEN_FILE,\n"
+           "  ROUTINE_HOST_TLS_CERT, ROUTINE_HOST_TLS_KEY, ROUTINE_HOST_LOG_LEVEL, ROUTINE_HOST_LOG_FORMAT\n"
+           "                           the defaults of --listen, --plugins, --web, --token-file, --tls-cert,\n"
+           "                           --tls-key, --log-level and --log-format (empty: unset); the command\n"
+           "                           line wins\n"
+           "  NYR_TOKEN                the token, when no token file is given\n\n"
            "Signals: SIGHUP rescans the plug-in folder; SIGINT and SIGTERM shut down cleanly.\n";
 }
 
 std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& error) {
     HostOptions options;
+    if (!ReadEnvironment(options, error)) {
+        return std::nullopt;
+    }
+    const std::string environmentTokenFile = options.tokenFile;
     if (!ReadArguments(argc, argv, options, error)) {
         return std::nullopt;
+    }
+    // --token on the command line wins over a token file named by the environment.
+    if (!options.token.empty() && options.tokenFile == environmentTokenFile) {
+        options.tokenFile.clear();
     }
     if (options.help) {
         return options;

@@ -20,6 +20,7 @@ struct HostOptions {
     std::string pluginDir;  // empty: DefaultPaths::pluginDir
     std::string webDir;     // empty: DefaultPaths::webDir
     std::string logLevel = "info";
+    std::string logFormat = "text";         // "text" or "json" (one object per line)
     std::string token;                      // bearer token; from --token-file, --token or NYR_TOKEN
     std::string tokenFile;                  // where the token was read from, if from a file
     bool insecureRemote = false;            // allow a non-loopback listener without TLS and a token
@@ -59,7 +60,16 @@ struct DefaultPaths {
 // installed host never serves a build tree's files. The results are normalized (no "..").
 DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout);
 
-// Parses argv and the environment. Returns the options, or an error text for the user.
+// The environment variables that give an option's default (a service's settings file sets them); an
+// empty variable counts as unset, and the command line wins over each.
+struct EnvironmentOption {
+    const char* variable;  // e.g. "ROUTINE_HOST_LISTEN"
+    const char* option;    // e.g. "--listen"
+};
+extern const EnvironmentOption kEnvironmentOptions[8];
+
+// Parses the environment (kEnvironmentOptions, NYR_TOKEN) and argv. Returns the options, or an error
+// text for the user.
 std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& error);
 // The usage text, naming the default folders.
 std::string Usage(const DefaultPaths& defaults);
