@@ -21,7 +21,10 @@ nyr_install_packages() {
     fi
 }
 
-NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev libssl-dev openssl curl)
+# libsystemd-dev: the host's readiness, watchdog and socket activation under a service manager;
+# prometheus: its promtool checks the host's /metrics in the tests.
+NYR_BUILD_PACKAGES=(g++ cmake ninja-build nlohmann-json3-dev libgtest-dev libbenchmark-dev libboost-dev libssl-dev openssl curl
+                    libsystemd-dev pkg-config prometheus)
 # The console's browser tests: Debian's Chromium, driven by playwright-core from the npm registry.
 
 nyr_install_browser_tests() {
