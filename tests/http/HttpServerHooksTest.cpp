@@ -460,8 +460,9 @@ TEST_F(HttpServerHooksTest, WatchdogPingsStopWhileTheWorkersAreHeldAndResumeAfte
     ASSERT_TRUE(first.Send(Request("GET", "/hold")));
     ASSERT_TRUE(second.Send(Request("GET", "/hold")));
     held.wait();
-    // A probe that ran before the hold may still be pinged for once; then nothing, for as long as five
-    // health checks take to time out (each waits its bound: 50 watchdog intervals in all).
+    // A probe that ran before the hold may still be pinged for once; then nothing, for as long as the
+    // health checks take: the first waits its bound (10 watchdog intervals), the rest find the shared
+    // probe waiting longer than that and answer at once.
     const int atHold = pings;
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(StatusOf(port, Request("GET", "/health")), 503);
