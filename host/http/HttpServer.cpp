@@ -421,12 +421,12 @@ class PoolProbe {
 
     void Ask(WorkerPool& pool, Clock::duration bound, Answer answer) NY_EXCLUDES(mutex) {
         bool submit = false;
-        bool stale = false;
+        Answer refused;  // answered at once, outside the lock
         {
             Ny::MutexLock guard(mutex);
             const auto now = Clock::now();
             if (outstanding && now - askedAt > bound) {
-                stale = true;
+                refused = std::move(answer);
             } else {
                 waiting.push_back(std::move(answer));
                 if (!outstanding) {
@@ -436,8 +436,8 @@ class PoolProbe {
                 }
             }
         }
-        if (stale) {
-            answer(false);
+        if (refused) {
+            refused(false);
             return;
         }
         if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }})) {
