@@ -36,9 +36,12 @@ void WaitForGate() {
 class HoldsAbort : public NyRoutine::IRoutine {
   public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
-    // Waits for its completion, which only an abort brings.
+    // Waits for its completion, which only an abort brings. Step 1 tells a test that the callback is
+    // set: an abort before that would find none and hold nothing.
     void Run(IRoutineHost& host) override {
         host.SetCompletionFx([](IRoutineHost&, bool) { WaitForGate(); });
+        host.SetTotalSteps(1);
+        host.SetCurrentStep(1, "Waiting for its abort");
     }
     void FreeResults(const Ny::Properties::Structure*) override {}
 };

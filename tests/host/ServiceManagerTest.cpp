@@ -182,6 +182,8 @@ TEST(ServiceManager, ReadyOnceListeningWatchdogWhileWorkersAnswerStoppingOnTerm)
 
     // The one worker held by an abort whose completion waits: health says so, and the pings stop.
     ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "HoldsAbort"}}).status, 201) << host.Log();
+    ASSERT_TRUE(NyTest::Eventually(
+        [&] { return host.Request("GET", "/routines/HoldsAbort-0").Json().value("currentStep", 0) == 1; }));
     HttpConnection abort(host.Port(), 60s);
     ASSERT_TRUE(abort.SendRaw("POST /routines/HoldsAbort-0/commands/abort HTTP/1.1\r\n" + host.HostHeader() +
                               "\r\nContent-Length: 0\r\n\r\n"));
