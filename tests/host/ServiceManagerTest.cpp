@@ -200,7 +200,7 @@ TEST(ServiceManager, ReadyOnceListeningWatchdogWhileWorkersAnswerStoppingOnTerm)
     EXPECT_EQ(abort.ReadReply().status, 200);
     EXPECT_TRUE(notify.WaitFor("WATCHDOG=1", 10s));
     EXPECT_TRUE(notify.WaitFor("WATCHDOG=1", 10s));
-    EXPECT_EQ(host.Request("GET", "/health").status, 200);
+    EXPECT_TRUE(NyTest::Eventually([&] { return host.Request("GET", "/health").status == 200; }));
 
     EXPECT_EQ(host.Terminate(30s), 0);
     EXPECT_TRUE(notify.WaitFor("STOPPING=1", 5s, &pings));
