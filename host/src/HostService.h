@@ -24,6 +24,7 @@
 #include "AsyncCreations.h"
 #include "HostOptions.h"
 #include "HttpServer.h"
+#include "Metrics.h"
 #include "NyApi/Event.h"
 #include "NyApi/Mutex.h"
 #include "NyCore/Core.h"
@@ -69,15 +70,21 @@ class HostService {
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
     // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
     void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;
+    // "/metrics": GET and HEAD only.
+    HttpResponse ServeMetrics(const HttpRequest& request);
+    // Counts the refusal a failed creation's reply stands for (see Metrics::CreationRefusal).
+    void CountCreationReply(const NyRest::Response& reply, bool created);
 
     HostOptions options;
     std::filesystem::path pluginDir;
+    Metrics metrics;  // counted into by the tally and the transport, so it outlives both
     StaticFiles webFiles;
 
     NyCore::Core core;
     NyRest::ResourceRouter router;
     NyPlugin::PluginManager plugins;
     std::unique_ptr<NyRoutine::RoutineModule> module;
+    std::unique_ptr<RoutineTally> routineTally;  // follows the module's routines; reset before it
     std::unique_ptr<OperatorResources> operatorResources;
     std::unique_ptr<ApiDescription> apiDescription;
     std::unique_ptr<RequestPolicy> policy;
