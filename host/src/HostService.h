@@ -1,6 +1,8 @@
 // `HostService`: the reference host. Wires, in this order, the core, the REST router, the plug-in
 // manager (every plug-in library of the folder, in name order), the routine module and the host's
-// operator resources, and serves them over HTTP with live events and the web console.
+// operator resources, and serves them over HTTP with live events and the web console. It counts what
+// happens into its `Metrics` (routines through a `RoutineTally`, refused creations where it answers them,
+// plug-in scans) and serves them at "/metrics", text rather than JSON, so beside the router.
 //
 // Every request passes the host's `RequestPolicy` (Host, Origin, token) on the transport's I/O thread
 // before it reaches the router; every reply is written so that no byte a client sent can make writing
