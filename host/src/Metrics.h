@@ -133,6 +133,7 @@ class RoutineTally {
   private:
     // What the routine's updated handler needs; shared with it, so it needs no lock to count once.
     struct Outcome {
+        explicit Outcome(Metrics::TypeCounters& typeIn) : type(typeIn) {}
         Metrics::TypeCounters& type;
         std::atomic<bool> counted{false};  // set once, by whichever thread sees the routine stopped first
         // Counts the routine finished the first time it is seen stopped. Thread-safe.
