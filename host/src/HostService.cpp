@@ -133,6 +133,10 @@ void HostService::Start(ServiceBinding binding) {
     serverOptions.listenFds = std::move(binding.listenFds);  // the server owns them from here on
     serverOptions.watchdogInterval = binding.watchdogInterval;
     serverOptions.watchdogPing = std::move(binding.watchdogPing);
+    // On an I/O thread for every reply: lock-free counting only. The metrics outlive the server.
+    serverOptions.onRequestDone = [this](const RequestOutcome& outcome) {
+        metrics.CountRequest(outcome.method, outcome.status, outcome.duration);
+    };
     // The transport answers "/health" (its default) itself, before the policy: see the class comment.
     // The policy asks the server for the bound port; the server is set before it can take a request.
     policy = std::make_unique<RequestPolicy>(
@@ -271,6 +275,7 @@ HttpResponse HostService::ServeMetrics(const HttpRequest& request) {
     }
     Metrics::Sampled sampled;
     sampled.eventClients = server->EventClientCount();
+    sampled.eventClientsDropped = server->EventClientsDropped();
     sampled.pluginLibraries = plugins.Count();
     HttpResponse response;
     response.headers.emplace_back("Content-Type", std::string(Metrics::kContentType));

@@ -272,6 +272,50 @@ TEST(HostMetrics, RoutinesRefusalsAndPluginsAreCountedAsTheyHappen) {
     EXPECT_EQ(status, 0) << output << reply.body;
 }
 
+TEST(HostMetrics, EveryAnsweredRequestIsCountedByMethodAndClassWithItsDuration) {
+    const std::string token = "0123456789abcdef-requests";
+    HostProcess host({"--token", token});
+    const std::string bearer = "Authorization: Bearer " + token;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(host.Request("PATCH", "/system", json{{"runState", 0}}.dump(), {bearer}).status, 204);
+    }
+    EXPECT_EQ(host.Request("PATCH", "/system", json{{"runState", -1}}.dump(), {bearer}).status, 400);
+    EXPECT_EQ(host.Request("PATCH", "/system", json{{"runState", 0}}).status, 401);  // the filter's refusal
+    // A method no one knows is counted, under "other", whatever the transport answered.
+    NyTest::HttpConnection connection(host.Port());
+    ASSERT_TRUE(connection.SendRaw("BREW /system HTTP/1.1\r\n" + host.HostHeader() + "\r\n" + bearer +
+                                   "\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_GE(connection.ReadReply().status, 400);
+
+    // Counted once each reply is written, which may follow the client's read: read until all are in.
+    std::map<std::string, double> samples;
+    const auto value = [&](const std::string& name) {
+        const auto it = samples.find("routine_host_" + name);
+        return it == samples.end() ? 0.0 : it->second;
+    };
+    const auto countedAll = [&] {
+        samples = Samples(host.Request("GET", "/metrics", "", {bearer}).body);
+        return value(R"(http_requests_total{method="PATCH",code="2xx"})") == 3 &&
+               value(R"(http_requests_total{method="PATCH",code="4xx"})") == 2 &&
+               value(R"(http_request_duration_seconds_count{method="other"})") == 1;
+    };
+    ASSERT_TRUE(Eventually(countedAll)) << "the requests were never all counted";
+    EXPECT_EQ(value(R"(http_request_duration_seconds_count{method="PATCH"})"), 5);
+    EXPECT_EQ(value(R"(http_request_duration_seconds_bucket{method="PATCH",le="+Inf"})"), 5);
+    EXPECT_GT(value(R"(http_request_duration_seconds_sum{method="PATCH"})"), 0);
+    EXPECT_EQ(value("event_clients_dropped_total"), 0);
+
+    // An open event stream is a client until it goes.
+    NyTest::HttpConnection events(host.Port());
+    ASSERT_TRUE(
+        events.SendRaw("GET /events HTTP/1.1\r\n" + host.HostHeader() + "\r\n" + bearer + "\r\n\r\n"));
+    events.ReadUntil([](const std::string& data) { return data.find("\r\n\r\n") != std::string::npos; });
+    EXPECT_TRUE(Eventually([&] {
+        samples = Samples(host.Request("GET", "/metrics", "", {bearer}).body);
+        return value("event_clients") == 1;
+    }));
+}
+
 TEST(HostMetrics, MetricsNeedTheTokenAndAnswerReadsOnly) {
     const std::string token = "0123456789abcdef-metrics";
     HostProcess host({"--token", token});
