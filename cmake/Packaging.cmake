@@ -98,9 +98,10 @@ string(CONCAT CPACK_DEBIAN_HOST_DESCRIPTION
     "it as a hardened systemd service (readiness, watchdog, socket activation)\n"
     "and ships the sample plug-in.")
 # The maintainer scripts reload the service manager and restart a running host on upgrade
-# (deb-systemd-invoke, from init-system-helpers); /etc/default/routine-host is a conffile, kept on
+# (deb-systemd-invoke, from init-system-helpers); the unit's reload sends SIGHUP with procps' /bin/kill;
+# /etc/default/routine-host is a conffile, kept on
 # remove and deleted on purge; the ldconfig trigger makes the libraries known.
-set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "init-system-helpers (>= 1.52)")
+set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "init-system-helpers (>= 1.52), procps")
 set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA
     ${NYR_PACKAGING_DIR}/debian/postinst ${NYR_PACKAGING_DIR}/debian/prerm ${NYR_PACKAGING_DIR}/debian/postrm
     ${NYR_PACKAGING_DIR}/debian/conffiles ${NYR_PACKAGING_DIR}/debian/triggers)
