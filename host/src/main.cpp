@@ -44,6 +44,10 @@ int main(int argc, char** argv) {
         std::cout << NyHost::Usage(defaults);
         return 0;
     }
+    if (options->version) {
+        std::cout << "routine-host " NYR_VERSION "\n";
+        return 0;
+    }
 
     // Every thread started from here on inherits the blocked signals; only the main thread takes them.
     sigset_t signals;
