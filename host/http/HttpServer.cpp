@@ -1618,7 +1618,11 @@ void HttpServer::Impl::Watch() {
             watchdogProbeRan = true;
         }
     });
-    watchdogTimer.expires_after(options.watchdogInterval);
+    // Ticks at a fixed rate, so that late ticks on a busy machine do not add up to a period the service
+    // manager takes for a hang; after a stall the next tick is a whole interval on, not a burst.
+    const auto now = Clock::now();
+    const auto next = watchdogTimer.expiry() + options.watchdogInterval;
+    watchdogTimer.expires_at(next > now ? next : now + options.watchdogInterval);
     watchdogTimer.async_wait([this](beast::error_code ec) {
         if (!ec) {
             Watch();
