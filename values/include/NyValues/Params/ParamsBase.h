@@ -6,6 +6,7 @@
 #include <string>
 
 #include "NyApi/Logging.h"
+#include "NyValues/Properties/LazyValue.h"
 #include "NyValues/Properties/Value.h"
 
 namespace Ny::Params {
@@ -13,6 +14,8 @@ namespace Ny::Params {
 class ParamsBase {
   public:
     ParamsBase() : readOnly(false), used(true) {}
+    ParamsBase(const ParamsBase&) = delete;
+    ParamsBase& operator=(const ParamsBase&) = delete;
 
     // The parameter's name in messages: its title, or "<unnamed>".
     std::string Name() const { return title == std::string() ? std::string("<unnamed>") : title.Get(); }
@@ -26,8 +29,9 @@ class ParamsBase {
     }
 
     Properties::Value<std::string> title;
-    Properties::Value<bool> readOnly;
-    Properties::Value<bool> used;
+    // Entered in the schema only once turned on: until then they are not built.
+    Properties::LazyValue<bool> readOnly;
+    Properties::LazyValue<bool> used;
     Properties::Value<unsigned int> sortOrder;
     bool readOnlyRejected = false;
     bool readOnlyShown = false;

@@ -94,13 +94,13 @@ class Value : public Properties::Value<T>, public ParamsBase {
     }
     Value& Actual(const T& current) { return TurnOn("actual", actual, hasActual, current); }
     Value& ReadOnly(bool on = true) {
-        this->RegisterSchema("readOnly", readOnly, false);
+        this->RegisterSchema("readOnly", readOnly.Node(), false);
         readOnlyShown = true;
         readOnly = on;
         return *this;
     }
     Value& Used(bool on = true) {
-        this->RegisterSchema("used", used, false);
+        this->RegisterSchema("used", used.Node(), false);
         usedShown = true;
         used = on;
         return *this;
@@ -151,10 +151,10 @@ class Value : public Properties::Value<T>, public ParamsBase {
         const auto& source = dynamic_cast<const Value<T>&>(other);
         CopyParamsBase(source);
         if (readOnlyShown) {
-            this->RegisterSchema("readOnly", readOnly, false);
+            this->RegisterSchema("readOnly", readOnly.Node(), false);
         }
         if (usedShown) {
-            this->RegisterSchema("used", used, false);
+            this->RegisterSchema("used", used.Node(), false);
         }
         note1 = source.note1.Get();
         note2 = source.note2.Get();
@@ -172,15 +172,17 @@ class Value : public Properties::Value<T>, public ParamsBase {
         CopyFlag("exclusiveMaximum", exclusiveMaximum, hasExclusiveMaximum, source.hasExclusiveMaximum);
     }
 
-    Properties::Value<std::string> note1;
-    Properties::Value<std::string> note2;
-    Properties::Value<T> actual;
-    Properties::Value<T> minimum;
-    Properties::Value<T> maximum;
-    Properties::Value<T> exclusiveMinimum;
-    Properties::Value<T> exclusiveMaximum;
-    Properties::Value<ScaleOption> scale;
-    Properties::Value<std::string> note3;
+    // Most parameters set none of these: each is built when it is first set or entered in the schema
+    // (see LazyValue), so a parameter costs little more than its value, title and sort order.
+    Properties::LazyValue<std::string> note1;
+    Properties::LazyValue<std::string> note2;
+    Properties::LazyValue<T> actual;
+    Properties::LazyValue<T> minimum;
+    Properties::LazyValue<T> maximum;
+    Properties::LazyValue<T> exclusiveMinimum;
+    Properties::LazyValue<T> exclusiveMaximum;
+    Properties::LazyValue<ScaleOption> scale;
+    Properties::LazyValue<std::string> note3;
     T rejectedValue{};
     bool hasActual = false;
     bool hasMinimum = false;
@@ -198,17 +200,17 @@ class Value : public Properties::Value<T>, public ParamsBase {
         Internal::RefuseValue(Context("CheckValidation"), Name(), logged, thrown);
     }
 
-    Value& TurnOn(const char* key, Properties::Value<T>& member, bool& flag, const T& v) {
-        this->RegisterSchema(key, member, false);
+    Value& TurnOn(const char* key, Properties::LazyValue<T>& member, bool& flag, const T& v) {
+        this->RegisterSchema(key, member.Node(), false);
         flag = true;
         member = v;
         return *this;
     }
 
-    void CopyFlag(const char* key, Properties::Value<T>& member, bool& flag, bool theirs) {
+    void CopyFlag(const char* key, Properties::LazyValue<T>& member, bool& flag, bool theirs) {
         flag = theirs;
         if (flag) {
-            this->RegisterSchema(key, member, false);
+            this->RegisterSchema(key, member.Node(), false);
         }
     }
 };

@@ -92,11 +92,12 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
         if constexpr (Internal::IsArrayValue<T>::value) {
             itemSchema = std::make_unique<Structure>(false);
             RegisterSchema("items", *itemSchema);
-            itemType.name = Traits::ItemTypeName;
-            static_cast<Structure&>(*itemSchema).Register("type", itemType);
+            itemType = std::make_unique<Internal::NodeType>(Traits::ItemTypeName);
+            static_cast<Structure&>(*itemSchema).Register("type", *itemType);
         }
     }
-    ~Value() override = default;
+    // The item schema goes first: it refers to the item type.
+    ~Value() override { itemSchema.reset(); }
 
     Value& operator=(const T& incoming) override {
         Store(incoming);
@@ -110,6 +111,15 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
         const auto& source = dynamic_cast<const Value<T>&>(other);
         Store(static_cast<const T&>(source));
         CopySchema(other);
+    }
+
+    // The notifying store of the array with `element` appended (an append always changes it), without
+    // copying the array first. Array values only.
+    template <typename Array = T>
+    Value& Append(const typename Array::value_type& element) {
+        NotifyChange();
+        this->value.push_back(element);
+        return *this;
     }
 
     void Read(ValueReader& reader) override { Store(Traits::Read(reader)); }
@@ -140,7 +150,8 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
   private:
     std::unique_ptr<Node> itemSchema;  // array values only: {"type": <item type>}
     Internal::NodeType type;
-    Internal::NodeType itemType;
+    // Array values only: scalars never publish an item type, so they do not pay for the node.
+    std::unique_ptr<Internal::NodeType> itemType;
 };
 
 }  // namespace Ny::Properties
