@@ -16,8 +16,8 @@ template <typename T>
 class Enum : public Value<T> {
   public:
     Enum() {
-        this->RegisterSchema("enum", options);
-        this->RegisterSchema("enumText", optionTexts);
+        this->RegisterSchema(Properties::Internal::Key<"enum">(), options);
+        this->RegisterSchema(Properties::Internal::Key<"enumText">(), optionTexts);
     }
     ~Enum() override = default;
 

@@ -13,7 +13,7 @@ namespace Ny::Params {
 
 class ParamsBase {
   public:
-    ParamsBase() : readOnly(false), used(true) {}
+    ParamsBase() = default;
     ParamsBase(const ParamsBase&) = delete;
     ParamsBase& operator=(const ParamsBase&) = delete;
 
@@ -31,7 +31,7 @@ class ParamsBase {
     Properties::Value<std::string> title;
     // Entered in the schema only once turned on: until then they are not built.
     Properties::LazyValue<bool> readOnly;
-    Properties::LazyValue<bool> used;
+    Properties::LazyValue<bool, Properties::InitiallyTrue> used;
     Properties::Value<unsigned int> sortOrder;
     bool readOnlyRejected = false;
     bool readOnlyShown = false;

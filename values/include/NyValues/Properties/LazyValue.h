@@ -2,7 +2,7 @@
 //
 // A parameter carries many members that most parameters never set (limits, notes, the "actual" value,
 // "used"). Each would be a whole node with its own schema; built and torn down for every document
-// read, they cost more than the document itself. A LazyValue holds only the initial value until the
+// read, they cost more than the document itself. A LazyValue holds nothing but a null pointer until the
 // member is written a different value or its node is asked for (to enter it in a schema, or to add a
 // handler); from then on it is exactly the `Value<T>` it stands for.
 //
@@ -18,22 +18,38 @@
 
 namespace Ny::Properties {
 
+// The value a member has before it is built: its type's initial value (kept with the member's type, not
+// in each member, so that a member that is never set costs one pointer).
 template <typename T>
+struct InitialValue {
+    static const T& Get() {
+        static const T initial{};
+        return initial;
+    }
+};
+// For members that start true ("used").
+struct InitiallyTrue {
+    static const bool& Get() {
+        static const bool initial = true;
+        return initial;
+    }
+};
+
+template <typename T, typename Initial = InitialValue<T>>
 class LazyValue {
   public:
-    LazyValue() : initial() {}
-    explicit LazyValue(const T& initialIn) : initial(initialIn) {}
+    LazyValue() = default;
     LazyValue(const LazyValue&) = delete;
     LazyValue& operator=(const LazyValue&) = delete;
 
     // The effective value of the node, or the initial value while there is none. Never creates.
-    const T& Get() const { return node ? node->Get() : initial; }
+    const T& Get() const { return node ? node->Get() : Initial::Get(); }
     operator const T&() const { return Get(); }
     bool operator==(const T& other) const { return Get() == other; }
 
     // The notifying store of the node; a value equal to the current one changes (and creates) nothing.
     LazyValue& operator=(const T& incoming) {
-        if (!node && incoming == initial) {
+        if (!node && incoming == Initial::Get()) {
             return *this;
         }
         Node() = incoming;
@@ -41,10 +57,10 @@ class LazyValue {
     }
     LazyValue& Set(const T& incoming) { return operator=(incoming); }
 
-    // The node, created (holding the current value) on first use.
+    // The node, created (holding the initial value) on first use.
     Value<T>& Node() {
         if (!node) {
-            node = std::make_unique<Value<T>>(initial);
+            node = std::make_unique<Value<T>>(Initial::Get());
         }
         return *node;
     }
@@ -52,7 +68,6 @@ class LazyValue {
     const Value<T>* Existing() const { return node.get(); }
 
   private:
-    T initial;
     std::unique_ptr<Value<T>> node;
 };
 

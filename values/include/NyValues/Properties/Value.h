@@ -15,6 +15,7 @@
 #include "NyApi/Exception.h"
 #include "NyApi/Properties/Structure.h"
 #include "NyApi/Properties/ValueBase.h"
+#include "NyValues/Properties/SchemaKey.h"
 #include "NyValues/Properties/ValueTraits.h"
 
 namespace Ny::Properties {
@@ -88,12 +89,12 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
   public:
     Value() : Value(T()) {}
     explicit Value(const T& initial) : Wrapper(initial), type(Traits::TypeName) {
-        RegisterSchema("type", type);
+        RegisterSchema(Internal::Key<"type">(), type);
         if constexpr (Internal::IsArrayValue<T>::value) {
             itemSchema = std::make_unique<Structure>(false);
-            RegisterSchema("items", *itemSchema);
+            RegisterSchema(Internal::Key<"items">(), *itemSchema);
             itemType = std::make_unique<Internal::NodeType>(Traits::ItemTypeName);
-            static_cast<Structure&>(*itemSchema).Register("type", *itemType);
+            static_cast<Structure&>(*itemSchema).Register(Internal::Key<"type">(), *itemType);
         }
     }
     // The item schema goes first: it refers to the item type.
