@@ -29,8 +29,9 @@ class ParamsBase {
     }
 
     Properties::Value<std::string> title;
-    // Entered in the schema only once turned on: until then they are not built.
-    Properties::LazyValue<bool> readOnly;
+    // Entered in the schema only once turned on: until then they are not built. Many nodes show
+    // "readOnly" (every field of the documents does), so it is built in place.
+    Properties::LazyValue<bool, Properties::InitialValue<bool>, true> readOnly;
     Properties::LazyValue<bool, Properties::InitiallyTrue> used;
     Properties::Value<unsigned int> sortOrder;
     bool readOnlyRejected = false;

@@ -13,6 +13,8 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <type_traits>
 
 #include "NyValues/Properties/Value.h"
 
@@ -35,7 +37,10 @@ struct InitiallyTrue {
     }
 };
 
-template <typename T, typename Initial = InitialValue<T>>
+// `InPlace`: the node is built inside the member rather than on the heap, for members that most
+// parameters of some kinds set (a document's fields are all read-only): no allocation when built, at
+// the price of the node's size in every parameter.
+template <typename T, typename Initial = InitialValue<T>, bool InPlace = false>
 class LazyValue {
   public:
     LazyValue() = default;
@@ -60,15 +65,19 @@ class LazyValue {
     // The node, created (holding the initial value) on first use.
     Value<T>& Node() {
         if (!node) {
-            node = std::make_unique<Value<T>>(Initial::Get());
+            if constexpr (InPlace) {
+                node.emplace(Initial::Get());
+            } else {
+                node = std::make_unique<Value<T>>(Initial::Get());
+            }
         }
         return *node;
     }
     // The node if it exists. Never creates.
-    const Value<T>* Existing() const { return node.get(); }
+    const Value<T>* Existing() const { return node ? &*node : nullptr; }
 
   private:
-    std::unique_ptr<Value<T>> node;
+    std::conditional_t<InPlace, std::optional<Value<T>>, std::unique_ptr<Value<T>>> node;
 };
 
 }  // namespace Ny::Properties
