@@ -7,6 +7,7 @@
 // owner of the tree serializes access (see Ny::Properties::Node).
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -53,6 +54,7 @@ class ValueWrapper {
 class NodeType : public ValueBase {
   public:
     explicit NodeType(const char* nameIn = "") : name(nameIn) { Node::SetWriteOnly(true); }
+    explicit NodeType(const std::string& nameIn) : name(nameIn) { Node::SetWriteOnly(true); }
     ~NodeType() override = default;
 
     void CopyValues(const Node& other) override {
@@ -88,7 +90,7 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
 
   public:
     Value() : Value(T()) {}
-    explicit Value(const T& initial) : Wrapper(initial), type(Traits::TypeName) {
+    explicit Value(const T& initial) : Wrapper(initial), type(TypeName()) {
         RegisterSchema(Internal::Key<"type">(), type);
         if constexpr (Internal::IsArrayValue<T>::value) {
             itemSchema = std::make_unique<Structure>(false);
@@ -119,6 +121,10 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     template <typename Array = T>
     Value& Append(const typename Array::value_type& element) {
         NotifyChange();
+        if (this->value.capacity() == this->value.size()) {
+            // Options are added one by one while a node is built: grow in one step to a handful.
+            this->value.reserve(std::max<size_t>(AppendCapacity, 2 * this->value.size()));
+        }
         this->value.push_back(element);
         return *this;
     }
@@ -137,6 +143,8 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     virtual void CheckValidation(const T& incoming) { static_cast<void>(incoming); }
 
   protected:
+    static constexpr size_t AppendCapacity = 8;
+
     // The notifying store: no-op for an equal value, else handlers first (they see the old value).
     void Store(const T& incoming) {
         if (incoming == this->Stored()) {
@@ -149,6 +157,12 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     }
 
   private:
+    // The schema type name as a string made once per type, not once per value.
+    static const std::string& TypeName() {
+        static const std::string name(Traits::TypeName);
+        return name;
+    }
+
     std::unique_ptr<Node> itemSchema;  // array values only: {"type": <item type>}
     Internal::NodeType type;
     // Array values only: scalars never publish an item type, so they do not pay for the node.
