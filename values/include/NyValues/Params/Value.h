@@ -10,6 +10,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
@@ -187,7 +188,8 @@ class Value : public Properties::Value<T>, public ParamsBase {
     Properties::LazyValue<std::string> note1;
     Properties::LazyValue<std::string> note2;
     Properties::LazyValue<T> actual;
-    Properties::LazyValue<T> minimum;
+    // Every unsigned parameter shows its minimum from construction: built in place for those.
+    Properties::LazyValue<T, Properties::InitialValue<T>, std::is_same_v<T, unsigned int>> minimum;
     Properties::LazyValue<T> maximum;
     Properties::LazyValue<T> exclusiveMinimum;
     Properties::LazyValue<T> exclusiveMaximum;
@@ -210,14 +212,16 @@ class Value : public Properties::Value<T>, public ParamsBase {
         Internal::RefuseValue(Context("CheckValidation"), Name(), logged, thrown);
     }
 
-    Value& TurnOn(const std::string& key, Properties::LazyValue<T>& member, bool& flag, const T& v) {
+    template <typename Member>
+    Value& TurnOn(const std::string& key, Member& member, bool& flag, const T& v) {
         this->RegisterSchema(key, member.Node(), false);
         flag = true;
         member = v;
         return *this;
     }
 
-    void CopyFlag(const std::string& key, Properties::LazyValue<T>& member, bool& flag, bool theirs) {
+    template <typename Member>
+    void CopyFlag(const std::string& key, Member& member, bool& flag, bool theirs) {
         flag = theirs;
         if (flag) {
             this->RegisterSchema(key, member.Node(), false);
