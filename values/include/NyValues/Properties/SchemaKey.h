@@ -13,11 +13,10 @@
 
 namespace Ny::Properties::Internal {
 
+// Implicit, so that a literal names the key: Key<"type">().
 template <std::size_t N>
 struct KeyText {
-    constexpr KeyText(const char (&textIn)[N]) {
-        std::copy_n(textIn, N, text);
-    }  // NOLINT: implicit on purpose
+    constexpr KeyText(const char (&textIn)[N]) { std::copy_n(textIn, N, text); }
     char text[N];
 };
 
