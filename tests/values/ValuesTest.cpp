@@ -2,7 +2,9 @@
 // enumerations, copies and arrays.
 #include <gtest/gtest.h>
 
+#include <latch>
 #include <stdexcept>
+#include <thread>
 
 #include "LogCapture.h"
 #include "NyApi/Properties/JsonSerializer.h"
@@ -146,6 +148,136 @@ TEST(Copy, TakesEffectiveValueMetadataAndLimits) {
     Ny::Params::Enum<unsigned int> optionsCopy;
     optionsCopy.CopyValues(options);
     EXPECT_EQ(JsonSerializer::SerializeSchema(optionsCopy)["enumText"], json({"Stopped due to completion"}));
+}
+
+// The members a parameter rarely sets (limits, notes, "actual", "scale", "used", "readOnly") are only
+// built once set or entered in the schema. Which of them exist, by schema key or member name.
+template <typename T>
+std::vector<std::string> Created(const Ny::Params::Value<T>& p) {
+    std::vector<std::string> created;
+    const auto note = [&created](const char* name, const auto& member) {
+        if (member.Existing() != nullptr) {
+            created.emplace_back(name);
+        }
+    };
+    note("note1", p.note1);
+    note("note2", p.note2);
+    note("actual", p.actual);
+    note("minimum", p.minimum);
+    note("maximum", p.maximum);
+    note("exclusiveMinimum", p.exclusiveMinimum);
+    note("exclusiveMaximum", p.exclusiveMaximum);
+    note("scale", p.scale);
+    note("note3", p.note3);
+    note("readOnly", p.readOnly);
+    note("used", p.used);
+    return created;
+}
+
+TEST(LazyMembers, ReadsChecksAndEqualStoresCreateNothing) {
+    Ny::Params::Group group;
+    Ny::Params::Value<std::string> label;
+    Ny::Params::Value<unsigned int> count;
+    group.AddParameter("label", label, "");
+    group.AddParameter("count", count, "");
+    label = std::string("a");
+    label.note1 = std::string();  // equal to the initial value: nothing to build
+    label.used = true;
+    count.maximum = 0u;
+    EXPECT_EQ(label.minimum.Get(), "");
+    EXPECT_TRUE(label.used.Get());
+    EXPECT_FALSE(label.readOnly == true);
+    JsonSerializer::Serialize(group);
+    const json schema = JsonSerializer::SerializeSchema(group);
+    JsonSerializer::Deserialize(group, {{"label", "b"}, {"count", 3}});
+    EXPECT_EQ(label.Get(), "b");
+    EXPECT_EQ(Created(label), std::vector<std::string>{});
+    EXPECT_EQ(Created(count), std::vector<std::string>{"minimum"});  // every unsigned one shows minimum 0
+    EXPECT_EQ(schema["properties"]["label"],
+              json::parse(R"({"type":"string","title":"label","sortOrder":0})"));
+
+    // A member set before it is shown keeps its value when shown; the node is built holding it.
+    label.maximum = std::string("m");
+    EXPECT_EQ(Created(label), std::vector<std::string>{"maximum"});
+    EXPECT_FALSE(JsonSerializer::SerializeSchema(label).contains("maximum"));  // set, not turned on
+    label.Maximum(label.maximum.Get()).ReadOnly(false);
+    EXPECT_EQ(JsonSerializer::SerializeSchema(label)["maximum"], "m");
+    EXPECT_EQ(JsonSerializer::SerializeSchema(label)["readOnly"], false);
+    EXPECT_EQ(Refusal(label, "n"), "p was set to be greater than its maximum.");
+
+    // A handler added to a member reaches its node: it runs on the member's next change.
+    int changes = 0;
+    label.note2.Node().AddChangeHandler([&changes](Ny::Properties::Node&) { ++changes; });
+    label.note2 = std::string("x");
+    label.note2 = std::string("x");
+    EXPECT_EQ(changes, 1);
+}
+
+TEST(LazyMembers, ACopyTakesEveryMemberWhetherOrNotEitherSideBuiltIt) {
+    Ny::Params::Value<unsigned int> source;
+    source.Maximum(9).Used(false);
+    source.note1 = std::string("from the source");
+    Ny::Params::Value<unsigned int> copy;
+    copy.note2 = std::string("only in the copy");  // the source never built its note2: still copied
+    copy.exclusiveMaximum = 4u;
+    copy.CopyValues(source);
+    EXPECT_EQ(copy.maximum.Get(), 9u);
+    EXPECT_EQ(copy.note1.Get(), "from the source");
+    EXPECT_EQ(copy.note2.Get(), "");
+    EXPECT_EQ(copy.exclusiveMaximum.Get(), 0u);
+    EXPECT_FALSE(copy.used.Get());
+    const json schema = JsonSerializer::SerializeSchema(copy);
+    EXPECT_EQ(schema["maximum"], 9);
+    EXPECT_EQ(schema["minimum"], 0);
+    EXPECT_EQ(schema["used"], false);
+    EXPECT_FALSE(schema.contains("exclusiveMaximum"));
+    EXPECT_EQ(Created(source), (std::vector<std::string>{"note1", "minimum", "maximum", "used"}));
+
+    Ny::Params::Group named;
+    Ny::Params::StructBase typed("Calibration");
+    typed.CopyValues(named);  // the extended type's value is copied; its entry stays
+    EXPECT_EQ(JsonSerializer::SerializeSchema(typed)["extendedType"], "");
+    named.CopyValues(typed);
+    EXPECT_FALSE(JsonSerializer::SerializeSchema(named).contains("extendedType"));
+}
+
+// Reading never builds a member, so threads may read one tree at once (serialize it, copy from it)
+// as they could before members were built on first use. Run under ThreadSanitizer, a read that built
+// a member would be a reported race; here it would also show in Created().
+TEST(LazyMembers, ConcurrentReadersOfOneTreeBuildNothingInIt) {
+    struct Shared : Ny::Params::Group {
+        Shared() {
+            AddParameter("count", count, "");
+            AddParameter("mode", mode, "");
+            count.Maximum(10);
+            mode.AddOption(0, "Fast").AddOption(1, "Slow");
+        }
+        Ny::Params::Value<unsigned int> count;
+        Ny::Params::Enum<unsigned int> mode;
+    };
+    const Shared shared;
+    constexpr int Readers = 4;
+    std::latch start(Readers);
+    std::vector<std::thread> readers;
+    std::vector<json> documents(Readers);
+    for (int i = 0; i < Readers; ++i) {
+        readers.emplace_back([&shared, &start, &documents, i] {
+            start.arrive_and_wait();
+            Shared own;
+            own.CopyValues(shared);
+            documents[i] = {JsonSerializer::Serialize(shared), JsonSerializer::SerializeSchema(shared),
+                            JsonSerializer::SerializeSchema(own)};
+        });
+    }
+    for (auto& reader : readers) {
+        reader.join();
+    }
+    for (const json& document : documents) {
+        EXPECT_EQ(document[1], document[2]);
+        EXPECT_EQ(document[1]["properties"]["count"]["maximum"], 10);
+    }
+    EXPECT_EQ(Created(shared.count), (std::vector<std::string>{"minimum", "maximum"}));
+    EXPECT_EQ(Created(shared.mode), (std::vector<std::string>{"minimum"}));
 }
 
 struct Entry : Ny::Params::Group {

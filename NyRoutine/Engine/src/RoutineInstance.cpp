@@ -19,6 +19,14 @@ constexpr const char* ForeignExceptionDetails =
     "Routine code threw an exception that is not a std::exception.";
 }  // namespace
 
+// NY_LOG with the line's context worked out once, on its first use: the lock lines are logged on every
+// read of a routine's document, and without a sink a line costs nothing but the context otherwise.
+#define NY_INSTANCE_LOG(levelWord, ...)                                                                  \
+    do {                                                                                                 \
+        static const std::string nyLogContext = ::Ny::QualifiedName(__PRETTY_FUNCTION__);                \
+        ::Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, (levelWord), nyLogContext.c_str(), __VA_ARGS__); \
+    } while (false)
+
 RoutineInstance::RoutineInstance(std::shared_ptr<IRoutine> routineIn, NyCore::Core* core, std::string idIn,
                                  const RoutineInfo* typeInfoIn)
     : maxProgress(100),
@@ -42,7 +50,7 @@ void RoutineInstance::Start() {
         }
         startBegun = true;
     }
-    NY_LOG(Progress, "Routine [%s] started.", id.c_str());
+    NY_INSTANCE_LOG(Progress, "Routine [%s] started.", id.c_str());
     bool endedBefore = false;
     try {
         // `ended` is not set back to 0 here: an abort that came between the creation and this start
@@ -151,7 +159,7 @@ void RoutineInstance::Continue() {
 }
 
 void RoutineInstance::Abort() {
-    NY_LOG(Progress, "Routine [%s] aborted.", id.c_str());
+    NY_INSTANCE_LOG(Progress, "Routine [%s] aborted.", id.c_str());
     {
         Ny::Locker locker(lock.Get());
         aborted = true;
@@ -192,7 +200,7 @@ void RoutineInstance::RunCallbackWrapper(IRoutineHost& routineHost) {
             StartWaitThread();
         }
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "RoutineInstance::RunCallbackWrapper run exception: %s", e.what());
+        NY_INSTANCE_LOG(CaughtFailure, "RoutineInstance::RunCallbackWrapper run exception: %s", e.what());
         Fail(e.what());
         Completed();
         return;
@@ -212,8 +220,8 @@ void RoutineInstance::ContinueCallbackWrapper(IRoutineHost& routineHost,
             callback(routineHost);
             callback = nullptr;
         } catch (const std::exception& e) {
-            NY_LOG(CaughtFailure, "RoutineInstance::ContinueCallbackWrapper callback exception: %s",
-                   e.what());
+            NY_INSTANCE_LOG(CaughtFailure, "RoutineInstance::ContinueCallbackWrapper callback exception: %s",
+                            e.what());
             Fail(e.what());
             Completed();
             return;
@@ -262,7 +270,7 @@ NyRt::Status RoutineInstance::WaitingForCompletionThreadFx(void* instancePointer
         }
     }
     self.Queue([&self] {
-        NY_LOG(Progress, "Routine [%s] completed successfully -- ending routine.", self.id.c_str());
+        NY_INSTANCE_LOG(Progress, "Routine [%s] completed successfully -- ending routine.", self.id.c_str());
         self.EndRoutine();
     });
     return NyRt::Ok;
@@ -271,10 +279,10 @@ NyRt::Status RoutineInstance::WaitingForCompletionThreadFx(void* instancePointer
 void RoutineInstance::EndRoutine() {
     std::int32_t expected = 0;
     if (!ended.compare_exchange_strong(expected, 1)) {
-        NY_LOG(Progress, "Attempted to end routine [%s], but it already ended.", id.c_str());
+        NY_INSTANCE_LOG(Progress, "Attempted to end routine [%s], but it already ended.", id.c_str());
         return;
     }
-    NY_LOG(Progress, "Ending routine [%s].", id.c_str());
+    NY_INSTANCE_LOG(Progress, "Ending routine [%s].", id.c_str());
     if (completionDone) {
         return;
     }
@@ -295,8 +303,8 @@ void RoutineInstance::EndRoutine() {
             Completed();
             throw;
         } catch (...) {
-            NY_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.",
-                   id.c_str());
+            NY_INSTANCE_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.",
+                            id.c_str());
             Fail(std::string("Completion callback failed: ") + ForeignExceptionDetails);
             Completed();
             throw;
@@ -313,7 +321,7 @@ void RoutineInstance::Completed() {
         }
     }
     if (deleting) {
-        NY_LOG(Progress, "Routine [%s] is being deleted, so skip OnUpdated()", id.c_str());
+        NY_INSTANCE_LOG(Progress, "Routine [%s] is being deleted, so skip OnUpdated()", id.c_str());
     } else {
         OnUpdated();
     }
@@ -326,14 +334,15 @@ void RoutineInstance::Completed() {
         }
         completionDone = true;
     }
-    NY_LOG(Progress, "Routine [%s] completed.", id.c_str());
+    NY_INSTANCE_LOG(Progress, "Routine [%s] completed.", id.c_str());
 }
 
 void RoutineInstance::FailForeign() {
     // Nothing of such an exception can be told, so the log names the routine; the caller passes the
     // exception on to the runner, but the routine ends first as with a std::exception, or it would stay
     // Running, hold its place and keep its end waited for forever.
-    NY_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.", id.c_str());
+    NY_INSTANCE_LOG(CaughtFailure, "Routine [%s] threw an exception that is not a std::exception.",
+                    id.c_str());
     Fail(ForeignExceptionDetails);
     Completed();
 }
@@ -386,17 +395,17 @@ void RoutineInstance::EndForRemoval() {
 
 bool RoutineInstance::EndAndWaitForEnd() noexcept {
     try {
-        NY_LOG(Progress, "Routine [%s] deleted.", id.c_str());
+        NY_INSTANCE_LOG(Progress, "Routine [%s] deleted.", id.c_str());
         EndForRemoval();
         Ny::MutexLock guard(stopMutex);
         WaitForEndLocked();
         return true;
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        NY_INSTANCE_LOG(CaughtFailure, "Exception thrown in destructor");
         Ny::Exception::LogException(e, 0);
         Ny::Exception::LogBackTrace(e);
     } catch (...) {
-        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        NY_INSTANCE_LOG(CaughtFailure, "Exception thrown in destructor");
     }
     return false;
 }
@@ -409,7 +418,7 @@ bool RoutineInstance::StopCode() noexcept {
     try {
         WaitForEndLocked();
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Waiting for the end of routine %s failed.", id.c_str());
+        NY_INSTANCE_LOG(CaughtFailure, "Waiting for the end of routine %s failed.", id.c_str());
         Ny::Exception::LogException(e, 0);
     }
     StopJobsLocked();
@@ -418,7 +427,7 @@ bool RoutineInstance::StopCode() noexcept {
         Ny::Locker locker(lock.Get());
         paramsEditable = false;
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Closing the parameters of routine %s failed.", id.c_str());
+        NY_INSTANCE_LOG(CaughtFailure, "Closing the parameters of routine %s failed.", id.c_str());
         Ny::Exception::LogException(e, 0);
     }
     return true;
@@ -461,7 +470,8 @@ void RoutineInstance::StopJobsLocked() noexcept {
             thread.Reset();
         }
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Joining the completion-wait thread of routine %s failed.", id.c_str());
+        NY_INSTANCE_LOG(CaughtFailure, "Joining the completion-wait thread of routine %s failed.",
+                        id.c_str());
         Ny::Exception::LogException(e, 0);
     }
     std::unique_ptr<Ny::AsyncRunner> stopped;
@@ -493,21 +503,21 @@ void RoutineInstance::RaiseDeletedGuarded() noexcept {
     try {
         OnDeleted();
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        NY_INSTANCE_LOG(CaughtFailure, "Exception thrown in destructor");
         Ny::Exception::LogException(e, 0);
         Ny::Exception::LogBackTrace(e);
     } catch (...) {
-        NY_LOG(CaughtFailure, "Exception thrown in destructor");
+        NY_INSTANCE_LOG(CaughtFailure, "Exception thrown in destructor");
     }
 }
 
 void RoutineInstance::FreeResultsGuarded() noexcept {
     if (results != nullptr) {
-        NY_LOG(Progress, "Routine [%s] deleted -- freeing results.", id.c_str());
+        NY_INSTANCE_LOG(Progress, "Routine [%s] deleted -- freeing results.", id.c_str());
         try {
             routine->FreeResults(std::exchange(results, nullptr));
         } catch (...) {
-            NY_LOG(CaughtFailure, "Exception thrown in destructor");
+            NY_INSTANCE_LOG(CaughtFailure, "Exception thrown in destructor");
         }
     }
 }
@@ -652,20 +662,21 @@ std::string RoutineInstance::CurrentStepInfo() const {
 Ny::Properties::Structure* RoutineInstance::LockParams(bool forWriting) {
     const std::uint32_t thread = NyRt::CurrentThreadId();
     if (paramsLocked) {
-        NY_LOG(Progress,
-               "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
-               thread, static_cast<unsigned>(paramsWriting.load()), static_cast<unsigned>(forWriting));
+        NY_INSTANCE_LOG(
+            Progress,
+            "<%u> Routine params already locked (paramsWriting = %u). Waiting for (forWriting = %u)...",
+            thread, static_cast<unsigned>(paramsWriting.load()), static_cast<unsigned>(forWriting));
     }
     NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
     paramsLocked = true;
     if (forWriting && !paramsEditable) {
         paramsWriting = false;
-        NY_LOG(Progress, "<%u> Routine params locked, but not forWriting.", thread);
+        NY_INSTANCE_LOG(Progress, "<%u> Routine params locked, but not forWriting.", thread);
         return nullptr;
     }
     paramsWriting = forWriting;
-    NY_LOG(Progress, "<%u> Routine params locked (forWriting = %u).", thread,
-           static_cast<unsigned>(forWriting));
+    NY_INSTANCE_LOG(Progress, "<%u> Routine params locked (forWriting = %u).", thread,
+                    static_cast<unsigned>(forWriting));
     return params;
 }
 
@@ -679,8 +690,8 @@ void RoutineInstance::UnlockParams() {
         RoutineInstance& self;
         ~Exit() {
             self.paramsLocked = false;
-            NY_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).",
-                   NyRt::CurrentThreadId(), static_cast<unsigned>(self.paramsWriting.load()));
+            NY_INSTANCE_LOG(Progress, "<%u> Routine params unlocked (paramsWriting was = %u).",
+                            NyRt::CurrentThreadId(), static_cast<unsigned>(self.paramsWriting.load()));
             NyRt::LockExit(self.lock.Get());
         }
     } exit{*this};
@@ -712,11 +723,11 @@ bool RoutineInstance::AcceptsParams() const {
 const Ny::Properties::Structure* RoutineInstance::LockResults() {
     const std::uint32_t thread = NyRt::CurrentThreadId();
     if (resultsLocked) {
-        NY_LOG(Progress, "<%u> Routine results already locked. Waiting...", thread);
+        NY_INSTANCE_LOG(Progress, "<%u> Routine results already locked. Waiting...", thread);
     }
     NY_CHECK_RT(NyRt::LockEnter(lock.Get()));
     resultsLocked = true;
-    NY_LOG(Progress, "<%u> Routine results locked.", thread);
+    NY_INSTANCE_LOG(Progress, "<%u> Routine results locked.", thread);
     return results;
 }
 
@@ -725,7 +736,7 @@ void RoutineInstance::UnlockResults() {
         return;
     }
     resultsLocked = false;
-    NY_LOG(Progress, "<%u> Routine results unlocked.", NyRt::CurrentThreadId());
+    NY_INSTANCE_LOG(Progress, "<%u> Routine results unlocked.", NyRt::CurrentThreadId());
     NY_CHECK_RT(NyRt::LockExit(lock.Get()));
 }
 
@@ -739,10 +750,11 @@ ParamsAccess::~ParamsAccess() {
     try {
         Release();
     } catch (const std::exception& e) {
-        NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+        NY_INSTANCE_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
     } catch (...) {
         // The change callback is routine code: whatever it throws, a destructor must not pass it on.
-        NY_LOG(CaughtFailure, "Releasing routine params failed (an exception that is not a std::exception).");
+        NY_INSTANCE_LOG(CaughtFailure,
+                        "Releasing routine params failed (an exception that is not a std::exception).");
     }
 }
 
@@ -758,7 +770,7 @@ void ParamsAccess::ReleaseUnwritten() noexcept {
         try {
             held->UnlockParamsUnwritten();
         } catch (const std::exception& e) {
-            NY_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
+            NY_INSTANCE_LOG(CaughtFailure, "Releasing routine params failed (%s).", e.what());
         }
     }
 }
@@ -771,7 +783,7 @@ ResultsAccess::~ResultsAccess() {
         try {
             held->UnlockResults();
         } catch (const std::exception& e) {
-            NY_LOG(CaughtFailure, "Releasing routine results failed (%s).", e.what());
+            NY_INSTANCE_LOG(CaughtFailure, "Releasing routine results failed (%s).", e.what());
         }
     }
 }

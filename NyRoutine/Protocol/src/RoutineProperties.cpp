@@ -2,22 +2,35 @@
 
 #include "NyRoutine/Engine/RoutineInstance.h"
 #include "NyRoutine/RoutineInfo.h"
+#include "NyValues/Properties/SchemaKey.h"
 
 namespace NyRoutine::Internal {
 
+namespace {
+
+using Ny::Properties::Internal::Key;
+
+// Fields are titled by their keys (an empty title). Keys and title are strings made once, not per read.
+const std::string& NoTitle() {
+    static const std::string none;
+    return none;
+}
+
+}  // namespace
+
 RoutineProperties::RoutineProperties() {
-    AddParameter("id", id, "");
-    AddParameter("state", state, "");
-    AddParameter("stateDetails", stateDetails, "");
-    AddParameter("type", type, "");
-    AddParameter("displayName", displayName, "");
-    AddParameter("description", description, "");
-    AddParameter("helpHtml", helpHtml, "");
-    AddParameter("helpUrl", helpUrl, "");
-    AddParameter("totalSteps", totalSteps, "");
-    AddParameter("currentStep", currentStep, "");
-    AddParameter("currentStepInfo", currentStepInfo, "");
-    AddParameter("currentProgress", currentProgress, "");
+    AddParameter(Key<"id">(), id, NoTitle());
+    AddParameter(Key<"state">(), state, NoTitle());
+    AddParameter(Key<"stateDetails">(), stateDetails, NoTitle());
+    AddParameter(Key<"type">(), type, NoTitle());
+    AddParameter(Key<"displayName">(), displayName, NoTitle());
+    AddParameter(Key<"description">(), description, NoTitle());
+    AddParameter(Key<"helpHtml">(), helpHtml, NoTitle());
+    AddParameter(Key<"helpUrl">(), helpUrl, NoTitle());
+    AddParameter(Key<"totalSteps">(), totalSteps, NoTitle());
+    AddParameter(Key<"currentStep">(), currentStep, NoTitle());
+    AddParameter(Key<"currentStepInfo">(), currentStepInfo, NoTitle());
+    AddParameter(Key<"currentProgress">(), currentProgress, NoTitle());
 
     // Clients change a routine only through its parameters and commands: every field is read-only.
     id.ReadOnly(true);

@@ -2,15 +2,28 @@
 
 #include "NyApi/Properties/JsonSerializer.h"
 #include "NyRoutine/RoutineInfo.h"
+#include "NyValues/Properties/SchemaKey.h"
 
 namespace NyRoutine::Internal {
 
+namespace {
+
+using Ny::Properties::Internal::Key;
+
+// Fields are titled by their keys (an empty title). Keys and title are strings made once, not per read.
+const std::string& NoTitle() {
+    static const std::string none;
+    return none;
+}
+
+}  // namespace
+
 RoutineTypeProperties::RoutineTypeProperties() {
-    AddParameter("type", type, "");
-    AddParameter("displayName", displayName, "");
-    AddParameter("description", description, "");
-    AddParameter("helpHtml", helpHtml, "");
-    AddParameter("helpUrl", helpUrl, "");
+    AddParameter(Key<"type">(), type, NoTitle());
+    AddParameter(Key<"displayName">(), displayName, NoTitle());
+    AddParameter(Key<"description">(), description, NoTitle());
+    AddParameter(Key<"helpHtml">(), helpHtml, NoTitle());
+    AddParameter(Key<"helpUrl">(), helpUrl, NoTitle());
     type.ReadOnly(true);
     displayName.ReadOnly(true);
     description.ReadOnly(true);

@@ -20,15 +20,19 @@ namespace {
 constexpr const char* RoutinePattern = "/routines/:routine";
 
 // Runs `body`; a failure passes with the operation's message nested around the cause. A holder in the
-// caller's scope releases the routine's lock on every path.
+// caller's scope releases the routine's lock on every path. `function` is the caller's
+// __PRETTY_FUNCTION__: its qualified name is only worked out when there is a failure to name it in, not
+// on every read of a document.
 template <typename Body>
-void WithContext(const std::string& context, const char* message, int line, Body&& body) {
+void WithContext(const char* function, const char* message, int line, Body&& body) {
     try {
         body();
     } catch (const Ny::Exception& e) {
-        std::throw_with_nested(Ny::Exception(line, __FILE__, e.Status(), context.c_str(), "%s", message));
+        std::throw_with_nested(
+            Ny::Exception(line, __FILE__, e.Status(), Ny::QualifiedName(function).c_str(), "%s", message));
     } catch (const std::exception&) {
-        std::throw_with_nested(Ny::Exception(line, __FILE__, 0, context.c_str(), "%s", message));
+        std::throw_with_nested(
+            Ny::Exception(line, __FILE__, 0, Ny::QualifiedName(function).c_str(), "%s", message));
     }
 }
 
@@ -179,7 +183,7 @@ nlohmann::json RoutinesRoot::BuildCollectionDocument(const NyRest::RequestInfo&,
 
 void RoutinesRoot::AppendParams(RoutineInstance& instance, nlohmann::json& document, nlohmann::json* schema) {
     const ParamsAccess access(instance, false);
-    WithContext(NY_CONTEXT(), "Append routine params failed.", __LINE__, [&] {
+    WithContext(__PRETTY_FUNCTION__, "Append routine params failed.", __LINE__, [&] {
         const Ny::Properties::Structure empty(true);
         const Ny::Properties::Structure& shown = access.Get() != nullptr ? *access.Get() : empty;
         document["parameters"] = Ny::Properties::JsonSerializer::Serialize(shown);
@@ -197,7 +201,7 @@ void RoutinesRoot::AppendParams(RoutineInstance& instance, nlohmann::json& docum
 void RoutinesRoot::AppendResults(RoutineInstance& instance, nlohmann::json& document,
                                  nlohmann::json* schema) {
     const ResultsAccess access(instance);
-    WithContext(NY_CONTEXT(), "Append routine results failed.", __LINE__, [&] {
+    WithContext(__PRETTY_FUNCTION__, "Append routine results failed.", __LINE__, [&] {
         const Ny::Properties::Structure empty(true);
         const Ny::Properties::Structure& shown = access.Get() != nullptr ? *access.Get() : empty;
         document["results"] = Ny::Properties::JsonSerializer::Serialize(shown);
@@ -237,14 +241,14 @@ void RoutinesRoot::SetRoutineParamsStrictly(RoutineInstance& instance, const nlo
         if (!unknown.empty()) {
             RefuseUnknownParameters(unknown);
         }
-        WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__,
+        WithContext(__PRETTY_FUNCTION__, "Set routine params failed.", __LINE__,
                     [&] { Ny::Properties::JsonSerializer::Deserialize(*access.Get(), incoming); });
     } catch (...) {
         access.ReleaseUnwritten();
         throw;
     }
     // The release reports the write to the routine; a refusal there is the request's failure too.
-    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] { access.Release(); });
+    WithContext(__PRETTY_FUNCTION__, "Set routine params failed.", __LINE__, [&] { access.Release(); });
 }
 
 void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instance,
@@ -259,7 +263,7 @@ void RoutinesRoot::SetRoutineParams(const std::string&, RoutineInstance& instanc
     }
     // The release reports the write to the routine and raises its updated event before unlocking; a
     // refusal there is the request's failure too.
-    WithContext(NY_CONTEXT(), "Set routine params failed.", __LINE__, [&] {
+    WithContext(__PRETTY_FUNCTION__, "Set routine params failed.", __LINE__, [&] {
         Ny::Properties::JsonSerializer::Deserialize(*access.Get(), body["parameters"]);
         access.Release();
     });

@@ -16,8 +16,8 @@ template <typename T>
 class Enum : public Value<T> {
   public:
     Enum() {
-        this->RegisterSchema("enum", options);
-        this->RegisterSchema("enumText", optionTexts);
+        this->RegisterSchema(Properties::Internal::Key<"enum">(), options);
+        this->RegisterSchema(Properties::Internal::Key<"enumText">(), optionTexts);
     }
     ~Enum() override = default;
 
@@ -30,12 +30,8 @@ class Enum : public Value<T> {
 
     // Appends one option and its text (no test for duplicates).
     Enum& AddOption(const T& value, const std::string& text) {
-        std::vector<T> values = options.Get();
-        values.push_back(value);
-        options = values;
-        std::vector<std::string> texts = optionTexts.Get();
-        texts.push_back(text);
-        optionTexts = texts;
+        options.Append(value);
+        optionTexts.Append(text);
         return *this;
     }
 

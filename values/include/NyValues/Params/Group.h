@@ -19,11 +19,11 @@ class StructBase : public Properties::Structure, public ParamsBase {
   public:
     explicit StructBase(const std::string& name) : Properties::Structure(true) {
         if (!name.empty()) {
-            RegisterSchema("extendedType", extendedType);
+            RegisterSchema(Properties::Internal::Key<"extendedType">(), extendedType.Node());
             extendedType = name;
         }
-        RegisterSchema("title", title);
-        RegisterSchema("sortOrder", sortOrder);
+        RegisterSchema(Properties::Internal::Key<"title">(), title);
+        RegisterSchema(Properties::Internal::Key<"sortOrder">(), sortOrder);
     }
     ~StructBase() override = default;
 
@@ -38,7 +38,7 @@ class StructBase : public Properties::Structure, public ParamsBase {
     }
 
     StructBase& ReadOnly(bool on = true) {
-        RegisterSchema("readOnly", readOnly, false);
+        RegisterSchema(Properties::Internal::Key<"readOnly">(), readOnly.Node(), false);
         readOnlyShown = true;
         readOnly = on;
         return *this;
@@ -51,16 +51,16 @@ class StructBase : public Properties::Structure, public ParamsBase {
         const auto& source = dynamic_cast<const StructBase&>(other);
         CopyParamsBase(source);
         if (readOnlyShown) {
-            RegisterSchema("readOnly", readOnly, false);
+            RegisterSchema(Properties::Internal::Key<"readOnly">(), readOnly.Node(), false);
         }
         if (usedShown) {
-            RegisterSchema("used", used, false);
+            RegisterSchema(Properties::Internal::Key<"used">(), used.Node(), false);
         }
         extendedType = source.extendedType.Get();
         nextSortOrder = source.nextSortOrder;
     }
 
-    Properties::Value<std::string> extendedType;
+    Properties::LazyValue<std::string> extendedType;  // built only for a named structure
     std::uint32_t nextSortOrder = 0;
 };
 

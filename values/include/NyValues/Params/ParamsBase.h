@@ -6,13 +6,16 @@
 #include <string>
 
 #include "NyApi/Logging.h"
+#include "NyValues/Properties/LazyValue.h"
 #include "NyValues/Properties/Value.h"
 
 namespace Ny::Params {
 
 class ParamsBase {
   public:
-    ParamsBase() : readOnly(false), used(true) {}
+    ParamsBase() = default;
+    ParamsBase(const ParamsBase&) = delete;
+    ParamsBase& operator=(const ParamsBase&) = delete;
 
     // The parameter's name in messages: its title, or "<unnamed>".
     std::string Name() const { return title == std::string() ? std::string("<unnamed>") : title.Get(); }
@@ -26,8 +29,10 @@ class ParamsBase {
     }
 
     Properties::Value<std::string> title;
-    Properties::Value<bool> readOnly;
-    Properties::Value<bool> used;
+    // Entered in the schema only once turned on: until then they are not built. Many nodes show
+    // "readOnly" (every field of the documents does), so it is built in place.
+    Properties::LazyValue<bool, Properties::InitialValue<bool>, true> readOnly;
+    Properties::LazyValue<bool, Properties::InitiallyTrue> used;
     Properties::Value<unsigned int> sortOrder;
     bool readOnlyRejected = false;
     bool readOnlyShown = false;

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
@@ -66,8 +67,8 @@ class Value : public Properties::Value<T>, public ParamsBase {
   public:
     Value() : Value(T()) {}
     explicit Value(const T& initial) : Base(initial) {
-        this->RegisterSchema("title", title);
-        this->RegisterSchema("sortOrder", sortOrder);
+        this->RegisterSchema(Properties::Internal::Key<"title">(), title);
+        this->RegisterSchema(Properties::Internal::Key<"sortOrder">(), sortOrder);
         if constexpr (std::is_same_v<T, unsigned int>) {
             Minimum(0);  // publishes the limit no unsigned value can break
         }
@@ -84,23 +85,31 @@ class Value : public Properties::Value<T>, public ParamsBase {
     // The effective value: "actual" when it is turned on, else the stored value.
     const T& Get() const override { return hasActual ? actual.Get() : this->Stored(); }
 
-    Value& Minimum(const T& limit) { return TurnOn("minimum", minimum, hasMinimum, limit); }
-    Value& Maximum(const T& limit) { return TurnOn("maximum", maximum, hasMaximum, limit); }
+    Value& Minimum(const T& limit) {
+        return TurnOn(Properties::Internal::Key<"minimum">(), minimum, hasMinimum, limit);
+    }
+    Value& Maximum(const T& limit) {
+        return TurnOn(Properties::Internal::Key<"maximum">(), maximum, hasMaximum, limit);
+    }
     Value& ExclusiveMinimum(const T& limit) {
-        return TurnOn("exclusiveMinimum", exclusiveMinimum, hasExclusiveMinimum, limit);
+        return TurnOn(Properties::Internal::Key<"exclusiveMinimum">(), exclusiveMinimum, hasExclusiveMinimum,
+                      limit);
     }
     Value& ExclusiveMaximum(const T& limit) {
-        return TurnOn("exclusiveMaximum", exclusiveMaximum, hasExclusiveMaximum, limit);
+        return TurnOn(Properties::Internal::Key<"exclusiveMaximum">(), exclusiveMaximum, hasExclusiveMaximum,
+                      limit);
     }
-    Value& Actual(const T& current) { return TurnOn("actual", actual, hasActual, current); }
+    Value& Actual(const T& current) {
+        return TurnOn(Properties::Internal::Key<"actual">(), actual, hasActual, current);
+    }
     Value& ReadOnly(bool on = true) {
-        this->RegisterSchema("readOnly", readOnly, false);
+        this->RegisterSchema(Properties::Internal::Key<"readOnly">(), readOnly.Node(), false);
         readOnlyShown = true;
         readOnly = on;
         return *this;
     }
     Value& Used(bool on = true) {
-        this->RegisterSchema("used", used, false);
+        this->RegisterSchema(Properties::Internal::Key<"used">(), used.Node(), false);
         usedShown = true;
         used = on;
         return *this;
@@ -151,10 +160,10 @@ class Value : public Properties::Value<T>, public ParamsBase {
         const auto& source = dynamic_cast<const Value<T>&>(other);
         CopyParamsBase(source);
         if (readOnlyShown) {
-            this->RegisterSchema("readOnly", readOnly, false);
+            this->RegisterSchema(Properties::Internal::Key<"readOnly">(), readOnly.Node(), false);
         }
         if (usedShown) {
-            this->RegisterSchema("used", used, false);
+            this->RegisterSchema(Properties::Internal::Key<"used">(), used.Node(), false);
         }
         note1 = source.note1.Get();
         note2 = source.note2.Get();
@@ -165,22 +174,27 @@ class Value : public Properties::Value<T>, public ParamsBase {
         exclusiveMaximum = source.exclusiveMaximum.Get();
         scale = source.scale.Get();
         note3 = source.note3.Get();
-        CopyFlag("actual", actual, hasActual, source.hasActual);
-        CopyFlag("minimum", minimum, hasMinimum, source.hasMinimum);
-        CopyFlag("maximum", maximum, hasMaximum, source.hasMaximum);
-        CopyFlag("exclusiveMinimum", exclusiveMinimum, hasExclusiveMinimum, source.hasExclusiveMinimum);
-        CopyFlag("exclusiveMaximum", exclusiveMaximum, hasExclusiveMaximum, source.hasExclusiveMaximum);
+        CopyFlag(Properties::Internal::Key<"actual">(), actual, hasActual, source.hasActual);
+        CopyFlag(Properties::Internal::Key<"minimum">(), minimum, hasMinimum, source.hasMinimum);
+        CopyFlag(Properties::Internal::Key<"maximum">(), maximum, hasMaximum, source.hasMaximum);
+        CopyFlag(Properties::Internal::Key<"exclusiveMinimum">(), exclusiveMinimum, hasExclusiveMinimum,
+                 source.hasExclusiveMinimum);
+        CopyFlag(Properties::Internal::Key<"exclusiveMaximum">(), exclusiveMaximum, hasExclusiveMaximum,
+                 source.hasExclusiveMaximum);
     }
 
-    Properties::Value<std::string> note1;
-    Properties::Value<std::string> note2;
-    Properties::Value<T> actual;
-    Properties::Value<T> minimum;
-    Properties::Value<T> maximum;
-    Properties::Value<T> exclusiveMinimum;
-    Properties::Value<T> exclusiveMaximum;
-    Properties::Value<ScaleOption> scale;
-    Properties::Value<std::string> note3;
+    // Most parameters set none of these: each is built when it is first set or entered in the schema
+    // (see LazyValue), so a parameter costs little more than its value, title and sort order.
+    Properties::LazyValue<std::string> note1;
+    Properties::LazyValue<std::string> note2;
+    Properties::LazyValue<T> actual;
+    // Every unsigned parameter shows its minimum from construction: built in place for those.
+    Properties::LazyValue<T, Properties::InitialValue<T>, std::is_same_v<T, unsigned int>> minimum;
+    Properties::LazyValue<T> maximum;
+    Properties::LazyValue<T> exclusiveMinimum;
+    Properties::LazyValue<T> exclusiveMaximum;
+    Properties::LazyValue<ScaleOption> scale;
+    Properties::LazyValue<std::string> note3;
     T rejectedValue{};
     bool hasActual = false;
     bool hasMinimum = false;
@@ -198,17 +212,19 @@ class Value : public Properties::Value<T>, public ParamsBase {
         Internal::RefuseValue(Context("CheckValidation"), Name(), logged, thrown);
     }
 
-    Value& TurnOn(const char* key, Properties::Value<T>& member, bool& flag, const T& v) {
-        this->RegisterSchema(key, member, false);
+    template <typename Member>
+    Value& TurnOn(const std::string& key, Member& member, bool& flag, const T& v) {
+        this->RegisterSchema(key, member.Node(), false);
         flag = true;
         member = v;
         return *this;
     }
 
-    void CopyFlag(const char* key, Properties::Value<T>& member, bool& flag, bool theirs) {
+    template <typename Member>
+    void CopyFlag(const std::string& key, Member& member, bool& flag, bool theirs) {
         flag = theirs;
         if (flag) {
-            this->RegisterSchema(key, member, false);
+            this->RegisterSchema(key, member.Node(), false);
         }
     }
 };

@@ -8,13 +8,16 @@
 
 #include "NyApi/Exception.h"
 #include "NyApi/Properties/ArrayBase.h"
+#include "NyValues/Properties/SchemaKey.h"
 
 namespace Ny::Properties {
 
 template <typename T>
 class Array : public Internal::ArrayBase {
   public:
-    Array() : factory([] { return std::make_unique<T>(); }) { RegisterSchema("items", itemSchemas); }
+    Array() : factory([] { return std::make_unique<T>(); }) {
+        RegisterSchema(Internal::Key<"items">(), itemSchemas);
+    }
     ~Array() override = default;
 
     // Resizing to the current count does nothing; growing tells the handlers once and then once per

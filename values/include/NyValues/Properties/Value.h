@@ -7,6 +7,7 @@
 // owner of the tree serializes access (see Ny::Properties::Node).
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -15,6 +16,7 @@
 #include "NyApi/Exception.h"
 #include "NyApi/Properties/Structure.h"
 #include "NyApi/Properties/ValueBase.h"
+#include "NyValues/Properties/SchemaKey.h"
 #include "NyValues/Properties/ValueTraits.h"
 
 namespace Ny::Properties {
@@ -52,6 +54,7 @@ class ValueWrapper {
 class NodeType : public ValueBase {
   public:
     explicit NodeType(const char* nameIn = "") : name(nameIn) { Node::SetWriteOnly(true); }
+    explicit NodeType(const std::string& nameIn) : name(nameIn) { Node::SetWriteOnly(true); }
     ~NodeType() override = default;
 
     void CopyValues(const Node& other) override {
@@ -87,16 +90,17 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
 
   public:
     Value() : Value(T()) {}
-    explicit Value(const T& initial) : Wrapper(initial), type(Traits::TypeName) {
-        RegisterSchema("type", type);
+    explicit Value(const T& initial) : Wrapper(initial), type(TypeName()) {
+        RegisterSchema(Internal::Key<"type">(), type);
         if constexpr (Internal::IsArrayValue<T>::value) {
             itemSchema = std::make_unique<Structure>(false);
-            RegisterSchema("items", *itemSchema);
-            itemType.name = Traits::ItemTypeName;
-            static_cast<Structure&>(*itemSchema).Register("type", itemType);
+            RegisterSchema(Internal::Key<"items">(), *itemSchema);
+            itemType = std::make_unique<Internal::NodeType>(Traits::ItemTypeName);
+            static_cast<Structure&>(*itemSchema).Register(Internal::Key<"type">(), *itemType);
         }
     }
-    ~Value() override = default;
+    // The item schema goes first: it refers to the item type.
+    ~Value() override { itemSchema.reset(); }
 
     Value& operator=(const T& incoming) override {
         Store(incoming);
@@ -110,6 +114,19 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
         const auto& source = dynamic_cast<const Value<T>&>(other);
         Store(static_cast<const T&>(source));
         CopySchema(other);
+    }
+
+    // The notifying store of the array with `element` appended (an append always changes it), without
+    // copying the array first. Array values only.
+    template <typename Array = T>
+    Value& Append(const typename Array::value_type& element) {
+        NotifyChange();
+        if (this->value.capacity() == this->value.size()) {
+            // Options are added one by one while a node is built: grow in one step to a handful.
+            this->value.reserve(std::max<size_t>(AppendCapacity, 2 * this->value.size()));
+        }
+        this->value.push_back(element);
+        return *this;
     }
 
     void Read(ValueReader& reader) override { Store(Traits::Read(reader)); }
@@ -126,6 +143,8 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     virtual void CheckValidation(const T& incoming) { static_cast<void>(incoming); }
 
   protected:
+    static constexpr size_t AppendCapacity = 8;
+
     // The notifying store: no-op for an equal value, else handlers first (they see the old value).
     void Store(const T& incoming) {
         if (incoming == this->Stored()) {
@@ -138,9 +157,16 @@ class Value : public Internal::ValueBase, public Internal::ValueWrapper<T> {
     }
 
   private:
+    // The schema type name as a string made once per type, not once per value.
+    static const std::string& TypeName() {
+        static const std::string name(Traits::TypeName);
+        return name;
+    }
+
     std::unique_ptr<Node> itemSchema;  // array values only: {"type": <item type>}
     Internal::NodeType type;
-    Internal::NodeType itemType;
+    // Array values only: scalars never publish an item type, so they do not pay for the node.
+    std::unique_ptr<Internal::NodeType> itemType;
 };
 
 }  // namespace Ny::Properties
