@@ -8,6 +8,8 @@
 
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -406,6 +408,62 @@ class WorkerPool {
     std::vector<std::thread> workers;  // touched only by the constructor and Stop
 };
 
+// Whether the worker pool takes a job within a bound, for health checks and the watchdog. One probe job
+// at a time waits in the pool's queue, shared by everyone asking meanwhile: asking while the workers are
+// held then adds nothing to the queue that requests need, however often a monitor asks. Owned by the
+// server's state, which keeps it alive while the pool runs its jobs (the pool is stopped first).
+class PoolProbe {
+  public:
+    // Called once with true from a worker when the probe ran, or with false: at once when the pool refuses
+    // the probe or the one waiting has waited longer than `bound` already (the pool does not answer), or
+    // from the pool's Stop(). Must be quick and must not throw; may run on any thread.
+    using Answer = std::function<void(bool ran)>;
+
+    void Ask(WorkerPool& pool, Clock::duration bound, Answer answer) NY_EXCLUDES(mutex) {
+        bool submit = false;
+        bool stale = false;
+        {
+            Ny::MutexLock guard(mutex);
+            const auto now = Clock::now();
+            if (outstanding && now - askedAt > bound) {
+                stale = true;
+            } else {
+                waiting.push_back(std::move(answer));
+                if (!outstanding) {
+                    outstanding = true;
+                    askedAt = now;
+                    submit = true;
+                }
+            }
+        }
+        if (stale) {
+            answer(false);
+            return;
+        }
+        if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }})) {
+            Finish(false);
+        }
+    }
+
+  private:
+    void Finish(bool ran) NY_EXCLUDES(mutex) {
+        std::vector<Answer> answers;
+        {
+            Ny::MutexLock guard(mutex);
+            outstanding = false;
+            answers.swap(waiting);
+        }
+        for (auto& answer : answers) {  // outside the lock: an answer hands work to a connection
+            answer(ran);
+        }
+    }
+
+    Ny::Mutex mutex;                                // innermost: nothing runs under it
+    bool outstanding NY_GUARDED_BY(mutex) = false;  // a probe job is in the pool's queue or running
+    Clock::time_point askedAt NY_GUARDED_BY(mutex);
+    std::vector<Answer> waiting NY_GUARDED_BY(mutex);  // answered together when the probe job runs
+};
+
 // Threads of their own for requests that may wait for a person (see `mayWait`): started on demand, at most
 // `maxThreads` at once, so that a held request never takes a worker that the request releasing it needs.
 // A finished thread is joined by the next Start() or by Stop().
@@ -518,18 +576,43 @@ class EventClient : public std::enable_shared_from_this<EventClient> {
     std::atomic<bool> behind{false};
 };
 
+// One listening socket and its pause after a failed accept. Both on the server's acceptor strand.
+struct Listener {
+    explicit Listener(const net::strand<net::io_context::executor_type>& strand)
+        : acceptor(strand), retry(strand) {}
+    tcp::acceptor acceptor;
+    net::steady_timer retry;
+};
+
 struct HttpServer::Impl {
     Impl(HttpServerOptions optionsIn, Handler handlerIn, Filter filterIn)
         : options(std::move(optionsIn)),
           handler(std::move(handlerIn)),
           filter(std::move(filterIn)),
           waiting(options.maxWaitingRequests),
-          acceptor(net::make_strand(io)),
-          acceptRetry(acceptor.get_executor()) {}
+          acceptStrand(net::make_strand(io)),
+          watchdogTimer(net::make_strand(io)) {}
+    // Descriptors handed over but never adopted (Start() not called) are still ours to close.
+    ~Impl() {
+        if (!fdsAdopted) {
+            for (const int fd : options.listenFds) {
+                ::close(fd);
+            }
+        }
+    }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
 
-    void Accept();  // acceptor strand (or Start, before the I/O threads run)
-    void OnAccepted(beast::error_code ec, tcp::socket socket);  // acceptor strand
-    void PauseAccepting(beast::error_code ec);                  // acceptor strand
+    // Binds the address, or adopts the descriptors handed over. Start() only, before the I/O threads run.
+    void Listen();
+    void Adopt(int fd);
+    void Accept(Listener& listener);                                                // acceptor strand
+    void OnAccepted(Listener& listener, beast::error_code ec, tcp::socket socket);  // acceptor strand
+    void PauseAccepting(Listener& listener, beast::error_code ec);                  // acceptor strand
+    // The watchdog's tick: pings when the probe asked at the tick before has run, then asks again.
+    void Watch();  // watchdog timer's strand
+    // Reports an answered request to `onRequestDone`, if any. On an I/O thread.
+    void ReportOutcome(std::string_view method, int status, Clock::duration duration) const;
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
     bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
     // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
@@ -562,11 +645,18 @@ struct HttpServer::Impl {
     std::string boundAddress;           // likewise
     // Connections open now, event streams included; each holds one ticket (see Accept).
     std::atomic<std::size_t> openConnections{0};
+    // Event streams dropped for being too slow; written on their strands, read by anyone (relaxed: a count).
+    std::atomic<std::uint64_t> eventClientsDropped{0};
+    // Set by the watchdog's probe from a worker, taken by its next tick on the I/O thread (seq_cst).
+    std::atomic<bool> watchdogProbeRan{false};
+    bool fdsAdopted = false;  // Start() has taken `options.listenFds` over; written before any thread starts
 
     // Serializes Start() and Stop(). Taken first, before sessionsMutex and ioMutex; never taken on the
     // server's own threads.
     Ny::Mutex stopMutex NY_ACQUIRED_BEFORE(sessionsMutex, ioMutex);
     bool started NY_GUARDED_BY(stopMutex) = false;
+    // Declared before the pool, whose Stop() (in its destructor too) answers the probe still queued.
+    PoolProbe poolProbe;
     std::unique_ptr<WorkerPool> workers;  // set by Start() before the I/O threads run; read-only after
     std::vector<std::thread> ioThreads NY_GUARDED_BY(stopMutex);  // joined by Stop()
     WaitingThreads waiting;                                       // thread-safe on its own
@@ -585,8 +675,8 @@ struct HttpServer::Impl {
     Ny::CondVar ioFinished;
     unsigned ioRunning NY_GUARDED_BY(ioMutex) = 0;  // I/O threads still inside io.run()
 
-    // On the acceptor's strand only: the pause after a failed accept, and whether the failures were
-    // logged (once per episode).
+    // On the acceptor strand only: the pause after a failed accept, and whether the failures were
+    // logged (once per episode), shared by the listeners (running out of descriptors is the process's).
     std::chrono::milliseconds acceptPause{kAcceptRetry};
     bool acceptPaused = false;
     bool connectionCapLogged = false;
@@ -599,8 +689,11 @@ struct HttpServer::Impl {
     // still holds (after a cut-off Stop), and with them the connections they own, while the rest of this
     // state is still alive.
     net::io_context io;
-    tcp::acceptor acceptor;
-    net::steady_timer acceptRetry;
+    // Every listener lives on this one strand, so that they share the pause state above. A list: the
+    // accept completions hold a listener's address.
+    net::strand<net::io_context::executor_type> acceptStrand;
+    std::list<Listener> listeners;    // filled by Start() before the I/O threads run; closed by Stop()
+    net::steady_timer watchdogTimer;  // on a strand of its own
     // Keeps the I/O threads in io.run() from Start() until Stop() has handed them its last work: a
     // connection waiting for its handler has no operation pending, and without the guard the threads
     // could leave between Stop()'s posts and never close it.
@@ -668,6 +761,7 @@ class EventSession final : public EventClient {
         }
         NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
                remote.c_str(), server.options.eventClientQueueBytes);
+        server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
         Close();
     }
 
@@ -763,6 +857,7 @@ class EventSession final : public EventClient {
                 NY_LOG(Ny::Logging::Level::Notice,
                        "Event client %1$s dropped: it took no data for %2$lld ms.", self->remote.c_str(),
                        static_cast<long long>(self->server.options.readTimeout.count()));
+                self->server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
                 self->Close();
                 return;
             }
@@ -899,11 +994,16 @@ class Session final : public Connection {
     // without the token) can make the connection hold no more than its header, and is not told to
     // continue.
     void OnHeader() {
+        BeginOutcome();
         if (auto refusal = CheckHeader()) {
             Refuse(refusal->first, refusal->second);
             return;
         }
         pendingRequest = TakeHeader();
+        if (IsHealthRequest(*pendingRequest)) {
+            CheckHealth();
+            return;
+        }
         if (auto refusal = server.CallFilter(*pendingRequest)) {
             busy = true;
             if (parser->is_done()) {
@@ -981,6 +1081,10 @@ class Session final : public Connection {
     }
 
     void OnReadError(beast::error_code ec) {
+        if (!outcomePending) {
+            // Refused before its header was whole: timed from here, with the method if it was read.
+            BeginOutcome();
+        }
         if (ec == http::error::body_limit) {
             Refuse(413,
                    "The request body is larger than " + std::to_string(server.options.bodyLimit) + " bytes.");
@@ -1088,6 +1192,7 @@ class Session final : public Connection {
             return;
         }
         closing = true;  // the socket belongs to the stream now
+        ReportOutcome(200);
         NY_LOG(Ny::Logging::Level::Progress, "Event client %s connected.", remote.c_str());
         // Still on the strand: frames published from now on are queued behind the stream's opening.
         events->Start();
@@ -1106,6 +1211,7 @@ class Session final : public Connection {
         message->keep_alive(keepAlive && !server.stopping);
         Lowest().expires_after(server.options.readTimeout);
         http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            self->ReportOutcome(message->result_int());
             if (ec || !message->keep_alive()) {
                 self->CloseSocket();
                 return;
@@ -1168,6 +1274,7 @@ class Session final : public Connection {
         message->keep_alive(false);
         Lowest().expires_after(kErrorWriteTimeout);
         http::async_write(stream, *message, [self = Self(), message](beast::error_code ec, std::size_t) {
+            self->ReportOutcome(message->result_int());
             self->busy = false;
             if (ec || self->server.stopping) {
                 self->CloseSocket();
@@ -1194,6 +1301,96 @@ class Session final : public Connection {
                                    self->drainLeft -= count;
                                    self->Drain();
                                });
+    }
+
+    // A request's outcome is timed from its header (or, refused before its header was whole, from the
+    // refusal) and reported once, by the write of its reply or the opening of its event stream.
+    void BeginOutcome() {
+        outcomePending = true;
+        outcomeStart = Clock::now();
+        outcomeMethod = parser ? std::string(View(parser->get().method_string())) : std::string();
+    }
+
+    void ReportOutcome(int status) {
+        if (!outcomePending) {
+            return;
+        }
+        outcomePending = false;
+        server.ReportOutcome(outcomeMethod, status, Clock::now() - outcomeStart);
+    }
+
+    bool IsHealthRequest(const HttpRequest& request) const {
+        return !server.options.healthPath.empty() && request.method == "GET" &&
+               std::string_view(request.target).substr(0, request.target.find('?')) ==
+                   server.options.healthPath;
+    }
+
+    // Answered here, not by the handler: a probe goes to this connection's strand (the I/O threads) and
+    // one to the worker pool; the reply waits for both, at most `healthBound`. Never blocks the strand.
+    void CheckHealth() {
+        busy = true;
+        pendingRequest.reset();
+        // A body has no meaning here and is not read: the connection closes after the reply.
+        healthCloses = !parser->is_done();
+        if (server.stopping) {
+            AnswerHealth(false);
+            return;
+        }
+        const std::uint64_t check = ++healthCheck;
+        healthAnswered = false;
+        healthIo = false;
+        healthPool = false;
+        std::weak_ptr<Session> weak = Self();
+        net::post(executor, [weak, check] {
+            if (auto self = weak.lock()) {
+                self->OnHealthProbe(check, true, true);
+            }
+        });
+        const net::any_io_executor strand = executor;
+        server.poolProbe.Ask(*server.workers, server.options.healthBound, [weak, strand, check](bool ran) {
+            net::post(strand, [weak, check, ran] {
+                if (auto self = weak.lock()) {
+                    self->OnHealthProbe(check, false, ran);
+                }
+            });
+        });
+        healthTimer.expires_after(server.options.healthBound);
+        // The timer holds the connection until the check is answered, at the latest when it fires; the
+        // probes hold it not, so that a pool that never answers keeps no connection open.
+        healthTimer.async_wait([self = Self(), check](beast::error_code ec) {
+            if (!ec && self->healthCheck == check && !self->healthAnswered) {
+                self->AnswerHealth(false);
+            }
+        });
+    }
+
+    void OnHealthProbe(std::uint64_t check, bool io, bool ran) {
+        if (check != healthCheck || healthAnswered) {
+            return;  // a late probe of a check already answered
+        }
+        if (!ran) {
+            AnswerHealth(false);
+            return;
+        }
+        (io ? healthIo : healthPool) = true;
+        if (healthIo && healthPool) {
+            AnswerHealth(true);
+        }
+    }
+
+    void AnswerHealth(bool healthy) {
+        healthAnswered = true;
+        healthTimer.cancel();
+        HttpResponse reply;
+        reply.status = healthy ? 200 : 503;
+        reply.headers.emplace_back("Content-Type", "application/json");
+        reply.headers.emplace_back("Cache-Control", "no-store");
+        reply.body = healthy ? R"({"status":"ok"})" : R"({"status":"unavailable"})";
+        if (healthCloses) {
+            RefuseWith(std::move(reply));
+        } else {
+            Write(std::move(reply));
+        }
     }
 
     // Stop() has begun while the connection waits for a request: closes it once idle, at the latest
@@ -1258,26 +1455,36 @@ class Session final : public Connection {
     bool headOnly = false;  // the request being answered is a HEAD
     bool busy = false;      // a request is whole and its reply not yet written
     bool closing = false;   // set by Close() or the hand-over to an event stream: no further I/O
-    net::steady_timer stopTimer{executor};  // Close()'s grace for a request still on its way
-    Clock::time_point stopDeadline;         // and its end, however much is still arriving
-    bool stopWatched = false;               // the grace's timer is running (see WatchStop)
-    Clock::time_point drainUntil;           // the lingering close after a refusal: its deadline
-    std::size_t drainLeft = 0;              // and the bytes it may still discard
+    net::steady_timer stopTimer{executor};    // Close()'s grace for a request still on its way
+    Clock::time_point stopDeadline;           // and its end, however much is still arriving
+    bool stopWatched = false;                 // the grace's timer is running (see WatchStop)
+    Clock::time_point drainUntil;             // the lingering close after a refusal: its deadline
+    std::size_t drainLeft = 0;                // and the bytes it may still discard
+    bool outcomePending = false;              // the request being answered is not yet reported
+    Clock::time_point outcomeStart;           // its header was read then
+    std::string outcomeMethod;                // as the client sent it
+    net::steady_timer healthTimer{executor};  // the bound of a health check
+    std::uint64_t healthCheck = 0;            // numbers the checks, so that a late probe is told apart
+    bool healthAnswered = true;               // the current check has its reply
+    bool healthIo = false;                    // its probes ran: on this strand,
+    bool healthPool = false;                  // and on a worker
+    bool healthCloses = false;                // a body was announced: close after the reply
     char discard[4096];
 };
 
-void HttpServer::Impl::Accept() {
-    acceptor.async_accept(net::make_strand(io), [this](beast::error_code ec, tcp::socket socket) {
-        OnAccepted(ec, std::move(socket));
-    });
+void HttpServer::Impl::Accept(Listener& listener) {
+    listener.acceptor.async_accept(net::make_strand(io),
+                                   [this, listener = &listener](beast::error_code ec, tcp::socket socket) {
+                                       OnAccepted(*listener, ec, std::move(socket));
+                                   });
 }
 
-void HttpServer::Impl::OnAccepted(beast::error_code ec, tcp::socket socket) {
+void HttpServer::Impl::OnAccepted(Listener& listener, beast::error_code ec, tcp::socket socket) {
     if (stopping) {
         return;
     }
     if (ec) {
-        PauseAccepting(ec);
+        PauseAccepting(listener, ec);
         return;
     }
     if (acceptPaused) {
@@ -1309,12 +1516,12 @@ void HttpServer::Impl::OnAccepted(beast::error_code ec, tcp::socket socket) {
             session->Start();
         }
     }
-    Accept();
+    Accept(listener);
 }
 
 // Out of descriptors (or memory), accept fails at once for as long as a connection is pending: wait,
 // doubling the pause, and log the episode once rather than every try. Open connections go on being served.
-void HttpServer::Impl::PauseAccepting(beast::error_code ec) {
+void HttpServer::Impl::PauseAccepting(Listener& listener, beast::error_code ec) {
     if (!acceptPaused) {
         acceptPaused = true;
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Accepting connections failed (%s); retrying with a pause.",
@@ -1323,12 +1530,113 @@ void HttpServer::Impl::PauseAccepting(beast::error_code ec) {
         acceptPause =
             std::min(acceptPause * 2, std::chrono::duration_cast<std::chrono::milliseconds>(kAcceptRetryMax));
     }
-    acceptRetry.expires_after(acceptPause);
-    acceptRetry.async_wait([this](beast::error_code waitError) {
+    listener.retry.expires_after(acceptPause);
+    listener.retry.async_wait([this, listener = &listener](beast::error_code waitError) {
         if (!waitError && !stopping) {
-            Accept();
+            Accept(*listener);
         }
     });
+}
+
+void HttpServer::Impl::Listen() {
+    if (options.listenFds.empty()) {
+        auto& listener = listeners.emplace_back(acceptStrand);
+        try {
+            const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
+            listener.acceptor.open(endpoint.protocol());
+            listener.acceptor.set_option(net::socket_base::reuse_address(true));
+            listener.acceptor.bind(endpoint);
+            listener.acceptor.listen(net::socket_base::max_listen_connections);
+        } catch (const std::exception& e) {
+            listeners.clear();
+            std::throw_with_nested(NY_EXCEPTION(0, "Listening on %1$s:%2$u failed: %3$s",
+                                                options.address.c_str(), static_cast<unsigned>(options.port),
+                                                e.what()));
+        }
+    } else {
+        // From here on every descriptor is closed by us, adopted or not, whatever fails.
+        fdsAdopted = true;
+        for (std::size_t i = 0; i < options.listenFds.size(); ++i) {
+            try {
+                Adopt(options.listenFds[i]);
+            } catch (...) {
+                for (std::size_t rest = i + 1; rest < options.listenFds.size(); ++rest) {
+                    ::close(options.listenFds[rest]);
+                }
+                listeners.clear();
+                throw;
+            }
+        }
+    }
+    const auto bound = listeners.front().acceptor.local_endpoint();
+    boundPort = bound.port();
+    boundAddress = bound.address().to_string();
+}
+
+// A descriptor passed by whoever started us is checked rather than trusted: accepting on a datagram or
+// a not-yet-listening socket would fail on the I/O thread with nobody to tell. Closes `fd` when it throws.
+void HttpServer::Impl::Adopt(int fd) {
+    int type = 0;
+    int listening = 0;
+    socklen_t length = sizeof type;
+    sockaddr_storage address{};
+    socklen_t addressLength = sizeof address;
+    const bool stream = ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+    length = sizeof listening;
+    const bool accepting =
+        ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
+    const bool named = ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0;
+    if (!stream || !accepting || !named || (address.ss_family != AF_INET && address.ss_family != AF_INET6)) {
+        ::close(fd);
+        throw NY_EXCEPTION(0, "Descriptor %d handed over to listen on is not a listening TCP socket.", fd);
+    }
+    auto& listener = listeners.emplace_back(acceptStrand);
+    beast::error_code ec;
+    listener.acceptor.assign(address.ss_family == AF_INET ? tcp::v4() : tcp::v6(), fd, ec);
+    if (ec) {
+        ::close(fd);
+        throw NY_EXCEPTION(0, "Descriptor %1$d handed over to listen on cannot be used: %2$s", fd,
+                           ec.message().c_str());
+    }
+}
+
+void HttpServer::Impl::Watch() {
+    if (stopping) {
+        return;
+    }
+    if (watchdogProbeRan.exchange(false) && options.watchdogPing) {
+        try {
+            options.watchdogPing();
+        } catch (const std::exception& e) {
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "The watchdog's ping failed: %s", e.what());
+        } catch (...) {
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "The watchdog's ping failed with an unknown error.");
+        }
+    }
+    poolProbe.Ask(*workers, options.watchdogInterval, [this](bool ran) {
+        if (ran) {
+            watchdogProbeRan = true;
+        }
+    });
+    watchdogTimer.expires_after(options.watchdogInterval);
+    watchdogTimer.async_wait([this](beast::error_code ec) {
+        if (!ec) {
+            Watch();
+        }
+    });
+}
+
+void HttpServer::Impl::ReportOutcome(std::string_view method, int status, Clock::duration duration) const {
+    if (!options.onRequestDone) {
+        return;
+    }
+    try {
+        options.onRequestDone(RequestOutcome{method, status, duration});
+    } catch (const std::exception& e) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Reporting a request failed: %s", e.what());
+    } catch (...) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Reporting a request failed with an unknown error.");
+    }
 }
 
 bool HttpServer::Impl::Track(const std::shared_ptr<Connection>& session) {
@@ -1489,26 +1797,17 @@ void HttpServer::Start() {
         impl->tls.emplace(MakeTlsContext(options));
     }
     RaiseDescriptorLimit();
-    try {
-        const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
-        impl->acceptor.open(endpoint.protocol());
-        impl->acceptor.set_option(net::socket_base::reuse_address(true));
-        impl->acceptor.bind(endpoint);
-        impl->acceptor.listen(net::socket_base::max_listen_connections);
-        const auto bound = impl->acceptor.local_endpoint();
-        impl->boundPort = bound.port();
-        impl->boundAddress = bound.address().to_string();
-    } catch (const std::exception& e) {
-        beast::error_code ignored;
-        impl->acceptor.close(ignored);
-        std::throw_with_nested(NY_EXCEPTION(0, "Listening on %1$s:%2$u failed: %3$s", options.address.c_str(),
-                                            static_cast<unsigned>(options.port), e.what()));
-    }
+    impl->Listen();
     impl->started = true;
     impl->keepRunning.emplace(impl->io.get_executor());
     impl->workers =
         std::make_unique<WorkerPool>(std::max(1u, options.workerThreads), options.maxQueuedRequests);
-    impl->Accept();
+    for (auto& listener : impl->listeners) {
+        impl->Accept(listener);
+    }
+    if (options.watchdogInterval > std::chrono::milliseconds::zero()) {
+        net::dispatch(impl->watchdogTimer.get_executor(), [state = impl.get()] { state->Watch(); });
+    }
     const unsigned ioThreads = std::clamp(options.ioThreads, 1u, 2u);
     {
         Ny::MutexLock guard(impl->ioMutex);
@@ -1555,6 +1854,10 @@ void HttpServer::PublishEvent(const std::string& event, const std::string& data)
     }
 }
 
+std::uint64_t HttpServer::EventClientsDropped() const {
+    return impl->eventClientsDropped.load(std::memory_order_relaxed);
+}
+
 std::size_t HttpServer::EventClientCount() const {
     Ny::MutexLock guard(impl->sessionsMutex);
     return static_cast<std::size_t>(std::count_if(impl->eventSessions.begin(), impl->eventSessions.end(),
@@ -1569,11 +1872,15 @@ void HttpServer::Stop() {
     if (impl->stopping.exchange(true)) {
         return;
     }
-    net::post(impl->acceptor.get_executor(), [state = impl.get()] {
-        beast::error_code ignored;
-        state->acceptor.close(ignored);
-        state->acceptRetry.cancel();
+    net::post(impl->acceptStrand, [state = impl.get()] {
+        for (auto& listener : state->listeners) {
+            beast::error_code ignored;
+            listener.acceptor.close(ignored);
+            listener.retry.cancel();
+        }
     });
+    // The watchdog re-arms itself: cancelled, or it would keep the I/O threads running past the stop.
+    net::post(impl->watchdogTimer.get_executor(), [state = impl.get()] { state->watchdogTimer.cancel(); });
     {
         Ny::MutexLock guard(impl->sessionsMutex);
         for (const auto& weak : impl->sessions) {

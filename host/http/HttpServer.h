@@ -50,6 +50,15 @@
 // unless the handler set one; a request whose If-None-Match (a list, weak tags, or "*") matches it is
 // answered 304 with the ETag and no body, on a connection that stays usable (see ConditionalRead.h).
 //
+// Health and watchdog: GET or HEAD on `healthPath` is answered by the transport itself, before the filter
+// (it reveals nothing but "up" or "not up"): 200 when a probe posted to the I/O threads and one handed to
+// the worker pool both ran within `healthBound`, else 503. The watchdog (`watchdogInterval`) ticks on an
+// I/O-thread timer and probes the worker pool the same way; `watchdogPing` is called only when the last
+// probe ran. So the pings stop when the workers are all held *and* when the I/O thread is stuck (its timer
+// no longer fires): a service manager that waits for them catches either. One probe job at a time waits
+// in the pool's queue, shared by every health request and the watchdog, so that asking while the workers
+// are held takes no room that requests need.
+//
 // Ownership and lifetime: the owner constructs it, calls Start() once, and calls Stop() or destroys it.
 // The server owns every thread it starts and joins them in Stop(). The handler, the filter and
 // `mayWait` are called until Stop() returns and must stay valid that long.
@@ -97,6 +106,15 @@ struct HttpResponse {
 // {"status": 0, "message": <message>, "causes": []} with Content-Type application/json.
 HttpResponse JsonErrorReply(int status, const std::string& message);
 
+// What one answered request was: reported once per request that got a reply (from the handler, the
+// filter, the transport's own error replies, 304, health), on an I/O thread, after the reply was written
+// or writing it failed. An event stream is reported when it opens (status 200).
+struct RequestOutcome {
+    std::string_view method;  // as the client sent it: any token; bucket it before using it as a label
+    int status;
+    std::chrono::steady_clock::duration duration;  // from the request's header read to its reply written
+};
+
 struct HttpServerOptions {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080;  // 0 picks a free port; Port() tells which
@@ -141,6 +159,23 @@ struct HttpServerOptions {
     // journal does); a client that missed more is sent a reset instead.
     std::size_t eventReplayCount = 1024;
     std::size_t eventReplayBytes = 256 * 1024;
+    // Adopted listening sockets (socket activation): non-empty means bind nothing and accept on these
+    // (already bound and listening, TCP, IPv4 or IPv6; `address` and `port` are ignored). The server owns
+    // them and closes them, even when Start() fails or is never called. Port()/Address() tell the first's.
+    std::vector<int> listenFds;
+    // Called on an I/O thread for every answered request (see RequestOutcome): must be quick; an
+    // exception it throws is logged and dropped. Empty: nothing reported.
+    std::function<void(const RequestOutcome&)> onRequestDone;
+    // GET/HEAD on this path is answered by the transport, before the filter: 200 {"status":"ok"} when
+    // the I/O threads and the worker pool both took a probe within `healthBound`, else 503
+    // {"status":"unavailable"}. Empty: no health path.
+    std::string healthPath = "/health";
+    std::chrono::milliseconds healthBound{1000};
+    // > 0: every `watchdogInterval` an I/O-thread timer probes the worker pool; when the probe asked
+    // at the tick before has run, `watchdogPing` is called on the I/O thread. No probe answered, no ping.
+    // `watchdogPing` must be quick; an exception it throws is logged and dropped.
+    std::chrono::milliseconds watchdogInterval{0};
+    std::function<void()> watchdogPing;
 };
 
 class HttpServer {
@@ -161,9 +196,10 @@ class HttpServer {
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    // Binds, listens and starts the I/O and worker threads. Call once, before anything else but the
-    // constructor. Throws Ny::Exception 0 (with the system error nested) when the address is invalid or
-    // cannot be bound; nothing is started then. Throws Ny::Exception -1000 when called a second time.
+    // Binds, listens (or adopts `listenFds`) and starts the I/O and worker threads. Call once, before
+    // anything else but the constructor. Throws Ny::Exception 0 (with the system error nested) when the
+    // address is invalid or cannot be bound, or an adopted descriptor is not a listening TCP socket;
+    // nothing is started then. Throws Ny::Exception -1000 when called a second time.
     void Start();
     // The bound port and address (the real port when 0 was asked). Valid after Start(); thread-safe.
     std::uint16_t Port() const;
@@ -177,6 +213,9 @@ class HttpServer {
     void PublishEvent(const std::string& event, const std::string& data);
     // The event streams currently open. Thread-safe.
     std::size_t EventClientCount() const;
+    // The event streams dropped for being too slow (too far behind, or taking no data for
+    // `readTimeout`), since Start(). Thread-safe.
+    std::uint64_t EventClientsDropped() const;
 
     // Drains and stops: stops accepting (new connections are refused), closes idle connections, closes
     // event streams once they have written the frames published before (a client that does not take

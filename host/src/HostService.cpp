@@ -1,11 +1,17 @@
 #include "HostService.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "HostReplies.h"
+#include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
 
 namespace NyHost {
@@ -28,6 +34,47 @@ HttpResponse FromRouter(const NyRest::Response& reply) {
     return response;
 }
 
+// The address a socket handed over is bound to, as text ("0.0.0.0", "::1"); empty when it has none.
+std::string BoundAddress(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return {};
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    if (address.ss_family == AF_INET) {
+        ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text, sizeof text);
+    } else if (address.ss_family == AF_INET6) {
+        ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, text, sizeof text);
+    }
+    return text;
+}
+
+// A socket handed over is held to the same rule as --listen: reachable from other machines only with TLS
+// and a token. Its real address counts, not the options', so that a socket unit listening on every
+// address cannot bypass the rule. Throws Ny::Exception 0 naming what is missing.
+void CheckHandedOverExposure(const HostOptions& options, const std::vector<int>& fds) {
+    const bool tls = !options.tlsCertFile.empty();
+    const bool token = !options.token.empty();
+    if (options.insecureRemote || (tls && token)) {
+        return;
+    }
+    for (const int fd : fds) {
+        const std::string address = BoundAddress(fd);
+        if (!IsLoopback(address)) {
+            throw NY_EXCEPTION(
+                0,
+                "The socket handed over on %1$s needs TLS (--tls-cert and --tls-key) and a token "
+                "(--token-file or NYR_TOKEN); missing: %2$s (--insecure-remote serves without "
+                "them).",
+                address.empty() ? "an unknown address" : address.c_str(),
+                !tls && !token ? "TLS and token"
+                : tls          ? "token"
+                               : "TLS");
+        }
+    }
+}
+
 struct CountedDispatch {
     explicit CountedDispatch(std::atomic<int>& countIn) : count(countIn) { ++count; }
     ~CountedDispatch() { --count; }
@@ -46,8 +93,20 @@ HostService::~HostService() {
     Shutdown();
 }
 
-void HostService::Start() {
+void HostService::Start(ServiceBinding binding) {
     Ny::MutexLock lock(lifecycleMutex);
+    if (!binding.listenFds.empty()) {
+        try {
+            CheckHandedOverExposure(options, binding.listenFds);
+        } catch (...) {
+            for (const int fd : binding.listenFds) {
+                ::close(fd);
+            }
+            throw;
+        }
+        // The Host header names the address really listened on.
+        options.address = BoundAddress(binding.listenFds.front());
+    }
     // Nothing is loaded yet, so a rescan loads the folder; it also says what it did.
     LogPluginScan("Plug-ins loaded from", plugins.Rescan(pluginDir));
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
@@ -68,6 +127,10 @@ void HostService::Start() {
     // One routine at a time may wait for its continue, but deletions and factory restores of several
     // clients can overlap for a moment: room for a few dozen, each a thread, before 503.
     serverOptions.maxWaitingRequests = kMaxWaitingRequests;
+    serverOptions.listenFds = std::move(binding.listenFds);  // the server owns them from here on
+    serverOptions.watchdogInterval = binding.watchdogInterval;
+    serverOptions.watchdogPing = std::move(binding.watchdogPing);
+    // The transport answers "/health" (its default) itself, before the policy: see the class comment.
     // The policy asks the server for the bound port; the server is set before it can take a request.
     policy = std::make_unique<RequestPolicy>(
         RequestPolicy::Settings{options.address, options.allowHosts, options.allowOrigins, options.token},

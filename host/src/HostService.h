@@ -8,6 +8,9 @@
 // restore) run on the transport's waiting lane, so that they never hold a worker that the request
 // releasing them needs.
 //
+// "/health" is answered by the transport before the policy (no token, no Host check): it tells only
+// whether the network thread and the workers answer, which any client could learn by trying a request.
+//
 // Lifetime: `Start` once, then `Rescan` any number of times, then `Shutdown` (also run by the
 // destructor). Shut-down answers new requests 503, releases creations that wait for a continue by
 // clearing every routine, and then relies on the server's drain: every request it received gets a
@@ -16,9 +19,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ApiDescription.h"
 #include "AsyncCreations.h"
@@ -36,6 +42,14 @@
 
 namespace NyHost {
 
+// What a service manager hands the host (see ServiceManager): listening sockets to serve instead of
+// binding the listen address, and a watchdog to ping while the network thread and the workers answer.
+struct ServiceBinding {
+    std::vector<int> listenFds;  // owned by the service from Start() on, closed even when it throws
+    std::chrono::milliseconds watchdogInterval{0};
+    std::function<void()> watchdogPing;  // on the transport's I/O thread; quick
+};
+
 class HostService {
   public:
     HostService(HostOptions options, std::filesystem::path pluginDir, std::filesystem::path webDir);
@@ -43,8 +57,11 @@ class HostService {
     HostService(const HostService&) = delete;
     HostService& operator=(const HostService&) = delete;
 
-    // Loads the plug-ins, builds the module and starts serving. Throws when the address cannot be bound.
-    void Start() NY_EXCLUDES(lifecycleMutex);
+    // Loads the plug-ins, builds the module and starts serving, on the address of the options or on the
+    // sockets handed over. Throws Ny::Exception when the address cannot be bound, or when a socket handed
+    // over listens on an address other than loopback without TLS and a token (unless the options allow
+    // it), as the options' check refuses such an address given on the command line.
+    void Start(ServiceBinding binding = {}) NY_EXCLUDES(lifecycleMutex);
     std::uint16_t Port() const;
     std::string Address() const;
     // Loads new plug-in files of the folder, reloads changed ones and unloads removed ones (see

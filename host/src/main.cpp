@@ -14,6 +14,7 @@
 #include "NyApi/Logging.h"
 #include "NyApi/Mutex.h"
 #include "NyRuntime/Runtime.h"
+#include "ServiceManager.h"
 
 namespace {
 
@@ -115,9 +116,24 @@ int main(int argc, char** argv) {
     NY_LOG(Ny::Logging::Level::Notice, "Plug-ins from %1$s, console from %2$s", pluginDir.c_str(),
            webDir.c_str());
 
+    // Under a service manager: its sockets instead of --listen, its watchdog pinged from the network
+    // thread. Outside one, both are empty and the host binds and runs as by hand.
+    const NyHost::ServiceManager serviceManager;
+    NyHost::ServiceBinding binding;
+    binding.listenFds = serviceManager.ListenFds();
+    if (!binding.listenFds.empty()) {
+        NY_LOG(Ny::Logging::Level::Notice,
+               "Serving %zu listening socket(s) handed over by the service manager; --listen is ignored.",
+               binding.listenFds.size());
+    }
+    binding.watchdogInterval = serviceManager.WatchdogInterval();
+    if (binding.watchdogInterval.count() > 0) {
+        binding.watchdogPing = [&serviceManager] { serviceManager.Ping(); };
+    }
+
     NyHost::HostService service(*options, pluginDir, webDir);
     try {
-        service.Start();
+        service.Start(std::move(binding));
     } catch (const std::exception& e) {
         std::cerr << "routine-host: cannot start: " << e.what() << "\n";
         return 1;
@@ -125,8 +141,12 @@ int main(int argc, char** argv) {
     const std::string address = service.Address();
     const bool ipv6 = address.find(':') != std::string::npos;
     const char* scheme = options->tlsCertFile.empty() ? "http" : "https";
-    std::cout << "listening on " << scheme << "://" << (ipv6 ? "[" + address + "]" : address) << ":"
-              << service.Port() << std::endl;
+    const std::string listening = std::string("listening on ") + scheme + "://" +
+                                  (ipv6 ? "[" + address + "]" : address) + ":" +
+                                  std::to_string(service.Port());
+    std::cout << listening << std::endl;
+    // Ready once clients can connect: the listening socket accepts from here on.
+    serviceManager.Ready(listening);
 
     for (;;) {
         int signal = 0;
@@ -139,6 +159,8 @@ int main(int argc, char** argv) {
         }
         break;
     }
+    // Before the drain, so that the service manager waits for it rather than taking the host for hung.
+    serviceManager.Stopping();
     service.Shutdown();
     return 0;
 }
