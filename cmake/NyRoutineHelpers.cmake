@@ -1,7 +1,9 @@
-# nyr_add_layer(<target> [SHARED|INTERFACE] SOURCES ... DEPS ...)
+# nyr_add_layer(<target> [SHARED|INTERFACE] [DEVELOPMENT] SOURCES ... DEPS ...)
 # One library per layer: public headers under <folder>/include, exported as NyRoutine::<target>.
+# Install components: the shared library goes with the host ("runtime"), its headers and unversioned
+# link with the development files ("dev"); a DEVELOPMENT library (the test kit) is development only.
 function(nyr_add_layer target)
-  cmake_parse_arguments(ARG "INTERFACE" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "INTERFACE;DEVELOPMENT" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
   if(ARG_INTERFACE)
     add_library(${target} INTERFACE)
     target_include_directories(${target} INTERFACE
@@ -18,10 +20,15 @@ function(nyr_add_layer target)
                                                INSTALL_RPATH "$ORIGIN")
   endif()
   add_library(NyRoutine::${target} ALIAS ${target})
+  set(library_component runtime)
+  if(ARG_DEVELOPMENT)
+    set(library_component dev)
+  endif()
   install(TARGETS ${target} EXPORT NyRoutineTargets
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${library_component} NAMELINK_COMPONENT dev
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${library_component})
+  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 endfunction()
 
 # nyr_add_test(<name> SOURCES ... DEPS ... [TIMEOUT s] [LABELS ...])

@@ -78,6 +78,8 @@ bool ReadArguments(int argc, char** argv, HostOptions& options, std::string& err
         bool ok = true;
         if (arg == "--help" || arg == "-h") {
             options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else if (arg == "--listen") {
             ok = value(text) && ParseListen(text, options, error);
         } else if (arg == "--plugins") {
@@ -243,10 +245,14 @@ bool ReadEnvironment(HostOptions& options, std::string& error) {
 }  // namespace
 
 const EnvironmentOption kEnvironmentOptions[8] = {
-    {"ROUTINE_HOST_LISTEN", "--listen"},         {"ROUTINE_HOST_PLUGINS", "--plugins"},
-    {"ROUTINE_HOST_WEB", "--web"},               {"ROUTINE_HOST_TOKEN_FILE", "--token-file"},
-    {"ROUTINE_HOST_TLS_CERT", "--tls-cert"},     {"ROUTINE_HOST_TLS_KEY", "--tls-key"},
-    {"ROUTINE_HOST_LOG_LEVEL", "--log-level"},   {"ROUTINE_HOST_LOG_FORMAT", "--log-format"},
+    {"ROUTINE_HOST_LISTEN", "--listen"},
+    {"ROUTINE_HOST_PLUGINS", "--plugins"},
+    {"ROUTINE_HOST_WEB", "--web"},
+    {"ROUTINE_HOST_TOKEN_FILE", "--token-file"},
+    {"ROUTINE_HOST_TLS_CERT", "--tls-cert"},
+    {"ROUTINE_HOST_TLS_KEY", "--tls-key"},
+    {"ROUTINE_HOST_LOG_LEVEL", "--log-level"},
+    {"ROUTINE_HOST_LOG_FORMAT", "--log-format"},
 };
 
 DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout) {
@@ -288,11 +294,13 @@ std::string Usage(const DefaultPaths& defaults) {
            "  --max-event-clients N    event-stream clients at most (default 64)\n"
            "  --workers N              request worker threads (default 16)\n"
            "  --bench-fixed-reply N    serve a fixed reply of N bytes at /bench/fixed (for benchmarks)\n"
+           "  --version                the version\n"
            "  --help                   this text\n\n"
            "Environment:\n"
            "  ROUTINE_HOST_LISTEN, ROUTINE_HOST_PLUGINS, ROUTINE_HOST_WEB, ROUTINE_HOST_TOKEN_FILE,\n"
            "  ROUTINE_HOST_TLS_CERT, ROUTINE_HOST_TLS_KEY, ROUTINE_HOST_LOG_LEVEL, ROUTINE_HOST_LOG_FORMAT\n"
-           "                           the defaults of --listen, --plugins, --web, --token-file, --tls-cert,\n"
+           "                           the defaults of --listen, --plugins, --web, --token-file, "
+           "--tls-cert,\n"
            "                           --tls-key, --log-level and --log-format (empty: unset); the command\n"
            "                           line wins\n"
            "  NYR_TOKEN                the token, when no token file is given\n\n"
@@ -312,7 +320,7 @@ std::optional<HostOptions> ParseOptions(int argc, char** argv, std::string& erro
     if (!options.token.empty() && options.tokenFile == environmentTokenFile) {
         options.tokenFile.clear();
     }
-    if (options.help) {
+    if (options.help || options.version) {
         return options;
     }
     if (!ReadToken(options, error) || !CheckTls(options, error) || !CheckExposure(options, error)) {

@@ -33,6 +33,7 @@ struct HostOptions {
     unsigned workerThreads = 16;
     unsigned fixedReplyBytes = 0;  // > 0: "/bench/fixed" answers a fixed reply of this size (benchmarks)
     bool help = false;
+    bool version = false;               // print the version and exit
     std::vector<std::string> warnings;  // for the operator, printed at start
 };
 

@@ -108,8 +108,11 @@ void HostService::Start(ServiceBinding binding) {
         options.address = BoundAddress(binding.listenFds.front());
     }
     // Nothing is loaded yet, so a rescan loads the folder; it also says what it did.
-    LogPluginScan("Plug-ins loaded from", plugins.Rescan(pluginDir));
+    const NyPlugin::RescanSummary loaded = plugins.Rescan(pluginDir);
+    metrics.CountPluginRefusals(loaded.refused.size());
+    LogPluginScan("Plug-ins loaded from", loaded);
     module = std::make_unique<NyRoutine::RoutineModule>(router, plugins, &core);
+    routineTally = std::make_unique<RoutineTally>(metrics, module->RoutineManager());
     operatorResources =
         std::make_unique<OperatorResources>(router, core, plugins, options.fixedReplyBytes,
                                             static_cast<unsigned>(module->RoutineManager().Limit()));
@@ -130,6 +133,10 @@ void HostService::Start(ServiceBinding binding) {
     serverOptions.listenFds = std::move(binding.listenFds);  // the server owns them from here on
     serverOptions.watchdogInterval = binding.watchdogInterval;
     serverOptions.watchdogPing = std::move(binding.watchdogPing);
+    // On an I/O thread for every reply: lock-free counting only. The metrics outlive the server.
+    serverOptions.onRequestDone = [this](const RequestOutcome& outcome) {
+        metrics.CountRequest(outcome.method, outcome.status, outcome.duration);
+    };
     // The transport answers "/health" (its default) itself, before the policy: see the class comment.
     // The policy asks the server for the bound port; the server is set before it can take a request.
     policy = std::make_unique<RequestPolicy>(
@@ -161,7 +168,9 @@ void HostService::Rescan() {
     if (shutDown || !module) {
         return;
     }
-    LogPluginScan("Plug-in rescan of", plugins.Rescan(pluginDir));
+    const NyPlugin::RescanSummary rescanned = plugins.Rescan(pluginDir);
+    metrics.CountPluginRefusals(rescanned.refused.size());
+    LogPluginScan("Plug-in rescan of", rescanned);
 }
 
 void HostService::LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const {
@@ -223,21 +232,66 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
     if (StaticFiles::Handles(path)) {
         return webFiles.Serve(request.method, path);
     }
+    if (path == "/metrics") {
+        return ServeMetrics(request);
+    }
     const CountedDispatch counted(requestsInProgress);
+    const bool creation = request.method == "POST" && NyRest::ResourceRouter::PathSegments(request.target) ==
+                                                          std::vector<std::string>{"routines"};
     if (stopping.load()) {
+        if (creation) {
+            metrics.CountRefusal(RefusalCause::ShuttingDown);
+        }
         return ErrorReply(503, "The service is shutting down.");
     }
     if (!IsValidUtf8(request.body)) {
+        if (creation) {
+            metrics.CountRefusal(RefusalCause::InvalidRequest);
+        }
         return ErrorReply(400, "The request body is not valid UTF-8.", Ny::Status::InvalidValue);
     }
     NyRest::DispatchOptions options;
     options.prefer = request.HeaderList("Prefer");  // a client may split its preferences
-    if (request.method == "POST" &&
-        NyRest::ResourceRouter::PathSegments(request.target) == std::vector<std::string>{"routines"} &&
+    if (creation &&
         NyRest::RequestInfo("POST", "/routines", {}, {}, options.prefer).Prefers("respond-async")) {
         return ServeAsyncCreation(request, options);
     }
-    return FromRouter(router.DispatchRaw(request.method, request.target, request.body, options));
+    if (!creation) {
+        return FromRouter(router.DispatchRaw(request.method, request.target, request.body, options));
+    }
+    // Whether a routine was announced tells a refusal from a routine that went before its first continue.
+    bool created = false;
+    options.onCreated = [&created](const NyRest::CreateResult&) { created = true; };
+    const NyRest::Response reply = router.DispatchRaw(request.method, request.target, request.body, options);
+    CountCreationReply(reply, created);
+    return FromRouter(reply);
+}
+
+HttpResponse HostService::ServeMetrics(const HttpRequest& request) {
+    if (request.method != "GET" && request.method != "HEAD") {
+        HttpResponse refused = ErrorReply(405, "Only GET and HEAD are allowed here.");
+        refused.headers.emplace_back("Allow", "GET, HEAD");
+        return refused;
+    }
+    Metrics::Sampled sampled;
+    sampled.eventClients = server->EventClientCount();
+    sampled.eventClientsDropped = server->EventClientsDropped();
+    sampled.pluginLibraries = plugins.Count();
+    HttpResponse response;
+    response.headers.emplace_back("Content-Type", std::string(Metrics::kContentType));
+    response.body = metrics.Render(sampled);
+    return response;
+}
+
+void HostService::CountCreationReply(const NyRest::Response& reply, bool created) {
+    const int engineStatus =
+        reply.body.is_object() && reply.body.contains("status") && reply.body["status"].is_number_integer()
+            ? reply.body["status"].get<int>()
+            : Ny::Status::Wrapped;
+    const bool systemRunning = core.GetRunState() == NyCore::Core::Running;
+    if (const auto cause = Metrics::CreationRefusal(reply.status, engineStatus, created, systemRunning)) {
+        metrics.CountRefusal(*cause);
+    }
 }
 
 HttpResponse HostService::ServeAsyncCreation(const HttpRequest& request,
@@ -251,11 +305,13 @@ HttpResponse HostService::ServeAsyncCreation(const HttpRequest& request,
         return router.DispatchRaw(request.method, request.target, request.body, withHook);
     });
     if (!outcome) {
+        metrics.CountRefusal(RefusalCause::Busy);
         HttpResponse busy = ErrorReply(503, "Too many creations are in progress.");
         busy.headers.emplace_back("Retry-After", "1");
         return busy;
     }
     if (!outcome->created) {
+        CountCreationReply(outcome->finished, false);
         return FromRouter(outcome->finished);
     }
     NyRest::Response accepted;
@@ -303,6 +359,7 @@ void HostService::Shutdown() {
     notifications.Reset();
     apiDescription.reset();
     operatorResources.reset();
+    routineTally.reset();
     module.reset();
     server.reset();
 }

@@ -1,6 +1,8 @@
 // `HostService`: the reference host. Wires, in this order, the core, the REST router, the plug-in
 // manager (every plug-in library of the folder, in name order), the routine module and the host's
-// operator resources, and serves them over HTTP with live events and the web console.
+// operator resources, and serves them over HTTP with live events and the web console. It counts what
+// happens into its `Metrics` (routines through a `RoutineTally`, refused creations where it answers them,
+// plug-in scans) and serves them at "/metrics", text rather than JSON, so beside the router.
 //
 // Every request passes the host's `RequestPolicy` (Host, Origin, token) on the transport's I/O thread
 // before it reaches the router; every reply is written so that no byte a client sent can make writing
@@ -30,6 +32,7 @@
 #include "AsyncCreations.h"
 #include "HostOptions.h"
 #include "HttpServer.h"
+#include "Metrics.h"
 #include "NyApi/Event.h"
 #include "NyApi/Mutex.h"
 #include "NyCore/Core.h"
@@ -86,15 +89,21 @@ class HostService {
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
     // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
     void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;
+    // "/metrics": GET and HEAD only.
+    HttpResponse ServeMetrics(const HttpRequest& request);
+    // Counts the refusal a failed creation's reply stands for (see Metrics::CreationRefusal).
+    void CountCreationReply(const NyRest::Response& reply, bool created);
 
     HostOptions options;
     std::filesystem::path pluginDir;
+    Metrics metrics;  // counted into by the tally and the transport, so it outlives both
     StaticFiles webFiles;
 
     NyCore::Core core;
     NyRest::ResourceRouter router;
     NyPlugin::PluginManager plugins;
     std::unique_ptr<NyRoutine::RoutineModule> module;
+    std::unique_ptr<RoutineTally> routineTally;  // follows the module's routines; reset before it
     std::unique_ptr<OperatorResources> operatorResources;
     std::unique_ptr<ApiDescription> apiDescription;
     std::unique_ptr<RequestPolicy> policy;

@@ -11,9 +11,8 @@
 
 #include "HostOptions.h"
 #include "HostService.h"
+#include "LogSinks.h"
 #include "NyApi/Logging.h"
-#include "NyApi/Mutex.h"
-#include "NyRuntime/Runtime.h"
 #include "ServiceManager.h"
 
 namespace {
@@ -31,56 +30,6 @@ NyHost::DefaultPaths DefaultPaths() {
     return NyHost::ResolveDefaultPaths(ExecutableDir(), layout);
 }
 
-// Which level words pass at each --log-level. The top bit marks the engine's words; the low bits
-// tell progress (0), notices (1) and failures (2).
-bool Passes(const std::string& level, std::uint64_t word) {
-    if (level == "none") {
-        return false;
-    }
-    if (level == "debug") {
-        return true;
-    }
-    const std::uint64_t kind = word & 0xFFFFFFFFULL;
-    if (level == "error") {
-        return kind == 2;
-    }
-    return kind != 0;  // info: everything but progress lines
-}
-
-void InstallLogSinks(const std::string& level) {
-    // Guards stderr, one line at a time; taken by the log sinks only, with no other lock held.
-    static Ny::Mutex stderrMutex;
-    auto timestamp = [] {
-        const auto now = std::chrono::system_clock::now();
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-        const auto millis =
-            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-        std::tm utc{};
-        gmtime_r(&seconds, &utc);
-        char text[32];
-        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-        char full[40];
-        std::snprintf(full, sizeof full, "%s.%03dZ", text, static_cast<int>(millis));
-        return std::string(full);
-    };
-    Ny::Logging::SetSink([level, timestamp](const Ny::Logging::LogRecord& record) {
-        if (!Passes(level, record.levelWord)) {
-            return;
-        }
-        Ny::MutexLock lock(stderrMutex);
-        std::fprintf(stderr, "%s 0x%016llx [%s] %s\n", timestamp().c_str(),
-                     static_cast<unsigned long long>(record.levelWord), record.context.c_str(),
-                     record.text.c_str());
-    });
-    if (level == "debug") {
-        NyRt::SetLogSink([timestamp](std::string_view line) {
-            Ny::MutexLock lock(stderrMutex);
-            std::fprintf(stderr, "%s runtime %.*s\n", timestamp().c_str(), static_cast<int>(line.size()),
-                         line.data());
-        });
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -93,6 +42,10 @@ int main(int argc, char** argv) {
     }
     if (options->help) {
         std::cout << NyHost::Usage(defaults);
+        return 0;
+    }
+    if (options->version) {
+        std::cout << "routine-host " NYR_VERSION "\n";
         return 0;
     }
 
@@ -108,7 +61,7 @@ int main(int argc, char** argv) {
     for (const auto& warning : options->warnings) {
         std::cerr << "routine-host: warning: " << warning << "\n";
     }
-    InstallLogSinks(options->logLevel);
+    NyHost::InstallLogSinks(options->logLevel, options->logFormat);
     const std::filesystem::path pluginDir =
         options->pluginDir.empty() ? defaults.pluginDir : std::filesystem::path(options->pluginDir);
     const std::filesystem::path webDir =

@@ -94,6 +94,18 @@ TEST(HostOptions, ATokenOnTheCommandLineWinsOverTheEnvironmentsTokenFile) {
     EXPECT_EQ(options->token, "0123456789abcdef");
 }
 
+TEST(HostOptions, VersionAndHelpAnswerWhateverTheSettingsWouldRefuse) {
+    // The man page is made from --help and --version; neither may depend on a usable token or address.
+    const Environment environment{{"ROUTINE_HOST_TOKEN_FILE", "/nonexistent/token"},
+                                  {"ROUTINE_HOST_LISTEN", "192.0.2.1:8080"}};
+    for (const char* option : {"--version", "--help"}) {
+        std::string error;
+        const auto options = Parse({option}, error);
+        ASSERT_TRUE(options) << option << ": " << error;
+        EXPECT_TRUE(std::string(option) == "--version" ? options->version : options->help);
+    }
+}
+
 TEST(HostOptions, TheEnvironmentCannotSwitchOnWhatItsTableOmits) {
     // Only the listed options come from the environment: a value that smuggles another option is a value.
     const Environment environment{{"ROUTINE_HOST_PLUGINS", "--insecure-remote"}};

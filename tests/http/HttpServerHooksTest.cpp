@@ -203,6 +203,10 @@ class HttpServerHooksTest : public ::testing::Test {
                 return HttpResponse{200, {}, R"({"path":")" + request.target + "\"}"};
             },
             [this](const HttpRequest& request) -> std::optional<HttpResponse> {
+                if (request.target == "/stall") {  // stands for a stuck I/O thread
+                    stalled.Open();
+                    unstall.Wait(30s);
+                }
                 if (request.target == "/secret" || refuseAll) {
                     return NyHost::JsonErrorReply(401, "No.");
                 }
@@ -241,6 +245,8 @@ class HttpServerHooksTest : public ::testing::Test {
 
     NyTest::LogCapture log;  // first: outlives the server, which logs while it stops
     NyTest::Gate release;
+    NyTest::Gate stalled;
+    NyTest::Gate unstall;
     std::latch held{2};  // both workers of HoldWorkers() are inside the handler
     std::atomic<bool> refuseAll{false};
     Ny::Mutex outcomesMutex;
@@ -474,6 +480,31 @@ TEST_F(HttpServerHooksTest, WatchdogPingsStopWhileTheWorkersAreHeldAndResumeAfte
     EXPECT_TRUE(NyTest::Eventually([&] { return pings >= atRelease + 3; }));
     server->Stop();
     EXPECT_EQ(pingsOffIoThread, 0);
+}
+
+// The pings come from the I/O thread's timer: an I/O thread that hangs (here in the filter, which runs
+// on it) stops them as surely as held workers do.
+TEST_F(HttpServerHooksTest, WatchdogPingsStopWhileTheIoThreadIsStuck) {
+    auto options = Options();
+    options.ioThreads = 1;
+    options.watchdogInterval = 20ms;
+    std::atomic<int> pings{0};
+    options.watchdogPing = [&pings] { ++pings; };
+    StartServer(options);
+    ASSERT_TRUE(NyTest::Eventually([&] { return pings >= 3; }));
+
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send(Request("GET", "/stall")));
+    ASSERT_TRUE(stalled.Wait());
+    // The workers are all free; only the I/O thread is not, and pings run on it: none within ten
+    // intervals.
+    const int atStall = pings;
+    EXPECT_FALSE(NyTest::Eventually([&] { return pings > atStall; }, 200ms));
+
+    unstall.Open();
+    EXPECT_EQ(client.ReadReply()->status, 200);
+    const int atRelease = pings;
+    EXPECT_TRUE(NyTest::Eventually([&] { return pings >= atRelease + 3; }));
 }
 
 TEST_F(HttpServerHooksTest, OnlyStreamsDroppedForBeingSlowAreCounted) {

@@ -287,6 +287,8 @@ void RoutineInstance::EndRoutine() {
         // A completion callback that throws must still let the routine end, or the destructor would
         // wait for the end forever: the routine fails, completes, and the caller gets the exception.
         try {
+            // Routine code, also when an abort from a client thread ends the routine here.
+            const Ny::Logging::RoutineScope scope(id);
             fx(*host, aborted);
         } catch (const std::exception& e) {
             Fail(std::string("Completion callback failed: ") + e.what());
@@ -473,7 +475,12 @@ void RoutineInstance::StopJobsLocked() noexcept {
 void RoutineInstance::Queue(std::function<void()> job) {
     Ny::MutexLock guard(runnerMutex);
     if (runner) {
-        runner->Run(std::move(job));
+        // Every job runs routine code or ends the routine: its log lines name the routine. The runner
+        // dies before the instance, so `this` outlives the job.
+        runner->Run([this, job = std::move(job)] {
+            const Ny::Logging::RoutineScope scope(id);
+            job();
+        });
     }
 }
 

@@ -17,8 +17,15 @@ namespace {
 Ny::Mutex sinkMutex;  // guards the sink; a leaf, never held while the sink runs
 std::shared_ptr<const LogSink> sink NY_GUARDED_BY(sinkMutex);
 std::atomic<bool> hasSink{false};  // written under sinkMutex, read relaxed as a fast "anyone listening?"
+thread_local const std::string* currentRoutine = nullptr;  // this thread's innermost RoutineScope
 
 }  // namespace
+
+RoutineScope::RoutineScope(const std::string& id) : previous(std::exchange(currentRoutine, &id)) {}
+
+RoutineScope::~RoutineScope() {
+    currentRoutine = previous;
+}
 
 LogSink SetSink(LogSink next) {
     auto shared = next ? std::make_shared<const LogSink>(std::move(next)) : nullptr;
@@ -47,6 +54,9 @@ void Ny_Debug_LogUnchecked(int line, const char* file, std::uint64_t levelWord, 
     record.levelWord = levelWord;
     record.context = context ? context : "";
     record.threadId = NyRt::CurrentThreadId();
+    if (currentRoutine != nullptr) {
+        record.routine = *currentRoutine;
+    }
     va_list args;
     va_start(args, format);
     record.text = NyRt::FormatV(format, args);

@@ -30,6 +30,22 @@ struct LogRecord {
     std::string context;
     std::string text;
     std::uint32_t threadId = 0;
+    // The routine whose code the logging thread ran (see RoutineScope); empty when none.
+    std::string routine;
+};
+
+// Names a routine for every line the current thread logs while the scope lives, so that a line of
+// routine code (which does not know its routine's id) can be told apart. The engine opens one around
+// each call into routine code. Scopes nest; the id must outlive the scope. One thread: not movable.
+class RoutineScope {
+  public:
+    explicit RoutineScope(const std::string& id);
+    ~RoutineScope();
+    RoutineScope(const RoutineScope&) = delete;
+    RoutineScope& operator=(const RoutineScope&) = delete;
+
+  private:
+    const std::string* previous;
 };
 
 using LogSink = std::function<void(const LogRecord&)>;
