@@ -5,16 +5,16 @@
 // the handler's business. No HTTP library type appears here, so that only HttpServer.cpp pays for it.
 //
 // Threads. One io_context served by `ioThreads` (1 or 2) threads does all socket I/O, timers, the
-// checks of a request's framing and the filter; those threads never block. A request for which
-// `runsInline` says so (a read that runs no code that can block) is handled right there on the I/O
-// thread, with no hand-off: that is most of the traffic, and a hand-off to another thread and back
-// costs more than such a handler. Every other request runs on a pool of at most `workerThreads` threads,
-// so that a handler that blocks never holds an I/O thread; workers start when requests need them and
-// end after `workerIdleTimeout` without work, so that an idle server keeps none. Requests waiting for a
-// worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers 503 at once. A
-// request for which `mayWait` says so (one that may wait for another request, e.g. its continue, or for
-// routine code) runs on a thread of its own instead, at most `maxWaitingRequests` at once (beyond, 503),
-// so that it never takes the worker the releasing request needs.
+// checks of a request's framing and the filter; those threads never block for longer than a lock held
+// briefly. A request for which `runsInline` says so (a read that runs no code that can block) is handled
+// right there on the I/O thread, with no hand-off: that is most of the traffic, and a hand-off to another
+// thread and back costs more than such a handler. Every other request runs on a pool of at most
+// `workerThreads` threads, so that a handler that blocks never holds an I/O thread; workers start when
+// requests need them and end after `workerIdleTimeout` without work, so that an idle server keeps none.
+// Requests waiting for a worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers
+// 503 at once. A request for which `mayWait` says so (one that may wait for another request, e.g. its
+// continue, or for routine code) runs on a thread of its own instead, at most `maxWaitingRequests` at once
+// (beyond, 503), so that it never takes the worker the releasing request needs.
 //
 // Limits, enforced before the filter sees a request's header (a body is read only once the filter has
 // let its header on, and within its limit): at most `maxConnections` connections (beyond,
