@@ -334,28 +334,40 @@ struct Job {
 };
 
 // The threads that run handlers. Submit never blocks: a full queue is refused and the caller answers 503.
-// Owned by the server's state; started by Start(), joined by Stop() (or the destructor).
+// Workers start on demand: a job that finds no idle worker starts one (up to `maxThreads`), and a worker
+// idle for `idleTimeout` ends, so that an idle server holds no worker and no timer wakes it. A worker
+// that ended is joined by the next Submit or by Stop(). Owned by the server's state; Stop() (or the
+// destructor) joins every worker.
 class WorkerPool {
   public:
-    WorkerPool(unsigned threads, std::size_t maxQueuedIn) : maxQueued(maxQueuedIn) {
-        for (unsigned i = 0; i < threads; ++i) {
-            workers.emplace_back([this] { Loop(); });
-        }
-    }
+    WorkerPool(unsigned maxThreadsIn, std::size_t maxQueuedIn, std::chrono::milliseconds idleTimeoutIn)
+        : maxThreads(maxThreadsIn), maxQueued(maxQueuedIn), idleTimeout(idleTimeoutIn) {}
     ~WorkerPool() { Stop(); }
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     // False when the queue is full or the pool is stopping. Thread-safe.
     bool Submit(Job job) NY_EXCLUDES(mutex) {
+        std::list<std::thread> ended;
         {
             Ny::MutexLock guard(mutex);
             if (stopping || queue.size() >= maxQueued) {
                 return false;
             }
             queue.push_back(std::move(job));
+            ended.swap(finished);
+            // An idle worker counts as taken by each job queued before this one: a new one starts when
+            // the waiting ones cannot take every queued job.
+            if (queue.size() > idle && running.size() < maxThreads) {
+                auto slot = running.emplace(running.end());
+                // The worker takes the lock before it looks at its slot, so it sees the slot filled.
+                *slot = std::thread([this, slot] { Loop(slot); });
+            }
         }
         wake.NotifyOne();
+        for (auto& thread : ended) {  // retired: they only return now
+            thread.join();
+        }
         return true;
     }
 
@@ -373,39 +385,59 @@ class WorkerPool {
             job.cancel();
         }
         dropped.clear();
-        for (auto& worker : workers) {
-            if (worker.joinable()) {
-                worker.join();
+        std::list<std::thread> threads;
+        {
+            // Nothing starts or retires once `stopping` is set: the lists are final.
+            Ny::MutexLock guard(mutex);
+            threads.splice(threads.end(), running);
+            threads.splice(threads.end(), finished);
+        }
+        for (auto& thread : threads) {
+            if (thread.joinable()) {
+                thread.join();
             }
         }
     }
 
   private:
-    void Loop() NY_EXCLUDES(mutex) {
+    using Slot = std::list<std::thread>::iterator;
+
+    void Loop(Slot slot) NY_EXCLUDES(mutex) {
         NameThread("NyHttp.Worker");
+        Ny::MutexLock guard(mutex);
         for (;;) {
-            Job job;
-            {
-                Ny::MutexLock guard(mutex);
-                while (!stopping && queue.empty()) {
-                    wake.Wait(mutex);
-                }
-                if (stopping) {
+            while (!stopping && queue.empty()) {
+                ++idle;
+                const bool woken = wake.WaitFor(mutex, idleTimeout);
+                --idle;
+                if (!woken && !stopping && queue.empty()) {
+                    // Retires under the lock, so that Submit never counts on a worker that is leaving.
+                    finished.splice(finished.end(), running, slot);
                     return;
                 }
-                job = std::move(queue.front());
-                queue.pop_front();
             }
+            if (stopping) {
+                return;
+            }
+            Job job = std::move(queue.front());
+            queue.pop_front();
+            guard.Unlock();
             job.run();  // catches its own exceptions
+            job = {};   // what the job holds goes before the lock is taken again
+            guard.Lock();
         }
     }
 
-    Ny::Mutex mutex;  // innermost: nothing runs under it
+    Ny::Mutex mutex;  // innermost: only thread creation runs under it
     Ny::CondVar wake;
     std::deque<Job> queue NY_GUARDED_BY(mutex);
     bool stopping NY_GUARDED_BY(mutex) = false;
+    std::size_t idle NY_GUARDED_BY(mutex) = 0;             // workers waiting for a job
+    std::list<std::thread> running NY_GUARDED_BY(mutex);   // workers started and not retired
+    std::list<std::thread> finished NY_GUARDED_BY(mutex);  // retired, not yet joined
+    const unsigned maxThreads;
     const std::size_t maxQueued;
-    std::vector<std::thread> workers;  // touched only by the constructor and Stop
+    const std::chrono::milliseconds idleTimeout;
 };
 
 // Whether the worker pool takes a job within a bound, for health checks and the watchdog. One probe job
@@ -633,6 +665,7 @@ struct HttpServer::Impl {
     HttpResponse CallHandler(const HttpRequest& request) const;
     std::optional<HttpResponse> CallFilter(const HttpRequest& request) const;
     bool CallMayWait(const HttpRequest& request) const;
+    bool CallRunsInline(const HttpRequest& request) const;
     void RunIo() NY_EXCLUDES(ioMutex);
 
     const HttpServerOptions options;
@@ -671,9 +704,10 @@ struct HttpServer::Impl {
     const std::shared_ptr<const std::string> streamOpening =
         std::make_shared<const std::string>(StreamOpening(options.eventRetry));
 
-    Ny::Mutex ioMutex;  // innermost
-    Ny::CondVar ioFinished;
-    unsigned ioRunning NY_GUARDED_BY(ioMutex) = 0;  // I/O threads still inside io.run()
+    Ny::Mutex ioMutex;                                  // innermost
+    Ny::CondVar ioFinished;                             // ioRunning or inlineRunning went down
+    unsigned ioRunning NY_GUARDED_BY(ioMutex) = 0;      // I/O threads still inside io.run()
+    unsigned inlineRunning NY_GUARDED_BY(ioMutex) = 0;  // handlers running on I/O threads (see InlineScope)
 
     // On the acceptor strand only: the pause after a failed accept, and whether the failures were
     // logged (once per episode), shared by the listeners (running out of descriptors is the process's).
@@ -709,6 +743,36 @@ struct ConnectionTicket {
     ConnectionTicket(const ConnectionTicket&) = delete;
     ConnectionTicket& operator=(const ConnectionTicket&) = delete;
     std::atomic<std::size_t>& count;
+};
+
+// Counts a handler running on an I/O thread, so that Stop() waits for it as for a worker's: admitted only
+// before Stop() has begun, checked under the lock Stop() waits with, so that none slips in after it looked.
+class InlineScope {
+  public:
+    explicit InlineScope(HttpServer::Impl& serverIn) : server(serverIn) {
+        Ny::MutexLock guard(server.ioMutex);
+        admitted = !server.stopping;
+        if (admitted) {
+            ++server.inlineRunning;
+        }
+    }
+    ~InlineScope() {
+        if (!admitted) {
+            return;
+        }
+        Ny::MutexLock guard(server.ioMutex);
+        --server.inlineRunning;
+        server.ioFinished.NotifyAll();  // under the lock: Stop() may go on to destroy the server
+    }
+    InlineScope(const InlineScope&) = delete;
+    InlineScope& operator=(const InlineScope&) = delete;
+
+    // False once Stop() has begun: the request is answered 503 instead.
+    bool Admitted() const { return admitted; }
+
+  private:
+    HttpServer::Impl& server;
+    bool admitted = false;
 };
 
 // One event-stream client. Everything but construction runs on its connection's strand. Frames wait in a
@@ -1149,8 +1213,13 @@ class Session final : public Connection {
         return taken;
     }
 
-    // To a waiting thread when the request may wait for a person, else to the worker pool.
+    // Right here when the request cannot wait (see `runsInline`), to a waiting thread when it may wait
+    // for a person or routine code, else to the worker pool.
     void Dispatch(HttpRequest requestIn) {
+        if (server.CallRunsInline(requestIn)) {
+            RunInline(requestIn);
+            return;
+        }
         auto self = Self();
         auto request = std::make_shared<HttpRequest>(std::move(requestIn));  // std::function copies jobs
         auto run = [self, request] {
@@ -1169,6 +1238,22 @@ class Session final : public Connection {
         if (!server.workers->Submit(Job{run, cancel})) {
             Busy(server.options.maxQueuedRequests, "requests already wait for a worker");
         }
+    }
+
+    // On the connection's strand. Stop() waits for it like for a worker's handler; a request that
+    // arrives once Stop() has begun is answered 503, as a queued one is.
+    void RunInline(const HttpRequest& request) {
+        HttpResponse response;
+        {
+            const InlineScope scope(server);
+            if (!scope.Admitted()) {
+                Write(ShuttingDownReply());
+                return;
+            }
+            response = server.CallHandler(request);
+            ApplyConditionalRead(request, response);
+        }
+        Write(std::move(response));
     }
 
     void Busy(std::size_t limit, const char* what) {
@@ -1717,6 +1802,23 @@ std::shared_ptr<EventClient> HttpServer::Impl::AddEventClientLocked(
     return events;
 }
 
+bool HttpServer::Impl::CallRunsInline(const HttpRequest& request) const {
+    if (!options.runsInline) {
+        return false;
+    }
+    try {
+        return options.runsInline(request);
+    } catch (const std::exception& e) {
+        // The safer answer: a worker never holds up the connections of an I/O thread.
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed: %3$s",
+               request.method.c_str(), request.target.c_str(), e.what());
+    } catch (...) {
+        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed with an unknown error.",
+               request.method.c_str(), request.target.c_str());
+    }
+    return false;
+}
+
 bool HttpServer::Impl::CallMayWait(const HttpRequest& request) const {
     if (!options.mayWait) {
         return false;
@@ -1804,8 +1906,8 @@ void HttpServer::Start() {
     impl->Listen();
     impl->started = true;
     impl->keepRunning.emplace(impl->io.get_executor());
-    impl->workers =
-        std::make_unique<WorkerPool>(std::max(1u, options.workerThreads), options.maxQueuedRequests);
+    impl->workers = std::make_unique<WorkerPool>(std::max(1u, options.workerThreads),
+                                                 options.maxQueuedRequests, options.workerIdleTimeout);
     for (auto& listener : impl->listeners) {
         impl->Accept(listener);
     }
@@ -1869,8 +1971,9 @@ std::size_t HttpServer::EventClientCount() const {
 }
 
 // Drains in this order: no new connections; idle connections closed; requests queued but not started
-// answered 503; handlers in progress (workers and waiting threads) awaited, their replies written with
-// Connection: close; then the I/O threads leave once the last writes are done (or the grace runs out).
+// answered 503; handlers in progress (workers, waiting threads and I/O threads) awaited, their replies
+// written with Connection: close; then the I/O threads leave once the last writes are done (or the grace runs
+// out).
 void HttpServer::Stop() {
     Ny::MutexLock stopGuard(impl->stopMutex);
     if (impl->stopping.exchange(true)) {
@@ -1907,6 +2010,11 @@ void HttpServer::Stop() {
     impl->keepRunning.reset();
     {
         Ny::MutexLock guard(impl->ioMutex);
+        // Handlers on the I/O threads are awaited like the workers' (none starts any more); their
+        // replies are then written within the grace like every other.
+        while (impl->inlineRunning != 0) {
+            impl->ioFinished.Wait(impl->ioMutex);
+        }
         const auto deadline = Clock::now() + kStopGrace;
         while (impl->ioRunning != 0) {
             if (!impl->ioFinished.WaitUntil(impl->ioMutex, deadline) && Clock::now() >= deadline) {

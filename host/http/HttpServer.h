@@ -5,12 +5,16 @@
 // the handler's business. No HTTP library type appears here, so that only HttpServer.cpp pays for it.
 //
 // Threads. One io_context served by `ioThreads` (1 or 2) threads does all socket I/O, timers, the
-// checks of a request's framing and the filter; those threads never block. The handler runs on a pool of
-// `workerThreads` threads, so a handler that blocks never holds an I/O thread. Requests waiting for a
-// worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers 503 at once. A
-// request for which `mayWait` says so (one that may wait for another request, e.g. its continue) runs on
-// a thread of its own instead, at most `maxWaitingRequests` at once (beyond, 503), so that it never
-// takes the worker the releasing request needs.
+// checks of a request's framing and the filter; those threads never block for longer than a lock held
+// briefly. A request for which `runsInline` says so (a read that runs no code that can block) is handled
+// right there on the I/O thread, with no hand-off: that is most of the traffic, and a hand-off to another
+// thread and back costs more than such a handler. Every other request runs on a pool of at most
+// `workerThreads` threads, so that a handler that blocks never holds an I/O thread; workers start when
+// requests need them and end after `workerIdleTimeout` without work, so that an idle server keeps none.
+// Requests waiting for a worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers
+// 503 at once. A request for which `mayWait` says so (one that may wait for another request, e.g. its
+// continue, or for routine code) runs on a thread of its own instead, at most `maxWaitingRequests` at once
+// (beyond, 503), so that it never takes the worker the releasing request needs.
 //
 // Limits, enforced before the filter sees a request's header (a body is read only once the filter has
 // let its header on, and within its limit): at most `maxConnections` connections (beyond,
@@ -60,8 +64,9 @@
 // are held takes no room that requests need.
 //
 // Ownership and lifetime: the owner constructs it, calls Start() once, and calls Stop() or destroys it.
-// The server owns every thread it starts and joins them in Stop(). The handler, the filter and
-// `mayWait` are called until Stop() returns and must stay valid that long.
+// The server owns every thread it starts and joins them in Stop() (a worker that ended idle is joined by
+// the next request that starts one, or by Stop()). The handler, the filter, `runsInline` and `mayWait`
+// are called until Stop() returns and must stay valid that long.
 #pragma once
 
 #include <chrono>
@@ -119,17 +124,20 @@ struct HttpServerOptions {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080;  // 0 picks a free port; Port() tells which
     // Threads, chosen for a service where one request may block for as long as a person takes to answer:
-    // - I/O threads only parse, filter and copy bytes and never block, so one keeps up with far more
-    //   traffic than the handlers can serve; a second helps only with many busy connections on many
-    //   cores. More than 2 are not used.
+    // - I/O threads parse, filter, copy bytes and run the inline reads, which never block for long. Two
+    //   use both cores of a small device for reads and for event fan-out, and keep connections served
+    //   while one of them waits a moment for a routine's lock. More than 2 are not used.
     // - Workers bound how many handlers run at once (memory, lock contention). Blocked creations are few
-    //   (the routine limit keeps them to one or two), so 16 leave plenty for reads, updates and the
-    //   continue that releases them.
+    //   (the routine limit keeps them to one or two), so 16 leave plenty for updates and the continue
+    //   that releases them. They cost nothing until requests need them.
     // - The queue bounds the waiting: 256 requests of a few milliseconds each are well under a second
     //   of backlog; a client beyond that is better told 503 to retry than kept waiting unseen.
-    unsigned ioThreads = 1;
+    unsigned ioThreads = 2;
     unsigned workerThreads = 16;
     std::size_t maxQueuedRequests = 256;
+    // A worker that found no work for this long ends; the next request that needs one starts it again.
+    // Long enough that a burst reuses its workers, short enough that an idle server soon holds none.
+    std::chrono::milliseconds workerIdleTimeout{10000};
     std::size_t bodyLimit = 1 << 20;      // bytes; 413 beyond
     std::size_t headerLimit = 16 * 1024;  // bytes of request line and headers; 431 beyond
     // A request must arrive whole within this time, and a keep-alive connection may stay idle this
@@ -147,6 +155,11 @@ struct HttpServerOptions {
     // Called on an I/O thread after the filter: must be quick. Empty: every request goes to a worker.
     std::function<bool(const HttpRequest&)> mayWait;
     std::size_t maxWaitingRequests = 8;
+    // Requests for which this returns true run on the I/O thread that read them, with no hand-off: only
+    // requests whose handler never blocks for longer than a lock held briefly (reads). Asked after the
+    // filter and before `mayWait`, on an I/O thread: must be quick. An exception counts as false. Empty:
+    // no request runs inline.
+    std::function<bool(const HttpRequest&)> runsInline;
     std::string eventsPath = "/events";
     std::size_t maxEventClients = 64;
     std::size_t eventClientQueueBytes = 1 << 20;
@@ -180,7 +193,8 @@ struct HttpServerOptions {
 
 class HttpServer {
   public:
-    // Runs on a worker thread; may block (Stop() waits for it). An exception becomes a 500 JSON reply.
+    // Runs on an I/O thread (for a request `runsInline` chose), a worker or a waiting thread; may block
+    // only on the last two (Stop() waits for it). An exception becomes a 500 JSON reply.
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
     // Runs first, on an I/O thread, for every request, the event stream included: it must be quick and
     // must not block. It sees the request's header only (`body` is empty), before any of the body is

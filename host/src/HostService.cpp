@@ -127,6 +127,7 @@ void HostService::Start(ServiceBinding binding) {
     serverOptions.tlsCertFile = options.tlsCertFile;
     serverOptions.tlsKeyFile = options.tlsKeyFile;
     serverOptions.mayWait = [](const HttpRequest& request) { return MayWait(request); };
+    serverOptions.runsInline = [](const HttpRequest& request) { return RunsInline(request); };
     // One routine at a time may wait for its continue, but deletions and factory restores of several
     // clients can overlap for a moment: room for a few dozen, each a thread, before 503.
     serverOptions.maxWaitingRequests = kMaxWaitingRequests;
@@ -204,6 +205,12 @@ bool HostService::MayWait(const HttpRequest& request) {
     return (request.method == "POST" && segments == Segments{"routines"}) ||
            (request.method == "DELETE" && !segments.empty() && segments.front() == "routines") ||
            (request.method == "POST" && segments == Segments{"system", "commands", "factoryRestore"});
+}
+
+bool HostService::RunsInline(const HttpRequest& request) {
+    // HEAD reaches here as the GET it asks about. Anything but a read may write a routine, whose change
+    // callbacks are plug-in code.
+    return request.method == "GET" && !StaticFiles::Handles(RequestPath(request));
 }
 
 HttpResponse HostService::Handle(const HttpRequest& request) {

@@ -6,9 +6,18 @@
 //
 // Every request passes the host's `RequestPolicy` (Host, Origin, token) on the transport's I/O thread
 // before it reaches the router; every reply is written so that no byte a client sent can make writing
-// it fail. Requests that may wait for a person or for routine code (creations, deletions, a factory
-// restore) run on the transport's waiting lane, so that they never hold a worker that the request
-// releasing them needs.
+// it fail. Where a request runs:
+// - Reads of the API (GET, and HEAD as its GET) cannot wait: they run on the I/O thread that read them,
+//   with no hand-off. They run no plug-in code; they copy what the engine holds and at most wait for a
+//   routine's lock while routine code holds it briefly (a parameter change callback, handing over
+//   results), as the plug-in interface asks of it.
+// - Requests that may wait for a person or for routine code (creations, deletions, a factory restore)
+//   run on the transport's waiting lane, so that they never hold a worker that the request releasing
+//   them needs.
+// - Everything else (writes, commands, the console's files, read from disk) runs on a worker. An abort
+//   runs the routine's completion callback, plug-in code that may take its time, on its thread; it stays
+//   on a worker all the same: the routine limit leaves one routine to complete, so it holds one worker of
+//   many, and a pool held that way is what the health probe is there to report.
 //
 // "/health" is answered by the transport before the policy (no token, no Host check): it tells only
 // whether the network thread and the workers answer, which any client could learn by trying a request.
@@ -79,13 +88,15 @@ class HostService {
     // really wait to one; the others are refusals that end at once.
     static constexpr std::size_t kMaxAsyncCreations = 8;
 
-    // Runs on a worker or waiting thread; never throws.
+    // Runs on an I/O, worker or waiting thread; never throws.
     HttpResponse Handle(const HttpRequest& request);
     HttpResponse Serve(const HttpRequest& request);
     // A creation that asked not to be held: 202 as soon as the routine exists (see AsyncCreations).
     HttpResponse ServeAsyncCreation(const HttpRequest& request, const NyRest::DispatchOptions& options);
     // True for requests that may block for a person or for routine code; see the class comment.
     static bool MayWait(const HttpRequest& request);
+    // True for the reads that run on the I/O thread; see the class comment.
+    static bool RunsInline(const HttpRequest& request);
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
     // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
     void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;

@@ -1,7 +1,10 @@
 // A test plug-in whose routines misbehave in every way routine code can: they throw from Run, from a
 // continue callback and from the completion callback, throw something that is not a std::exception,
-// have a factory that makes nothing, never return from Run unless aborted, and hand their results over
-// twice. The host must stay up and every routine must end in a defined state.
+// have a factory that makes nothing, never return from Run unless aborted, take seconds to stop once
+// aborted, and hand their results over twice. The host must stay up and every routine must end in a
+// defined state; a deletion that waits for a slow routine must not hold up other requests (the
+// benchmarks measure reads while one waits).
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -23,7 +26,18 @@ struct Results : Ny::Params::Group {
     Ny::Params::Value<unsigned int> value;
 };
 
-enum class Fault { ThrowInRun, ThrowInContinue, ThrowInCompletion, ThrowNonStandard, Stubborn, ResultsTwice };
+enum class Fault {
+    ThrowInRun,
+    ThrowInContinue,
+    ThrowInCompletion,
+    ThrowNonStandard,
+    Stubborn,
+    SlowToAbort,
+    ResultsTwice
+};
+
+// How long a SlowToAbort routine goes on after its abort: long enough to see who waits for it.
+constexpr std::chrono::seconds kSlowAbortDelay{2};
 
 class Faulty : public NyRoutine::IRoutine {
   public:
@@ -48,6 +62,13 @@ class Faulty : public NyRoutine::IRoutine {
                 while (!host.IsAborted()) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 }
+                break;
+            case Fault::SlowToAbort:
+                // Waits for its abort (or deletion) and then takes its time to wind down.
+                while (!host.IsAborted()) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                }
+                std::this_thread::sleep_for(kSlowAbortDelay);
                 break;
             case Fault::ResultsTwice: {
                 auto* results = new Results;
@@ -88,6 +109,7 @@ NY_PLUGIN_ENTRY(sink) {
                                                     {"ThrowInCompletion", Fault::ThrowInCompletion},
                                                     {"ThrowNonStandard", Fault::ThrowNonStandard},
                                                     {"Stubborn", Fault::Stubborn},
+                                                    {"SlowToAbort", Fault::SlowToAbort},
                                                     {"ResultsTwice", Fault::ResultsTwice}};
     for (const auto& [name, fault] : faults) {
         auto factory = std::make_shared<FaultyFactory>(fault);
