@@ -41,6 +41,7 @@
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
 #include "NyApi/Mutex.h"
+#include "NyApi/Status.h"
 
 namespace NyHost {
 
@@ -291,10 +292,11 @@ void RaiseDescriptorLimit() {
 }
 
 // TLS 1.2 and later only, no renegotiation (a client could make the server repeat handshakes at will).
-// Throws Ny::Exception 0 when the certificate or key cannot be used.
+// Throws Ny::Exception InvalidValue when the certificate or key cannot be used: a setting that starting
+// again cannot mend, unlike a port in use.
 net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
     if (options.tlsCertFile.empty() || options.tlsKeyFile.empty()) {
-        throw NY_EXCEPTION(0, "HTTPS needs both a certificate file and a key file.");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "HTTPS needs both a certificate file and a key file.");
     }
     net::ssl::context context(net::ssl::context::tls_server);
     context.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
@@ -306,9 +308,9 @@ net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
         context.use_certificate_chain_file(options.tlsCertFile);
         context.use_private_key_file(options.tlsKeyFile, net::ssl::context::pem);
     } catch (const std::exception& e) {
-        std::throw_with_nested(NY_EXCEPTION(0, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
-                                            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(),
-                                            e.what()));
+        std::throw_with_nested(NY_EXCEPTION(
+            Ny::Status::InvalidValue, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
+            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(), e.what()));
     }
     return context;
 }
@@ -1540,9 +1542,18 @@ void HttpServer::Impl::PauseAccepting(Listener& listener, beast::error_code ec) 
 
 void HttpServer::Impl::Listen() {
     if (options.listenFds.empty()) {
+        // An address that is no IP address is a setting to correct (InvalidValue); failing to bind one,
+        // e.g. a port still in use, may pass (0).
+        beast::error_code addressError;
+        const auto ip = net::ip::make_address(options.address, addressError);
+        if (addressError) {
+            throw NY_EXCEPTION(Ny::Status::InvalidValue,
+                               "Cannot listen on %1$s: it is not an IP address (%2$s).",
+                               options.address.c_str(), addressError.message().c_str());
+        }
         auto& listener = listeners.emplace_back(acceptStrand);
         try {
-            const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
+            const tcp::endpoint endpoint(ip, options.port);
             listener.acceptor.open(endpoint.protocol());
             listener.acceptor.set_option(net::socket_base::reuse_address(true));
             listener.acceptor.bind(endpoint);
@@ -1588,7 +1599,9 @@ void HttpServer::Impl::Adopt(int fd) {
     const bool named = ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0;
     if (!stream || !accepting || !named || (address.ss_family != AF_INET && address.ss_family != AF_INET6)) {
         ::close(fd);
-        throw NY_EXCEPTION(0, "Descriptor %d handed over to listen on is not a listening TCP socket.", fd);
+        // The socket unit's setting, not a passing state.
+        throw NY_EXCEPTION(Ny::Status::InvalidValue,
+                           "Descriptor %d handed over to listen on is not a listening TCP socket.", fd);
     }
     auto& listener = listeners.emplace_back(acceptStrand);
     beast::error_code ec;

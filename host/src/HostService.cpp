@@ -13,6 +13,7 @@
 #include "HostReplies.h"
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Status.h"
 
 namespace NyHost {
 
@@ -52,7 +53,8 @@ std::string BoundAddress(int fd) {
 
 // A socket handed over is held to the same rule as --listen: reachable from other machines only with TLS
 // and a token. Its real address counts, not the options', so that a socket unit listening on every
-// address cannot bypass the rule. Throws Ny::Exception 0 naming what is missing.
+// address cannot bypass the rule. Throws Ny::Exception InvalidValue (a setting to correct) naming what
+// is missing.
 void CheckHandedOverExposure(const HostOptions& options, const std::vector<int>& fds) {
     const bool tls = !options.tlsCertFile.empty();
     const bool token = !options.token.empty();
@@ -63,7 +65,7 @@ void CheckHandedOverExposure(const HostOptions& options, const std::vector<int>&
         const std::string address = BoundAddress(fd);
         if (!IsLoopback(address)) {
             throw NY_EXCEPTION(
-                0,
+                Ny::Status::InvalidValue,
                 "The socket handed over on %1$s needs TLS (--tls-cert and --tls-key) and a token "
                 "(--token-file or NYR_TOKEN); missing: %2$s (--insecure-remote serves without "
                 "them).",

@@ -12,10 +12,18 @@
 #include "HostOptions.h"
 #include "HostService.h"
 #include "LogSinks.h"
+#include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Status.h"
 #include "ServiceManager.h"
 
 namespace {
+
+// Exit statuses the service unit tells apart: a refused setting (a bad option or variable, an unusable
+// TLS file, a socket handed over that may not be served) is not retried, since starting again cannot
+// mend it; any other failure to start (a port still in use) may pass, and is.
+constexpr int kExitRefusedSetting = 2;
+constexpr int kExitFailed = 1;
 
 std::filesystem::path ExecutableDir() {
     std::error_code error;
@@ -38,7 +46,7 @@ int main(int argc, char** argv) {
     const NyHost::DefaultPaths defaults = DefaultPaths();
     if (!options) {
         std::cerr << "routine-host: " << error << "\n\n" << NyHost::Usage(defaults);
-        return 2;
+        return kExitRefusedSetting;
     }
     if (options->help) {
         std::cout << NyHost::Usage(defaults);
@@ -89,7 +97,7 @@ int main(int argc, char** argv) {
         service.Start(std::move(binding));
     } catch (const std::exception& e) {
         std::cerr << "routine-host: cannot start: " << e.what() << "\n";
-        return 1;
+        return Ny::StatusOf(e) == Ny::Status::InvalidValue ? kExitRefusedSetting : kExitFailed;
     }
     const std::string address = service.Address();
     const bool ipv6 = address.find(':') != std::string::npos;

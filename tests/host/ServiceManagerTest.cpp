@@ -361,11 +361,24 @@ TEST(ServiceManager, ServesTheSocketItIsHandedAndHoldsAWildcardOneToTheExposureR
         ASSERT_GE(fd, 0);
         ActivatedHost host(fd, {"--token", "0123456789abcdef0123"});
         EXPECT_EQ(host.firstLine, "");
-        EXPECT_EQ(host.ExitStatus(30s), 1);
+        // A refused setting: the unit does not restart it on every connection the socket takes.
+        EXPECT_EQ(host.ExitStatus(30s), 2);
         const std::string log = host.Log();
         EXPECT_NE(log.find("cannot start: The socket handed over on 0.0.0.0 needs TLS"), std::string::npos)
             << log;
         EXPECT_NE(log.find("missing: TLS "), std::string::npos) << log;
+    }
+    {
+        // A datagram socket on loopback passes the exposure rule but cannot be served: refused as well.
+        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in bound{};
+        bound.sin_family = AF_INET;
+        bound.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound), 0);
+        ActivatedHost host(fd, {});
+        EXPECT_EQ(host.firstLine, "");
+        EXPECT_EQ(host.ExitStatus(30s), 2);
+        EXPECT_NE(host.Log().find("not a listening TCP socket"), std::string::npos) << host.Log();
     }
 }
 
