@@ -614,7 +614,7 @@ struct HttpServer::Impl {
     // The watchdog's tick: pings when the probe asked at the tick before has run, then asks again.
     void Watch();  // watchdog timer's strand
     // Reports an answered request to `onRequestDone`, if any. On an I/O thread.
-    void ReportOutcome(std::string_view method, int status, Clock::duration duration) const;
+    void ReportOutcome(const RequestOutcome& outcome) const;
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
     bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
     // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
@@ -1158,8 +1158,10 @@ class Session final : public Connection {
         auto run = [self, request] {
             HttpResponse response = self->server.CallHandler(*request);
             ApplyConditionalRead(*request, response);  // on the worker: hashing a body may take a while
-            net::post(self->executor,
-                      [self, response = std::move(response)]() mutable { self->Write(std::move(response)); });
+            net::post(self->executor, [self, response = std::move(response)]() mutable {
+                self->outcomeHandled = true;
+                self->Write(std::move(response));
+            });
         };
         if (server.CallMayWait(*request)) {
             if (!server.waiting.Start(run)) {
@@ -1310,7 +1312,10 @@ class Session final : public Connection {
     void BeginOutcome() {
         outcomePending = true;
         outcomeStart = Clock::now();
+        outcomeHandled = false;
         outcomeMethod = parser ? std::string(View(parser->get().method_string())) : std::string();
+        outcomeTarget =
+            parser && parser->is_header_done() ? std::string(View(parser->get().target())) : std::string();
     }
 
     void ReportOutcome(int status) {
@@ -1318,7 +1323,8 @@ class Session final : public Connection {
             return;
         }
         outcomePending = false;
-        server.ReportOutcome(outcomeMethod, status, Clock::now() - outcomeStart);
+        server.ReportOutcome(RequestOutcome{outcomeMethod, outcomeTarget, status, Clock::now() - outcomeStart,
+                                            outcomeHandled});
     }
 
     bool IsHealthRequest(const HttpRequest& request) const {
@@ -1465,6 +1471,8 @@ class Session final : public Connection {
     bool outcomePending = false;              // the request being answered is not yet reported
     Clock::time_point outcomeStart;           // its header was read then
     std::string outcomeMethod;                // as the client sent it
+    std::string outcomeTarget;                // likewise; empty when the header was not whole
+    bool outcomeHandled = false;              // its reply came from the handler
     net::steady_timer healthTimer{executor};  // the bound of a health check
     std::uint64_t healthCheck = 0;            // numbers the checks, so that a late probe is told apart
     bool healthAnswered = true;               // the current check has its reply
@@ -1639,12 +1647,12 @@ void HttpServer::Impl::Watch() {
     });
 }
 
-void HttpServer::Impl::ReportOutcome(std::string_view method, int status, Clock::duration duration) const {
+void HttpServer::Impl::ReportOutcome(const RequestOutcome& outcome) const {
     if (!options.onRequestDone) {
         return;
     }
     try {
-        options.onRequestDone(RequestOutcome{method, status, duration});
+        options.onRequestDone(outcome);
     } catch (const std::exception& e) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Reporting a request failed: %s", e.what());
     } catch (...) {

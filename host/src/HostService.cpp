@@ -138,6 +138,13 @@ void HostService::Start(ServiceBinding binding) {
     // On an I/O thread for every reply: lock-free counting only. The metrics outlive the server.
     serverOptions.onRequestDone = [this](const RequestOutcome& outcome) {
         metrics.CountRequest(outcome.method, outcome.status, outcome.duration);
+        // A creation the transport turned away before the handler saw it (every waiting thread taken,
+        // the worker queue full, or the server stopping) is refused as surely as one the engine refuses.
+        // The filter's refusals (token, Host, Origin) are no creation asked for and stay uncounted.
+        if (!outcome.handled && outcome.status == 503 &&
+            IsCreation(outcome.method, std::string(outcome.target))) {
+            metrics.CountRefusal(stopping.load() ? RefusalCause::ShuttingDown : RefusalCause::Busy);
+        }
     };
     // The transport answers "/health" (its default) itself, before the policy: see the class comment.
     // The policy asks the server for the bound port; the server is set before it can take a request.
@@ -208,6 +215,11 @@ bool HostService::MayWait(const HttpRequest& request) {
            (request.method == "POST" && segments == Segments{"system", "commands", "factoryRestore"});
 }
 
+bool HostService::IsCreation(std::string_view method, const std::string& target) {
+    return method == "POST" &&
+           NyRest::ResourceRouter::PathSegments(target) == std::vector<std::string>{"routines"};
+}
+
 HttpResponse HostService::Handle(const HttpRequest& request) {
     HttpResponse response;
     try {
@@ -238,8 +250,7 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
         return ServeMetrics(request);
     }
     const CountedDispatch counted(requestsInProgress);
-    const bool creation = request.method == "POST" && NyRest::ResourceRouter::PathSegments(request.target) ==
-                                                          std::vector<std::string>{"routines"};
+    const bool creation = IsCreation(request.method, request.target);
     if (stopping.load()) {
         if (creation) {
             metrics.CountRefusal(RefusalCause::ShuttingDown);

@@ -26,6 +26,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ApiDescription.h"
@@ -86,6 +87,8 @@ class HostService {
     HttpResponse ServeAsyncCreation(const HttpRequest& request, const NyRest::DispatchOptions& options);
     // True for requests that may block for a person or for routine code; see the class comment.
     static bool MayWait(const HttpRequest& request);
+    // "POST /routines", however the path is spelled.
+    static bool IsCreation(std::string_view method, const std::string& target);
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
     // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
     void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;
