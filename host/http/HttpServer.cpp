@@ -761,8 +761,11 @@ class EventSession final : public EventClient {
         if (closed) {
             return;
         }
-        NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
-               remote.c_str(), server.options.eventClientQueueBytes);
+        // A client that opens streams and never reads causes these: held to the budget of such lines.
+        if (const auto held = server.clientLines.Take()) {
+            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.%3$s",
+                   remote.c_str(), server.options.eventClientQueueBytes, HeldBack(*held).c_str());
+        }
         server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
         Close();
     }
@@ -856,9 +859,13 @@ class EventSession final : public EventClient {
             }
             const auto now = Clock::now();
             if (!self->queue.empty() && now - self->writeStarted >= self->server.options.readTimeout) {
-                NY_LOG(Ny::Logging::Level::Notice,
-                       "Event client %1$s dropped: it took no data for %2$lld ms.", self->remote.c_str(),
-                       static_cast<long long>(self->server.options.readTimeout.count()));
+                if (const auto held = self->server.clientLines.Take()) {
+                    NY_LOG(Ny::Logging::Level::Notice,
+                           "Event client %1$s dropped: it took no data for %2$lld ms.%3$s",
+                           self->remote.c_str(),
+                           static_cast<long long>(self->server.options.readTimeout.count()),
+                           HeldBack(*held).c_str());
+                }
                 self->server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
                 self->Close();
                 return;
@@ -1180,8 +1187,11 @@ class Session final : public Connection {
             Write(ShuttingDownReply());
             return;
         }
-        NY_LOG(Ny::Logging::Level::Notice, "Request of %1$s refused: %2$zu %3$s.", remote.c_str(), limit,
-               what);
+        // A client can cause this line as fast as it can send: held to the budget of such lines.
+        if (const auto held = server.clientLines.Take()) {
+            NY_LOG(Ny::Logging::Level::Notice, "Request of %1$s refused: %2$zu %3$s.%4$s", remote.c_str(),
+                   limit, what, HeldBack(*held).c_str());
+        }
         HttpResponse busyReply = JsonErrorReply(503, "The server is busy; try again.");
         busyReply.headers.emplace_back("Retry-After", "1");
         Write(std::move(busyReply));
@@ -1190,8 +1200,10 @@ class Session final : public Connection {
     void OpenEventStream(const std::optional<std::string>& lastEventId) {
         auto events = server.AddEventClient(stream, remote, ticket, lastEventId);
         if (!events) {
-            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.",
-                   remote.c_str(), server.options.maxEventClients);
+            if (const auto held = server.clientLines.Take()) {
+                NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.%3$s",
+                       remote.c_str(), server.options.maxEventClients, HeldBack(*held).c_str());
+            }
             Refuse(503, "Too many event-stream clients.");
             return;
         }
