@@ -1,10 +1,13 @@
 // A test plug-in with one routine type, "HoldsAbort", whose completion callback blocks until a file
 // exists: an abort runs that callback on the thread of the request that asked for it, so a test can hold
 // that thread as long as it likes and let it go by creating the file. The file is named by the host's
-// environment variable NYR_TEST_GATE; without it, or after 60 s, the callback returns at once.
+// environment variable NYR_TEST_GATE; without it, or after 60 s, the callback returns at once. Once the
+// routine's code has put the callback in place it creates "<gate>.running".
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include <sys/stat.h>
@@ -37,8 +40,13 @@ class HoldsAbort : public NyRoutine::IRoutine {
   public:
     void SetCreateParams(std::shared_ptr<Ny::Params::Group>) override {}
     // Waits for its completion, which only an abort brings.
+    // The creation's reply may come before this runs, and an abort before it has nothing to hold: the
+    // file "<gate>.running" tells a test that the callback is in place.
     void Run(IRoutineHost& host) override {
         host.SetCompletionFx([](IRoutineHost&, bool) { WaitForGate(); });
+        if (const char* gate = std::getenv("NYR_TEST_GATE"); gate != nullptr) {
+            std::ofstream(std::string(gate) + ".running") << "running\n";
+        }
     }
     void FreeResults(const Ny::Properties::Structure*) override {}
 };

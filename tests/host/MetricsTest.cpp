@@ -230,6 +230,8 @@ class Gate {
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
     std::string Variable() const { return "NYR_TEST_GATE=" + (dir / "open").string(); }
+    // The routine's code runs and its abort will hold.
+    bool Running() const { return std::filesystem::exists(dir / "open.running"); }
     void Open() const {
         std::FILE* file = std::fopen((dir / "open").c_str(), "w");
         std::fclose(file);
@@ -246,6 +248,7 @@ TEST(HostMetrics, CreationsTheTransportTurnsAwayAreCountedAsRefused) {
     const Gate gate;
     HostProcess host({"--plugins", NYR_HOLDING_PLUGIN_DIR}, {gate.Variable()});
     ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "HoldsAbort"}}).status, 201) << host.Log();
+    ASSERT_TRUE(Eventually([&] { return gate.Running(); }, std::chrono::seconds(20))) << host.Log();
     std::vector<std::unique_ptr<NyTest::HttpConnection>> restores;
     for (int i = 0; i < kWaitingThreads; ++i) {
         restores.push_back(std::make_unique<NyTest::HttpConnection>(host.Port(), std::chrono::seconds(60)));

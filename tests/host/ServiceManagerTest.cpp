@@ -154,12 +154,15 @@ class Gate {
     }
     ~Gate() {
         ::unlink(path.c_str());
+        ::unlink((path + ".running").c_str());
         ::rmdir(dir.c_str());
     }
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
     std::string Variable() const { return "NYR_TEST_GATE=" + path; }
     void Open() const { std::ofstream(path) << "open\n"; }
+    // The routine's code runs and its abort will hold (see HoldingPlugin.cpp).
+    bool Running() const { return ::access((path + ".running").c_str(), F_OK) == 0; }
 
   private:
     std::string dir;
@@ -182,6 +185,7 @@ TEST(ServiceManager, ReadyOnceListeningWatchdogWhileWorkersAnswerStoppingOnTerm)
 
     // The one worker held by an abort whose completion waits: health says so, and the pings stop.
     ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "HoldsAbort"}}).status, 201) << host.Log();
+    ASSERT_TRUE(NyTest::Eventually([&] { return gate.Running(); }, 20s)) << host.Log();
     HttpConnection abort(host.Port(), 60s);
     ASSERT_TRUE(abort.SendRaw("POST /routines/HoldsAbort-0/commands/abort HTTP/1.1\r\n" + host.HostHeader() +
                               "\r\nContent-Length: 0\r\n\r\n"));
