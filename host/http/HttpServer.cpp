@@ -333,6 +333,9 @@ const beast::error_category& HttpErrors() {
 struct Job {
     std::function<void()> run;
     std::function<void()> cancel;
+    // A health or watchdog probe: queued beyond the cap and not counted against it. There is at most one
+    // (see PoolProbe), and refusing it for a full queue would call a pool that is busy serving held.
+    bool probe = false;
 };
 
 // The threads that run handlers. Submit never blocks: a full queue is refused and the caller answers 503.
@@ -348,13 +351,15 @@ class WorkerPool {
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // False when the queue is full or the pool is stopping. Thread-safe.
+    // False when the queue is full (of requests; a probe is always taken) or the pool is stopping.
+    // Thread-safe.
     bool Submit(Job job) NY_EXCLUDES(mutex) {
         {
             Ny::MutexLock guard(mutex);
-            if (stopping || queue.size() >= maxQueued) {
+            if (stopping || (!job.probe && requestsQueued >= maxQueued)) {
                 return false;
             }
+            requestsQueued += job.probe ? 0 : 1;
             queue.push_back(std::move(job));
         }
         wake.NotifyOne();
@@ -369,6 +374,7 @@ class WorkerPool {
             Ny::MutexLock guard(mutex);
             stopping = true;
             dropped.swap(queue);
+            requestsQueued = 0;
         }
         wake.NotifyAll();
         for (auto& job : dropped) {  // outside the lock: a cancel hands a reply to a connection
@@ -397,6 +403,7 @@ class WorkerPool {
                 }
                 job = std::move(queue.front());
                 queue.pop_front();
+                requestsQueued -= job.probe ? 0 : 1;
             }
             job.run();  // catches its own exceptions
         }
@@ -405,6 +412,7 @@ class WorkerPool {
     Ny::Mutex mutex;  // innermost: nothing runs under it
     Ny::CondVar wake;
     std::deque<Job> queue NY_GUARDED_BY(mutex);
+    std::size_t requestsQueued NY_GUARDED_BY(mutex) = 0;  // the jobs of `queue` that are no probe
     bool stopping NY_GUARDED_BY(mutex) = false;
     const std::size_t maxQueued;
     std::vector<std::thread> workers;  // touched only by the constructor and Stop
@@ -412,7 +420,9 @@ class WorkerPool {
 
 // Whether the worker pool takes a job within a bound, for health checks and the watchdog. One probe job
 // at a time waits in the pool's queue, shared by everyone asking meanwhile: asking while the workers are
-// held then adds nothing to the queue that requests need, however often a monitor asks. Owned by the
+// held then adds nothing to the queue that requests need, however often a monitor asks. The probe is
+// queued even when requests fill the queue: it then runs once those ahead of it are served, so a busy
+// pool answers and only a held one does not. Owned by the
 // server's state, which keeps it alive while the pool runs its jobs (the pool is stopped first).
 class PoolProbe {
   public:
@@ -442,7 +452,7 @@ class PoolProbe {
             answer(false);
             return;
         }
-        if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }})) {
+        if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }, true})) {
             Finish(false);
         }
     }
