@@ -41,6 +41,7 @@
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
 #include "NyApi/Mutex.h"
+#include "NyApi/Status.h"
 
 namespace NyHost {
 
@@ -291,10 +292,11 @@ void RaiseDescriptorLimit() {
 }
 
 // TLS 1.2 and later only, no renegotiation (a client could make the server repeat handshakes at will).
-// Throws Ny::Exception 0 when the certificate or key cannot be used.
+// Throws Ny::Exception InvalidValue when the certificate or key cannot be used: a setting that starting
+// again cannot mend, unlike a port in use.
 net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
     if (options.tlsCertFile.empty() || options.tlsKeyFile.empty()) {
-        throw NY_EXCEPTION(0, "HTTPS needs both a certificate file and a key file.");
+        throw NY_EXCEPTION(Ny::Status::InvalidValue, "HTTPS needs both a certificate file and a key file.");
     }
     net::ssl::context context(net::ssl::context::tls_server);
     context.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
@@ -306,9 +308,9 @@ net::ssl::context MakeTlsContext(const HttpServerOptions& options) {
         context.use_certificate_chain_file(options.tlsCertFile);
         context.use_private_key_file(options.tlsKeyFile, net::ssl::context::pem);
     } catch (const std::exception& e) {
-        std::throw_with_nested(NY_EXCEPTION(0, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
-                                            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(),
-                                            e.what()));
+        std::throw_with_nested(NY_EXCEPTION(
+            Ny::Status::InvalidValue, "The TLS certificate %1$s or key %2$s cannot be used: %3$s",
+            options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(), e.what()));
     }
     return context;
 }
@@ -331,6 +333,9 @@ const beast::error_category& HttpErrors() {
 struct Job {
     std::function<void()> run;
     std::function<void()> cancel;
+    // A health or watchdog probe: queued beyond the cap and not counted against it. There is at most one
+    // (see PoolProbe), and refusing it for a full queue would call a pool that is busy serving held.
+    bool probe = false;
 };
 
 // The threads that run handlers. Submit never blocks: a full queue is refused and the caller answers 503.
@@ -346,14 +351,16 @@ class WorkerPool {
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // False when the queue is full or the pool is stopping. Thread-safe.
+    // False when the queue is full (of requests; a probe is always taken) or the pool is stopping.
+    // Thread-safe.
     bool Submit(Job job) NY_EXCLUDES(mutex) {
         std::list<std::thread> ended;
         {
             Ny::MutexLock guard(mutex);
-            if (stopping || queue.size() >= maxQueued) {
+            if (stopping || (!job.probe && requestsQueued >= maxQueued)) {
                 return false;
             }
+            requestsQueued += job.probe ? 0 : 1;
             queue.push_back(std::move(job));
             ended.swap(finished);
             // An idle worker counts as taken by each job queued before this one: a new one starts when
@@ -379,6 +386,7 @@ class WorkerPool {
             Ny::MutexLock guard(mutex);
             stopping = true;
             dropped.swap(queue);
+            requestsQueued = 0;
         }
         wake.NotifyAll();
         for (auto& job : dropped) {  // outside the lock: a cancel hands a reply to a connection
@@ -421,6 +429,7 @@ class WorkerPool {
             }
             Job job = std::move(queue.front());
             queue.pop_front();
+            requestsQueued -= job.probe ? 0 : 1;
             guard.Unlock();
             job.run();  // catches its own exceptions
             job = {};   // what the job holds goes before the lock is taken again
@@ -431,6 +440,7 @@ class WorkerPool {
     Ny::Mutex mutex;  // innermost: only thread creation runs under it
     Ny::CondVar wake;
     std::deque<Job> queue NY_GUARDED_BY(mutex);
+    std::size_t requestsQueued NY_GUARDED_BY(mutex) = 0;  // the jobs of `queue` that are no probe
     bool stopping NY_GUARDED_BY(mutex) = false;
     std::size_t idle NY_GUARDED_BY(mutex) = 0;             // workers waiting for a job
     std::list<std::thread> running NY_GUARDED_BY(mutex);   // workers started and not retired
@@ -442,7 +452,9 @@ class WorkerPool {
 
 // Whether the worker pool takes a job within a bound, for health checks and the watchdog. One probe job
 // at a time waits in the pool's queue, shared by everyone asking meanwhile: asking while the workers are
-// held then adds nothing to the queue that requests need, however often a monitor asks. Owned by the
+// held then adds nothing to the queue that requests need, however often a monitor asks. The probe is
+// queued even when requests fill the queue: it then runs once those ahead of it are served, so a busy
+// pool answers and only a held one does not. Owned by the
 // server's state, which keeps it alive while the pool runs its jobs (the pool is stopped first).
 class PoolProbe {
   public:
@@ -472,7 +484,7 @@ class PoolProbe {
             refused(false);
             return;
         }
-        if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }})) {
+        if (submit && !pool.Submit(Job{[this] { Finish(true); }, [this] { Finish(false); }, true})) {
             Finish(false);
         }
     }
@@ -644,7 +656,7 @@ struct HttpServer::Impl {
     // The watchdog's tick: pings when the probe asked at the tick before has run, then asks again.
     void Watch();  // watchdog timer's strand
     // Reports an answered request to `onRequestDone`, if any. On an I/O thread.
-    void ReportOutcome(std::string_view method, int status, Clock::duration duration) const;
+    void ReportOutcome(const RequestOutcome& outcome) const;
     // Registers a new connection so that Stop() can close it; false once Stop() has begun.
     bool Track(const std::shared_ptr<Connection>& session) NY_EXCLUDES(sessionsMutex);
     // Moves `stream` into a new event client, unless the cap is reached or Stop() has begun (null then,
@@ -823,8 +835,11 @@ class EventSession final : public EventClient {
         if (closed) {
             return;
         }
-        NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.",
-               remote.c_str(), server.options.eventClientQueueBytes);
+        // A client that opens streams and never reads causes these: held to the budget of such lines.
+        if (const auto held = server.clientLines.Take()) {
+            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s dropped: more than %2$zu bytes behind.%3$s",
+                   remote.c_str(), server.options.eventClientQueueBytes, HeldBack(*held).c_str());
+        }
         server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
         Close();
     }
@@ -918,9 +933,13 @@ class EventSession final : public EventClient {
             }
             const auto now = Clock::now();
             if (!self->queue.empty() && now - self->writeStarted >= self->server.options.readTimeout) {
-                NY_LOG(Ny::Logging::Level::Notice,
-                       "Event client %1$s dropped: it took no data for %2$lld ms.", self->remote.c_str(),
-                       static_cast<long long>(self->server.options.readTimeout.count()));
+                if (const auto held = self->server.clientLines.Take()) {
+                    NY_LOG(Ny::Logging::Level::Notice,
+                           "Event client %1$s dropped: it took no data for %2$lld ms.%3$s",
+                           self->remote.c_str(),
+                           static_cast<long long>(self->server.options.readTimeout.count()),
+                           HeldBack(*held).c_str());
+                }
                 self->server.eventClientsDropped.fetch_add(1, std::memory_order_relaxed);
                 self->Close();
                 return;
@@ -1225,8 +1244,10 @@ class Session final : public Connection {
         auto run = [self, request] {
             HttpResponse response = self->server.CallHandler(*request);
             ApplyConditionalRead(*request, response);  // on the worker: hashing a body may take a while
-            net::post(self->executor,
-                      [self, response = std::move(response)]() mutable { self->Write(std::move(response)); });
+            net::post(self->executor, [self, response = std::move(response)]() mutable {
+                self->outcomeHandled = true;
+                self->Write(std::move(response));
+            });
         };
         if (server.CallMayWait(*request)) {
             if (!server.waiting.Start(run)) {
@@ -1253,6 +1274,7 @@ class Session final : public Connection {
             response = server.CallHandler(request);
             ApplyConditionalRead(request, response);
         }
+        outcomeHandled = true;
         Write(std::move(response));
     }
 
@@ -1261,8 +1283,11 @@ class Session final : public Connection {
             Write(ShuttingDownReply());
             return;
         }
-        NY_LOG(Ny::Logging::Level::Notice, "Request of %1$s refused: %2$zu %3$s.", remote.c_str(), limit,
-               what);
+        // A client can cause this line as fast as it can send: held to the budget of such lines.
+        if (const auto held = server.clientLines.Take()) {
+            NY_LOG(Ny::Logging::Level::Notice, "Request of %1$s refused: %2$zu %3$s.%4$s", remote.c_str(),
+                   limit, what, HeldBack(*held).c_str());
+        }
         HttpResponse busyReply = JsonErrorReply(503, "The server is busy; try again.");
         busyReply.headers.emplace_back("Retry-After", "1");
         Write(std::move(busyReply));
@@ -1271,8 +1296,10 @@ class Session final : public Connection {
     void OpenEventStream(const std::optional<std::string>& lastEventId) {
         auto events = server.AddEventClient(stream, remote, ticket, lastEventId);
         if (!events) {
-            NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.",
-                   remote.c_str(), server.options.maxEventClients);
+            if (const auto held = server.clientLines.Take()) {
+                NY_LOG(Ny::Logging::Level::Notice, "Event client %1$s refused: %2$zu streams are open.%3$s",
+                       remote.c_str(), server.options.maxEventClients, HeldBack(*held).c_str());
+            }
             Refuse(503, "Too many event-stream clients.");
             return;
         }
@@ -1393,7 +1420,10 @@ class Session final : public Connection {
     void BeginOutcome() {
         outcomePending = true;
         outcomeStart = Clock::now();
+        outcomeHandled = false;
         outcomeMethod = parser ? std::string(View(parser->get().method_string())) : std::string();
+        outcomeTarget =
+            parser && parser->is_header_done() ? std::string(View(parser->get().target())) : std::string();
     }
 
     void ReportOutcome(int status) {
@@ -1401,7 +1431,8 @@ class Session final : public Connection {
             return;
         }
         outcomePending = false;
-        server.ReportOutcome(outcomeMethod, status, Clock::now() - outcomeStart);
+        server.ReportOutcome(RequestOutcome{outcomeMethod, outcomeTarget, status, Clock::now() - outcomeStart,
+                                            outcomeHandled});
     }
 
     bool IsHealthRequest(const HttpRequest& request) const {
@@ -1548,6 +1579,8 @@ class Session final : public Connection {
     bool outcomePending = false;              // the request being answered is not yet reported
     Clock::time_point outcomeStart;           // its header was read then
     std::string outcomeMethod;                // as the client sent it
+    std::string outcomeTarget;                // likewise; empty when the header was not whole
+    bool outcomeHandled = false;              // its reply came from the handler
     net::steady_timer healthTimer{executor};  // the bound of a health check
     std::uint64_t healthCheck = 0;            // numbers the checks, so that a late probe is told apart
     bool healthAnswered = true;               // the current check has its reply
@@ -1625,9 +1658,18 @@ void HttpServer::Impl::PauseAccepting(Listener& listener, beast::error_code ec) 
 
 void HttpServer::Impl::Listen() {
     if (options.listenFds.empty()) {
+        // An address that is no IP address is a setting to correct (InvalidValue); failing to bind one,
+        // e.g. a port still in use, may pass (0).
+        beast::error_code addressError;
+        const auto ip = net::ip::make_address(options.address, addressError);
+        if (addressError) {
+            throw NY_EXCEPTION(Ny::Status::InvalidValue,
+                               "Cannot listen on %1$s: it is not an IP address (%2$s).",
+                               options.address.c_str(), addressError.message().c_str());
+        }
         auto& listener = listeners.emplace_back(acceptStrand);
         try {
-            const tcp::endpoint endpoint(net::ip::make_address(options.address), options.port);
+            const tcp::endpoint endpoint(ip, options.port);
             listener.acceptor.open(endpoint.protocol());
             listener.acceptor.set_option(net::socket_base::reuse_address(true));
             listener.acceptor.bind(endpoint);
@@ -1673,7 +1715,9 @@ void HttpServer::Impl::Adopt(int fd) {
     const bool named = ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0;
     if (!stream || !accepting || !named || (address.ss_family != AF_INET && address.ss_family != AF_INET6)) {
         ::close(fd);
-        throw NY_EXCEPTION(0, "Descriptor %d handed over to listen on is not a listening TCP socket.", fd);
+        // The socket unit's setting, not a passing state.
+        throw NY_EXCEPTION(Ny::Status::InvalidValue,
+                           "Descriptor %d handed over to listen on is not a listening TCP socket.", fd);
     }
     auto& listener = listeners.emplace_back(acceptStrand);
     beast::error_code ec;
@@ -1715,12 +1759,12 @@ void HttpServer::Impl::Watch() {
     });
 }
 
-void HttpServer::Impl::ReportOutcome(std::string_view method, int status, Clock::duration duration) const {
+void HttpServer::Impl::ReportOutcome(const RequestOutcome& outcome) const {
     if (!options.onRequestDone) {
         return;
     }
     try {
-        options.onRequestDone(RequestOutcome{method, status, duration});
+        options.onRequestDone(outcome);
     } catch (const std::exception& e) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Reporting a request failed: %s", e.what());
     } catch (...) {

@@ -116,8 +116,12 @@ HttpResponse JsonErrorReply(int status, const std::string& message);
 // or writing it failed. An event stream is reported when it opens (status 200).
 struct RequestOutcome {
     std::string_view method;  // as the client sent it: any token; bucket it before using it as a label
+    std::string_view target;  // as sent (path and query); empty when refused before its header was whole
     int status;
     std::chrono::steady_clock::duration duration;  // from the request's header read to its reply written
+    // The reply is the handler's. False for every reply the handler never saw: the filter's, health's,
+    // and the transport's own (busy, shutting down, malformed or too large).
+    bool handled;
 };
 
 struct HttpServerOptions {

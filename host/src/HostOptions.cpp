@@ -215,12 +215,24 @@ std::filesystem::path Normalized(const std::filesystem::path& path) {
 // kEnvironmentOptions can come from there, so a variable cannot switch on anything the table omits.
 bool ReadEnvironment(HostOptions& options, std::string& error) {
     std::vector<std::string> args{"routine-host"};
-    std::vector<const char*> variables;
+    std::vector<const char*> variables;  // the variable of each option/value pair in `args`
     for (const auto& entry : kEnvironmentOptions) {
         const char* value = std::getenv(entry.variable);
-        if (value != nullptr && *value != '\0') {
+        if (value == nullptr || *value == '\0') {
+            continue;
+        }
+        std::vector<std::string> values;
+        if (entry.list) {
+            std::istringstream words(value);
+            for (std::string word; words >> word;) {
+                values.push_back(word);
+            }
+        } else {
+            values.emplace_back(value);
+        }
+        for (auto& each : values) {
             args.emplace_back(entry.option);
-            args.emplace_back(value);
+            args.push_back(std::move(each));
             variables.push_back(entry.variable);
         }
     }
@@ -244,7 +256,7 @@ bool ReadEnvironment(HostOptions& options, std::string& error) {
 
 }  // namespace
 
-const EnvironmentOption kEnvironmentOptions[8] = {
+const EnvironmentOption kEnvironmentOptions[9] = {
     {"ROUTINE_HOST_LISTEN", "--listen"},
     {"ROUTINE_HOST_PLUGINS", "--plugins"},
     {"ROUTINE_HOST_WEB", "--web"},
@@ -253,6 +265,8 @@ const EnvironmentOption kEnvironmentOptions[8] = {
     {"ROUTINE_HOST_TLS_KEY", "--tls-key"},
     {"ROUTINE_HOST_LOG_LEVEL", "--log-level"},
     {"ROUTINE_HOST_LOG_FORMAT", "--log-format"},
+    // The names clients reach a host on the network by: without them every request by name is refused.
+    {"ROUTINE_HOST_ALLOW_HOSTS", "--allow-host", true},
 };
 
 DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout) {
@@ -303,6 +317,8 @@ std::string Usage(const DefaultPaths& defaults) {
            "--tls-cert,\n"
            "                           --tls-key, --log-level and --log-format (empty: unset); the command\n"
            "                           line wins\n"
+           "  ROUTINE_HOST_ALLOW_HOSTS names separated by blanks, each an --allow-host (the command line's\n"
+           "                           add to them)\n"
            "  NYR_TOKEN                the token, when no token file is given\n\n"
            "Signals: SIGHUP rescans the plug-in folder; SIGINT and SIGTERM shut down cleanly.\n";
 }

@@ -62,12 +62,14 @@ struct DefaultPaths {
 DefaultPaths ResolveDefaultPaths(const std::filesystem::path& executableDir, const PathLayout& layout);
 
 // The environment variables that give an option's default (a service's settings file sets them); an
-// empty variable counts as unset, and the command line wins over each.
+// empty variable counts as unset, and the command line wins over each. A list variable holds names
+// separated by blanks, each given as one repeatable option, to which the command line's add.
 struct EnvironmentOption {
     const char* variable;  // e.g. "ROUTINE_HOST_LISTEN"
     const char* option;    // e.g. "--listen"
+    bool list = false;
 };
-extern const EnvironmentOption kEnvironmentOptions[8];
+extern const EnvironmentOption kEnvironmentOptions[9];
 
 // Parses the environment (kEnvironmentOptions, NYR_TOKEN) and argv. Returns the options, or an error
 // text for the user.

@@ -13,6 +13,7 @@
 #include "HostReplies.h"
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Status.h"
 
 namespace NyHost {
 
@@ -52,7 +53,8 @@ std::string BoundAddress(int fd) {
 
 // A socket handed over is held to the same rule as --listen: reachable from other machines only with TLS
 // and a token. Its real address counts, not the options', so that a socket unit listening on every
-// address cannot bypass the rule. Throws Ny::Exception 0 naming what is missing.
+// address cannot bypass the rule. Throws Ny::Exception InvalidValue (a setting to correct) naming what
+// is missing.
 void CheckHandedOverExposure(const HostOptions& options, const std::vector<int>& fds) {
     const bool tls = !options.tlsCertFile.empty();
     const bool token = !options.token.empty();
@@ -63,7 +65,7 @@ void CheckHandedOverExposure(const HostOptions& options, const std::vector<int>&
         const std::string address = BoundAddress(fd);
         if (!IsLoopback(address)) {
             throw NY_EXCEPTION(
-                0,
+                Ny::Status::InvalidValue,
                 "The socket handed over on %1$s needs TLS (--tls-cert and --tls-key) and a token "
                 "(--token-file or NYR_TOKEN); missing: %2$s (--insecure-remote serves without "
                 "them).",
@@ -137,6 +139,13 @@ void HostService::Start(ServiceBinding binding) {
     // On an I/O thread for every reply: lock-free counting only. The metrics outlive the server.
     serverOptions.onRequestDone = [this](const RequestOutcome& outcome) {
         metrics.CountRequest(outcome.method, outcome.status, outcome.duration);
+        // A creation the transport turned away before the handler saw it (every waiting thread taken,
+        // the worker queue full, or the server stopping) is refused as surely as one the engine refuses.
+        // The filter's refusals (token, Host, Origin) are no creation asked for and stay uncounted.
+        if (!outcome.handled && outcome.status == 503 &&
+            IsCreation(outcome.method, std::string(outcome.target))) {
+            metrics.CountRefusal(stopping.load() ? RefusalCause::ShuttingDown : RefusalCause::Busy);
+        }
     };
     // The transport answers "/health" (its default) itself, before the policy: see the class comment.
     // The policy asks the server for the bound port; the server is set before it can take a request.
@@ -213,6 +222,11 @@ bool HostService::RunsInline(const HttpRequest& request) {
     return request.method == "GET" && !StaticFiles::Handles(RequestPath(request));
 }
 
+bool HostService::IsCreation(std::string_view method, const std::string& target) {
+    return method == "POST" &&
+           NyRest::ResourceRouter::PathSegments(target) == std::vector<std::string>{"routines"};
+}
+
 HttpResponse HostService::Handle(const HttpRequest& request) {
     HttpResponse response;
     try {
@@ -243,8 +257,7 @@ HttpResponse HostService::Serve(const HttpRequest& request) {
         return ServeMetrics(request);
     }
     const CountedDispatch counted(requestsInProgress);
-    const bool creation = request.method == "POST" && NyRest::ResourceRouter::PathSegments(request.target) ==
-                                                          std::vector<std::string>{"routines"};
+    const bool creation = IsCreation(request.method, request.target);
     if (stopping.load()) {
         if (creation) {
             metrics.CountRefusal(RefusalCause::ShuttingDown);

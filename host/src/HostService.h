@@ -35,6 +35,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ApiDescription.h"
@@ -97,6 +98,8 @@ class HostService {
     static bool MayWait(const HttpRequest& request);
     // True for the reads that run on the I/O thread; see the class comment.
     static bool RunsInline(const HttpRequest& request);
+    // "POST /routines", however the path is spelled.
+    static bool IsCreation(std::string_view method, const std::string& target);
     void ReleaseRequestsInProgress() NY_REQUIRES(lifecycleMutex);
     // `what` leads the summary line: "Plug-ins loaded from" at start, "Plug-in rescan of" on SIGHUP.
     void LogPluginScan(const char* what, const NyPlugin::RescanSummary& summary) const;

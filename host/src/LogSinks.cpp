@@ -136,6 +136,18 @@ std::string FormatLogLine(LogForm form, const Ny::Logging::LogRecord& record,
     return line;
 }
 
+std::string ProcessLine(LogForm form, std::uint64_t levelWord, const std::string& text,
+                        std::chrono::system_clock::time_point time) {
+    if (form == LogForm::Text) {
+        return text + "\n";
+    }
+    Ny::Logging::LogRecord record;
+    record.levelWord = levelWord;
+    record.context = "main";
+    record.text = text;
+    return FormatLogLine(form, record, time);
+}
+
 void InstallLogSinks(const std::string& level, const std::string& format) {
     // Guards stderr, one line at a time; taken by the log sinks only, with no other lock held.
     static Ny::Mutex stderrMutex;

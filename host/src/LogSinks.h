@@ -47,4 +47,10 @@ int SyslogPriority(std::uint64_t levelWord);
 std::string FormatLogLine(LogForm form, const Ny::Logging::LogRecord& record,
                           std::chrono::system_clock::time_point time);
 
+// A line the process writes itself, beside the log and whatever its level (a warning about the options,
+// a failed start, where it listens): `text` as it is for a person at a terminal (Text), else a log line
+// of `levelWord` in `form`, so that a stream the journal or a shipper reads holds nothing but log lines.
+std::string ProcessLine(LogForm form, std::uint64_t levelWord, const std::string& text,
+                        std::chrono::system_clock::time_point time);
+
 }  // namespace NyHost

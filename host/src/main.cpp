@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
@@ -12,10 +14,18 @@
 #include "HostOptions.h"
 #include "HostService.h"
 #include "LogSinks.h"
+#include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
+#include "NyApi/Status.h"
 #include "ServiceManager.h"
 
 namespace {
+
+// Exit statuses the service unit tells apart: a refused setting (a bad option or variable, an unusable
+// TLS file, a socket handed over that may not be served) is not retried, since starting again cannot
+// mend it; any other failure to start (a port still in use) may pass, and is.
+constexpr int kExitRefusedSetting = 2;
+constexpr int kExitFailed = 1;
 
 std::filesystem::path ExecutableDir() {
     std::error_code error;
@@ -38,7 +48,7 @@ int main(int argc, char** argv) {
     const NyHost::DefaultPaths defaults = DefaultPaths();
     if (!options) {
         std::cerr << "routine-host: " << error << "\n\n" << NyHost::Usage(defaults);
-        return 2;
+        return kExitRefusedSetting;
     }
     if (options->help) {
         std::cout << NyHost::Usage(defaults);
@@ -58,8 +68,22 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    // What main writes itself goes to the log's streams in the log's form (see ProcessLine). stdout is
+    // read by a person or a parent waiting for the port, so it keeps its plain line unless the journal
+    // reads it.
+    const char* journalStream = std::getenv("JOURNAL_STREAM");
+    const NyHost::LogForm stderrForm =
+        NyHost::ChooseLogForm(options->logFormat, journalStream, fileno(stderr));
+    const NyHost::LogForm stdoutForm =
+        NyHost::IsJournalStream(journalStream, fileno(stdout))
+            ? NyHost::ChooseLogForm(options->logFormat, journalStream, fileno(stdout))
+            : NyHost::LogForm::Text;
+    const auto say = [](std::ostream& stream, NyHost::LogForm form, std::uint64_t levelWord,
+                        const std::string& text) {
+        stream << NyHost::ProcessLine(form, levelWord, text, std::chrono::system_clock::now()) << std::flush;
+    };
     for (const auto& warning : options->warnings) {
-        std::cerr << "routine-host: warning: " << warning << "\n";
+        say(std::cerr, stderrForm, Ny::Logging::Level::Notice, "routine-host: warning: " + warning);
     }
     NyHost::InstallLogSinks(options->logLevel, options->logFormat);
     const std::filesystem::path pluginDir =
@@ -88,8 +112,9 @@ int main(int argc, char** argv) {
     try {
         service.Start(std::move(binding));
     } catch (const std::exception& e) {
-        std::cerr << "routine-host: cannot start: " << e.what() << "\n";
-        return 1;
+        say(std::cerr, stderrForm, Ny::Logging::Level::CaughtFailure,
+            std::string("routine-host: cannot start: ") + e.what());
+        return Ny::StatusOf(e) == Ny::Status::InvalidValue ? kExitRefusedSetting : kExitFailed;
     }
     const std::string address = service.Address();
     const bool ipv6 = address.find(':') != std::string::npos;
@@ -97,7 +122,7 @@ int main(int argc, char** argv) {
     const std::string listening = std::string("listening on ") + scheme + "://" +
                                   (ipv6 ? "[" + address + "]" : address) + ":" +
                                   std::to_string(service.Port());
-    std::cout << listening << std::endl;
+    say(std::cout, stdoutForm, Ny::Logging::Level::Notice, listening);
     // Ready once clients can connect: the listening socket accepts from here on.
     serviceManager.Ready(listening);
 

@@ -1,10 +1,13 @@
 // A test plug-in with one routine type, "HoldsAbort", whose completion callback blocks until a file
 // exists: an abort runs that callback on the thread of the request that asked for it, so a test can hold
 // that thread as long as it likes and let it go by creating the file. The file is named by the host's
-// environment variable NYR_TEST_GATE; without it, or after 60 s, the callback returns at once.
+// environment variable NYR_TEST_GATE; without it, or after 60 s, the callback returns at once. Once the
+// routine's code has put the callback in place it creates "<gate>.running".
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include <sys/stat.h>
@@ -42,6 +45,10 @@ class HoldsAbort : public NyRoutine::IRoutine {
         host.SetCompletionFx([](IRoutineHost&, bool) { WaitForGate(); });
         host.SetTotalSteps(1);
         host.SetCurrentStep(1, "Waiting for its abort");
+        // Also "<gate>.running", for tests that watch the gate rather than the routine.
+        if (const char* gate = std::getenv("NYR_TEST_GATE"); gate != nullptr) {
+            std::ofstream(std::string(gate) + ".running") << "running\n";
+        }
     }
     void FreeResults(const Ny::Properties::Structure*) override {}
 };

@@ -116,4 +116,25 @@ TEST(HostOptions, TheEnvironmentCannotSwitchOnWhatItsTableOmits) {
     EXPECT_FALSE(options->insecureRemote);
 }
 
+// A host on the network is reached by names the settings file must be able to give, or every request
+// by name is refused: one variable, its names separated by blanks, each an allowed host.
+TEST(HostOptions, AllowedHostsComeFromTheEnvironmentOneNameEach) {
+    {
+        const Environment environment{
+            {"ROUTINE_HOST_ALLOW_HOSTS", " device.example  192.0.2.10\t[2001:db8::1]:8443 "}};
+        std::string error;
+        const auto options = Parse({"--allow-host", "other.example"}, error);
+        ASSERT_TRUE(options) << error;
+        EXPECT_EQ(options->allowHosts, (std::vector<std::string>{"device.example", "192.0.2.10",
+                                                                 "[2001:db8::1]:8443", "other.example"}));
+    }
+    {
+        const Environment environment{{"ROUTINE_HOST_ALLOW_HOSTS", "   "}};
+        std::string error;
+        const auto options = Parse({}, error);
+        ASSERT_TRUE(options) << error;
+        EXPECT_TRUE(options->allowHosts.empty());
+    }
+}
+
 }  // namespace

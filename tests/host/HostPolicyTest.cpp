@@ -3,6 +3,9 @@
 // numbers outside their domain, and options that would expose the port unprotected.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -249,6 +252,42 @@ TEST(HostPolicy, OptionsThatWouldExposeThePortAreRefusedAtStart) {
         EXPECT_NE(exit.output.find(c.says), std::string::npos) << exit.output;
     }
     std::remove(tokenFile.c_str());
+}
+
+// A setting found unusable only while starting exits with the same status as a refused option (2),
+// which the service unit does not retry; a failure that may pass, such as a port still in use, exits 1
+// and is retried.
+TEST(HostPolicy, SettingsFoundUnusableAtStartAreRefusedAndAPortInUseIsNot) {
+    const std::string notPem = TemporaryFileWith("not a certificate\n");
+    struct Case {
+        std::vector<std::string> arguments;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{"--tls-cert", "/nonexistent/cert.pem", "--tls-key", "/nonexistent/key.pem"},
+         "/nonexistent/cert.pem"},
+        {{"--tls-cert", notPem, "--tls-key", notPem}, notPem.c_str()},
+        {{"--listen", "localhost:0"}, "not an IP address"},
+    };
+    for (const Case& c : cases) {
+        const auto exit = RunHostToExit(c.arguments);
+        EXPECT_EQ(exit.status, 2) << c.arguments[1] << "\n" << exit.output;
+        EXPECT_NE(exit.output.find(c.says), std::string::npos) << exit.output;
+    }
+    std::remove(notPem.c_str());
+
+    const int taken = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(taken, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(taken, 1), 0);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const auto inUse = RunHostToExit({"--listen", "127.0.0.1:" + std::to_string(ntohs(address.sin_port))});
+    ::close(taken);
+    EXPECT_EQ(inUse.status, 1) << inUse.output;
+    EXPECT_NE(inUse.output.find("cannot start: Listening on 127.0.0.1:"), std::string::npos) << inUse.output;
 }
 
 }  // namespace

@@ -180,6 +180,44 @@ TEST(HostLogs, JsonLinesOfARealHostParseAndNameTheFailingRoutine) {
     std::filesystem::remove_all(folder);
 }
 
+// The lines main writes itself (a warning about the options, a failed start, where it listens) reach the
+// same stream as the log: in the json and journal forms they must be JSON objects and carry their
+// priority too, or a shipper reading the stream stops at them and `journalctl -p err` misses the failure.
+TEST(HostLogs, LinesTheHostWritesBesideTheLogTakeTheLogsForm) {
+    const auto failed = NyTest::RunHostToExit({"--log-format", "json", "--log-level", "info", "--token",
+                                               "0123456789abcdef-token", "--tls-cert", "/nonexistent/c.pem",
+                                               "--tls-key", "/nonexistent/k.pem"});
+    EXPECT_EQ(failed.status, 2);
+    std::istringstream lines(failed.output);
+    bool sawWarning = false;
+    bool sawFailure = false;
+    for (std::string line; std::getline(lines, line);) {
+        json parsed;
+        ASSERT_NO_THROW(parsed = json::parse(line)) << line;
+        const std::string message = parsed["message"].get<std::string>();
+        if (message.find("visible to local users") != std::string::npos) {
+            EXPECT_EQ(parsed["level"], "notice") << line;
+            sawWarning = true;
+        }
+        if (message.find("cannot start: ") != std::string::npos) {
+            EXPECT_EQ(parsed["level"], "error") << line;
+            EXPECT_NE(message.find("/nonexistent/c.pem"), std::string::npos) << line;
+            sawFailure = true;
+        }
+    }
+    EXPECT_TRUE(sawWarning) << failed.output;
+    EXPECT_TRUE(sawFailure) << failed.output;
+
+    // In the journal form: with its priority, on one line whatever the cause's text holds.
+    const auto journal =
+        NyHost::ProcessLine(LogForm::Journal, Level::CaughtFailure, "cannot start: a\n<6>forged", kTime);
+    EXPECT_EQ(journal.rfind("<3>", 0), 0u) << journal;
+    EXPECT_EQ(journal.find('\n'), journal.size() - 1) << journal;
+    // For a person at a terminal, the plain text as before.
+    EXPECT_EQ(NyHost::ProcessLine(LogForm::Text, Level::Notice, "listening on http://127.0.0.1:1", kTime),
+              "listening on http://127.0.0.1:1\n");
+}
+
 TEST(HostLogs, StderrRedirectedAwayFromTheJournalKeepsItsTimestamps) {
     // The variable names a stream that is not the host's stderr (a file here): as when a service's
     // command redirects its output, the journal form would lose the time.

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -216,6 +217,61 @@ void RunToState(HostProcess& host, const std::string& type, int state, const std
     }
     ASSERT_TRUE(Eventually([&] { return host.RoutineState(id) == state; })) << id;
     EXPECT_EQ(host.Request("DELETE", "/routines/" + id).status, 204);
+}
+
+// A file whose existence lets the holding plug-in's abort return (see HoldingPlugin.cpp).
+class Gate {
+  public:
+    Gate() {
+        char pattern[] = "/tmp/nyr-gate-XXXXXX";
+        dir = mkdtemp(pattern);
+    }
+    ~Gate() { std::filesystem::remove_all(dir); }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    std::string Variable() const { return "NYR_TEST_GATE=" + (dir / "open").string(); }
+    // The routine's code runs and its abort will hold.
+    bool Running() const { return std::filesystem::exists(dir / "open.running"); }
+    void Open() const {
+        std::FILE* file = std::fopen((dir / "open").c_str(), "w");
+        std::fclose(file);
+    }
+
+  private:
+    std::filesystem::path dir;
+};
+
+// Every thread for waiting requests held by factory restores that wait for an abort the plug-in holds:
+// the transport turns the next creation away before the handler sees it, and it counts as refused.
+TEST(HostMetrics, CreationsTheTransportTurnsAwayAreCountedAsRefused) {
+    constexpr int kWaitingThreads = 32;  // the host's bound on requests that wait
+    const Gate gate;
+    HostProcess host({"--plugins", NYR_HOLDING_PLUGIN_DIR}, {gate.Variable()});
+    ASSERT_EQ(host.Request("POST", "/routines", json{{"type", "HoldsAbort"}}).status, 201) << host.Log();
+    ASSERT_TRUE(Eventually([&] { return gate.Running(); }, std::chrono::seconds(20))) << host.Log();
+    std::vector<std::unique_ptr<NyTest::HttpConnection>> restores;
+    for (int i = 0; i < kWaitingThreads; ++i) {
+        restores.push_back(std::make_unique<NyTest::HttpConnection>(host.Port(), std::chrono::seconds(60)));
+        ASSERT_TRUE(restores.back()->SendRaw("POST /system/commands/factoryRestore HTTP/1.1\r\n" +
+                                             host.HostHeader() + "\r\nContent-Length: 0\r\n\r\n"));
+    }
+    // Until they all wait, an unknown type is the engine's refusal; then the transport's.
+    int transportRefusals = 0;
+    ASSERT_TRUE(Eventually(
+        [&] {
+            const auto reply = host.Request("POST", "/routines", json{{"type", "NoSuchType"}});
+            transportRefusals += reply.status == 503 ? 1 : 0;
+            return reply.status == 503;
+        },
+        std::chrono::seconds(30)))
+        << host.Log();
+    const auto samples = Samples(host.Request("GET", "/metrics").body);
+    EXPECT_EQ(samples.at(R"(routine_host_routine_creations_refused_total{cause="busy"})"), transportRefusals);
+
+    gate.Open();
+    for (auto& restore : restores) {
+        EXPECT_EQ(restore->ReadReply().status, 200);
+    }
 }
 
 TEST(HostMetrics, RoutinesRefusalsAndPluginsAreCountedAsTheyHappen) {

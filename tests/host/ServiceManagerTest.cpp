@@ -154,12 +154,15 @@ class Gate {
     }
     ~Gate() {
         ::unlink(path.c_str());
+        ::unlink((path + ".running").c_str());
         ::rmdir(dir.c_str());
     }
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
     std::string Variable() const { return "NYR_TEST_GATE=" + path; }
     void Open() const { std::ofstream(path) << "open\n"; }
+    // The routine's code runs and its abort will hold (see HoldingPlugin.cpp).
+    bool Running() const { return ::access((path + ".running").c_str(), F_OK) == 0; }
 
   private:
     std::string dir;
@@ -363,11 +366,24 @@ TEST(ServiceManager, ServesTheSocketItIsHandedAndHoldsAWildcardOneToTheExposureR
         ASSERT_GE(fd, 0);
         ActivatedHost host(fd, {"--token", "0123456789abcdef0123"});
         EXPECT_EQ(host.firstLine, "");
-        EXPECT_EQ(host.ExitStatus(30s), 1);
+        // A refused setting: the unit does not restart it on every connection the socket takes.
+        EXPECT_EQ(host.ExitStatus(30s), 2);
         const std::string log = host.Log();
         EXPECT_NE(log.find("cannot start: The socket handed over on 0.0.0.0 needs TLS"), std::string::npos)
             << log;
         EXPECT_NE(log.find("missing: TLS "), std::string::npos) << log;
+    }
+    {
+        // A datagram socket on loopback passes the exposure rule but cannot be served: refused as well.
+        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in bound{};
+        bound.sin_family = AF_INET;
+        bound.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound), 0);
+        ActivatedHost host(fd, {});
+        EXPECT_EQ(host.firstLine, "");
+        EXPECT_EQ(host.ExitStatus(30s), 2);
+        EXPECT_NE(host.Log().find("not a listening TCP socket"), std::string::npos) << host.Log();
     }
 }
 

@@ -424,6 +424,42 @@ TEST_F(HttpServerHooksTest, HealthFollowsTheWorkerPoolAndPassesTheFilter) {
     EXPECT_TRUE(NyTest::Eventually([&] { return StatusOf(port, Request("GET", "/health")) == 200; }));
 }
 
+// A full queue is a busy pool, not a held one: a probe asked then waits its turn behind the queued
+// requests instead of being refused, so health says 200 once they are served, within its bound. (A
+// refused probe also costs the watchdog its ping: a flood of requests could get a busy host killed.)
+TEST_F(HttpServerHooksTest, HealthAskedWhileTheQueueIsFullWaitsItsTurn) {
+    auto options = Options();
+    options.workerThreads = 2;
+    options.maxQueuedRequests = 2;  // room for both holds before a worker takes them
+    options.healthBound = 20s;      // generous: the check must end by its probe, not by its bound
+    StartServer(options);
+    const auto port = server->Port();
+    Client first(port);
+    Client second(port);
+    ASSERT_TRUE(first.Send(Request("GET", "/hold")));
+    ASSERT_TRUE(second.Send(Request("GET", "/hold")));
+    held.wait();
+    Client queued(port);
+    Client queuedToo(port);
+    ASSERT_TRUE(queued.Send(Request("GET", "/queued")));
+    ASSERT_TRUE(queuedToo.Send(Request("GET", "/queued")));
+    // The queue is full once the server has read them: a further request is refused.
+    ASSERT_TRUE(NyTest::Eventually([&] { return StatusOf(port, Request("GET", "/more")) == 503; }));
+    Client health(port);
+    ASSERT_TRUE(health.Send(Request("GET", "/health")));
+    // Answered by the same I/O thread after the health request was read (its probe asked by then).
+    EXPECT_EQ(StatusOf(port, Request("GET", "/more")), 503);
+
+    release.Open();
+    EXPECT_EQ(first.ReadReply()->status, 200);
+    EXPECT_EQ(second.ReadReply()->status, 200);
+    EXPECT_EQ(queued.ReadReply()->status, 200);
+    EXPECT_EQ(queuedToo.ReadReply()->status, 200);
+    const auto reply = health.ReadReply();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, 200);
+}
+
 // A health check under way at the stop is answered at once (503), while the workers are still held: the
 // stop cancels the probe rather than leave the check to its bound.
 TEST_F(HttpServerHooksTest, HealthAskedWhileStoppingIsAnswered) {
