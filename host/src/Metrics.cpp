@@ -1,6 +1,6 @@
 #include "Metrics.h"
 
-#include <cstdio>
+#include <charconv>
 #include <set>
 #include <utility>
 #include <vector>
@@ -37,11 +37,12 @@ std::size_t StatusClassIndex(int status) {
 }
 
 // Prometheus reads a sample value as a Go float; integers are written exactly, others with enough
-// digits to read back the same double.
+// digits to read back the same double, and no more (the shortest such form: 0.000561914, not
+// 0.00056191399999999995).
 std::string Number(double value) {
     char text[32];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
+    const auto result = std::to_chars(text, text + sizeof text, value);
+    return std::string(text, result.ptr);
 }
 
 class Writer {
