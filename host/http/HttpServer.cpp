@@ -1236,8 +1236,11 @@ class Session final : public Connection {
     // for a person or routine code, else to the worker pool.
     void Dispatch(HttpRequest requestIn) {
         if (server.CallRunsInline(requestIn)) {
-            RunInline(requestIn);
-            return;
+            requestIn.onIoThread = true;
+            if (RunInline(requestIn)) {
+                return;
+            }
+            requestIn.onIoThread = false;  // the handler would have waited: a worker runs it again
         }
         auto self = Self();
         auto request = std::make_shared<HttpRequest>(std::move(requestIn));  // std::function copies jobs
@@ -1263,19 +1266,24 @@ class Session final : public Connection {
 
     // On the connection's strand. Stop() waits for it like for a worker's handler; a request that
     // arrives once Stop() has begun is answered 503, as a queued one is.
-    void RunInline(const HttpRequest& request) {
+    // False when the handler asked for a worker instead (`retryOnWorker`): nothing was written then.
+    bool RunInline(const HttpRequest& request) {
         HttpResponse response;
         {
             const InlineScope scope(server);
             if (!scope.Admitted()) {
                 Write(ShuttingDownReply());
-                return;
+                return true;
             }
             response = server.CallHandler(request);
+            if (response.retryOnWorker) {
+                return false;
+            }
             ApplyConditionalRead(request, response);
         }
         outcomeHandled = true;
         Write(std::move(response));
+        return true;
     }
 
     void Busy(std::size_t limit, const char* what) {

@@ -8,13 +8,16 @@
 // checks of a request's framing and the filter; those threads never block for longer than a lock held
 // briefly. A request for which `runsInline` says so (a read that runs no code that can block) is handled
 // right there on the I/O thread, with no hand-off: that is most of the traffic, and a hand-off to another
-// thread and back costs more than such a handler. Every other request runs on a pool of at most
-// `workerThreads` threads, so that a handler that blocks never holds an I/O thread; workers start when
-// requests need them and end after `workerIdleTimeout` without work, so that an idle server keeps none.
-// Requests waiting for a worker sit in a queue of at most `maxQueuedRequests`; beyond it the server answers
-// 503 at once. A request for which `mayWait` says so (one that may wait for another request, e.g. its
-// continue, or for routine code) runs on a thread of its own instead, at most `maxWaitingRequests` at once
-// (beyond, 503), so that it never takes the worker the releasing request needs.
+// thread and back costs more than such a handler. Such a handler sees `HttpRequest::onIoThread`; when it
+// finds it would have to wait (a routine's lock held by plug-in code), it answers with
+// `HttpResponse::retryOnWorker` and the transport runs the request again on a worker, dropping that reply.
+// Every other request runs on a pool of at most `workerThreads` threads, so that a handler that blocks never
+// holds an I/O thread; workers start when requests need them and end after `workerIdleTimeout` without work,
+// so that an idle server keeps none. Requests waiting for a worker sit in a queue of at most
+// `maxQueuedRequests`; beyond it the server answers 503 at once. A request for which `mayWait` says so (one
+// that may wait for another request, e.g. its continue, or for routine code) runs on a thread of its own
+// instead, at most `maxWaitingRequests` at once (beyond, 503), so that it never takes the worker the
+// releasing request needs.
 //
 // Limits, enforced before the filter sees a request's header (a body is read only once the filter has
 // let its header on, and within its limit): at most `maxConnections` connections (beyond,
@@ -88,6 +91,9 @@ struct HttpRequest {
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
     std::string remote;  // "address:port" of the client
+    // True while the handler runs on an I/O thread (see `runsInline`): it must not wait, and may ask for
+    // a worker with `HttpResponse::retryOnWorker` instead.
+    bool onIoThread = false;
 
     // The first header of that name, compared case-insensitively; null when absent.
     const std::string* Header(std::string_view name) const;
@@ -105,6 +111,9 @@ struct HttpResponse {
     // and Connection belong to the transport and are ignored here.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    // From a handler on an I/O thread only: run the request again on a worker and drop this reply (the
+    // request must be one that can run twice, a read). Ignored on other threads.
+    bool retryOnWorker = false;
 };
 
 // An error reply in the one JSON shape clients see for every error:

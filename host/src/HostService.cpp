@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +15,7 @@
 #include "NyApi/Exception.h"
 #include "NyApi/Logging.h"
 #include "NyApi/Status.h"
+#include "NyRuntime/Runtime.h"
 
 namespace NyHost {
 
@@ -228,15 +230,30 @@ bool HostService::IsCreation(std::string_view method, const std::string& target)
 }
 
 HttpResponse HostService::Handle(const HttpRequest& request) {
+    // On an I/O thread a read must not wait for what routine code holds (a routine's lock during its
+    // change callback): every client of that thread would wait with it. Its waits give up after a
+    // moment, and the transport runs the request again on a worker, where it may wait.
+    std::optional<NyRt::BoundedWaits> bounded;
+    if (request.onIoThread) {
+        bounded.emplace(kIoThreadWaitLimitUs);
+    }
     HttpResponse response;
     try {
         response = Serve(request);
     } catch (const std::exception& e) {
-        NY_LOG(Ny::Logging::Level::CaughtFailure, "%1$s %2$s failed: %3$s",
-               ForLog(request.method, 16).c_str(), ForLog(request.target).c_str(), ForLog(e.what()).c_str());
+        if (!bounded || !bounded->GaveUp()) {
+            NY_LOG(Ny::Logging::Level::CaughtFailure, "%1$s %2$s failed: %3$s",
+                   ForLog(request.method, 16).c_str(), ForLog(request.target).c_str(),
+                   ForLog(e.what()).c_str());
+        }
         response = ErrorReply(500, "The request failed.");
     } catch (...) {
         response = ErrorReply(500, "The request failed with an unknown error.");
+    }
+    if (bounded && bounded->GaveUp()) {
+        HttpResponse retry;
+        retry.retryOnWorker = true;
+        return retry;
     }
     try {
         const bool api = !StaticFiles::Handles(RequestPath(request));

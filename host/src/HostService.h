@@ -85,6 +85,9 @@ class HostService {
 
   private:
     static constexpr std::size_t kMaxWaitingRequests = 32;
+    // How long a read on an I/O thread may wait for a lock before it moves to a worker: longer than the
+    // engine's own brief holds, far shorter than anything a client would notice.
+    static constexpr std::uint64_t kIoThreadWaitLimitUs = 2000;
     // Creations that answered 202 and wait on for their continue. The routine limit keeps the ones that
     // really wait to one; the others are refusals that end at once.
     static constexpr std::size_t kMaxAsyncCreations = 8;

@@ -32,6 +32,60 @@ TEST(RuntimeLock, HolderMayEnterAgainAndOthersWaitUntilFullyReleased) {
     EXPECT_TRUE(entered.load());
 }
 
+TEST(RuntimeBoundedWaits, AThreadThatMustNotBlockGivesUpOnEveryEndlessWaitAndSaysSo) {
+    Ny::Object<NyRt::Lock> lock;
+    Ny::Object<NyRt::Semaphore> semaphore;
+    ASSERT_EQ(NyRt::LockCreate(lock.Out()), NyRt::Ok);
+    ASSERT_EQ(NyRt::SemaphoreCreate(semaphore.Out(), 0), NyRt::Ok);
+    std::atomic<bool> release{false};
+    std::atomic<bool> held{false};
+    std::thread holder([&] {
+        EXPECT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+        held = true;
+        while (!release) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    });
+    while (!held) {
+        std::this_thread::yield();
+    }
+    {
+        const NyRt::BoundedWaits bounded(1000);
+        EXPECT_FALSE(bounded.GaveUp());
+        EXPECT_EQ(NyRt::LockEnter(lock.Get()), NyRt::TimedOut);  // asked without a time-out
+        EXPECT_TRUE(bounded.GaveUp());
+        {
+            const NyRt::BoundedWaits inner(1000);
+            EXPECT_FALSE(inner.GaveUp());
+            EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get()), NyRt::TimedOut);
+            EXPECT_TRUE(inner.GaveUp());
+        }
+        EXPECT_TRUE(bounded.GaveUp());
+    }
+    {
+        // A wait with its own time-out keeps it, and a scope whose waits succeed did not give up.
+        const NyRt::BoundedWaits bounded(1000);
+        EXPECT_EQ(NyRt::SemaphorePost(semaphore.Get()), NyRt::Ok);
+        EXPECT_EQ(NyRt::SemaphoreWait(semaphore.Get()), NyRt::Ok);
+        EXPECT_FALSE(bounded.GaveUp());
+    }
+    // Outside any scope the wait is endless again: it returns once the holder lets go.
+    std::thread releaser([&] { release = true; });
+    EXPECT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+    EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    releaser.join();
+    holder.join();
+    // Bounds belong to their thread: another thread's endless wait is not bounded by ours.
+    const NyRt::BoundedWaits bounded(1);
+    std::thread other([&] {
+        EXPECT_EQ(NyRt::LockEnter(lock.Get()), NyRt::Ok);
+        EXPECT_EQ(NyRt::LockExit(lock.Get()), NyRt::Ok);
+    });
+    other.join();
+    EXPECT_FALSE(bounded.GaveUp());
+}
+
 TEST(RuntimeLock, ExitByNonOwnerIsRefused) {
     Ny::Object<NyRt::Lock> lock;
     ASSERT_EQ(NyRt::LockCreate(lock.Out()), NyRt::Ok);

@@ -22,7 +22,40 @@ std::chrono::microseconds ToDuration(std::uint64_t us) {
     return std::chrono::microseconds(static_cast<std::int64_t>(us));
 }
 
+// The calling thread's bound on waits without a time-out (see BoundedWaits), and whether one gave up.
+thread_local std::uint64_t waitLimitUs = NoTimeout;
+thread_local bool waitGaveUp = false;
+
+// A wait asked without a time-out: for ever, unless the thread bounds such waits. False when it gave up.
+template <class Predicate>
+bool WaitWithoutTimeout(std::condition_variable& condition, std::unique_lock<std::mutex>& guard,
+                        Predicate ready) {
+    if (waitLimitUs == NoTimeout) {
+        condition.wait(guard, ready);
+        return true;
+    }
+    if (condition.wait_for(guard, ToDuration(waitLimitUs), ready)) {
+        return true;
+    }
+    waitGaveUp = true;
+    return false;
+}
+
 }  // namespace
+
+BoundedWaits::BoundedWaits(std::uint64_t limitUs) : previousLimit(waitLimitUs), previousGaveUp(waitGaveUp) {
+    waitLimitUs = limitUs;
+    waitGaveUp = false;
+}
+
+BoundedWaits::~BoundedWaits() {
+    waitLimitUs = previousLimit;
+    waitGaveUp = previousGaveUp || waitGaveUp;
+}
+
+bool BoundedWaits::GaveUp() const {
+    return waitGaveUp;
+}
 
 // A re-entrant lock with a timed enter, built on one mutex and one condition variable so that the
 // owner and depth are always consistent with the waiters' view.
@@ -61,7 +94,9 @@ Status LockEnter(Lock* lock, std::uint64_t timeoutUs) {
     }
     const auto isFree = [lock] { return lock->depth == 0; };
     if (timeoutUs == NoTimeout) {
-        lock->released.wait(guard, isFree);
+        if (!WaitWithoutTimeout(lock->released, guard, isFree)) {
+            return TimedOut;
+        }
     } else if (!lock->released.wait_for(guard, ToDuration(timeoutUs), isFree)) {
         return TimedOut;
     }
@@ -128,7 +163,9 @@ Status SemaphoreWait(Semaphore* semaphore, std::uint64_t timeoutUs) {
     std::unique_lock guard(semaphore->mutex);
     const auto available = [semaphore] { return semaphore->count > 0; };
     if (timeoutUs == NoTimeout) {
-        semaphore->posted.wait(guard, available);
+        if (!WaitWithoutTimeout(semaphore->posted, guard, available)) {
+            return TimedOut;
+        }
     } else if (!semaphore->posted.wait_for(guard, ToDuration(timeoutUs), available)) {
         return TimedOut;
     }
@@ -206,7 +243,9 @@ Status ThreadJoin(Thread* thread, std::uint64_t timeoutUs, Status* exitStatus) {
     std::unique_lock guard(thread->mutex);
     const auto done = [thread] { return !thread->running; };
     if (timeoutUs == NoTimeout) {
-        thread->finished.wait(guard, done);
+        if (!WaitWithoutTimeout(thread->finished, guard, done)) {
+            return TimedOut;
+        }
     } else if (!thread->finished.wait_for(guard, ToDuration(timeoutUs), done)) {
         return TimedOut;
     }

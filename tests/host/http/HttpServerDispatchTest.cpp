@@ -197,6 +197,15 @@ class HttpServerDispatch : public ::testing::TestWithParam<unsigned> {
         } else if (request.target == "/work/held") {
             workEntered.Open();
             EXPECT_TRUE(workGate.Wait(30s));
+        } else if (request.target == "/read/busy") {
+            // Would have to wait on the I/O thread: asks for a worker, where it answers.
+            if (request.onIoThread) {
+                ++retriesAsked;
+                HttpResponse retry;
+                retry.retryOnWorker = true;
+                retry.body = "{\"dropped\":true}";
+                return retry;
+            }
         } else if (request.target == "/read/throw/std") {
             throw std::runtime_error("read failed");
         } else if (request.target == "/read/throw/ny") {
@@ -219,6 +228,7 @@ class HttpServerDispatch : public ::testing::TestWithParam<unsigned> {
     std::mutex threadsMutex;
     std::map<std::string, std::string> threads;  // the thread that ran each target's handler
     std::unique_ptr<HttpServer> server;
+    std::atomic<int> retriesAsked{0};
 };
 
 TEST_P(HttpServerDispatch, ReadRunsOnTheIoThreadAndCompletesWhileWaitingAndWorkerRequestsAreHeld) {
@@ -249,6 +259,21 @@ TEST_P(HttpServerDispatch, ReadRunsOnTheIoThreadAndCompletesWhileWaitingAndWorke
     ASSERT_TRUE(waited && worked);
     EXPECT_EQ(waited->status, 200);
     EXPECT_EQ(worked->status, 200);
+}
+
+TEST_P(HttpServerDispatch, AReadThatWouldWaitOnTheIoThreadRunsAgainOnAWorkerAndIsAnsweredOnce) {
+    Start(Options());
+    Client client(server->Port());
+    ASSERT_TRUE(client.Send("GET", "/read/busy"));
+    auto reply = client.ReadReply();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, 200);
+    EXPECT_EQ(reply->body, "{\"ok\":true}");  // the worker's reply, not the dropped one
+    EXPECT_EQ(retriesAsked.load(), 1);
+    EXPECT_EQ(ThreadOf("/read/busy"), "NyHttp.Worker");
+    // One reply only: the next request on the connection gets its own.
+    EXPECT_EQ(client.Status("GET", "/read"), 200);
+    EXPECT_EQ(ThreadOf("/read"), "NyHttp.Io");
 }
 
 TEST_P(HttpServerDispatch, StopDrainsInlineAndWaitingRequestsInProgress) {

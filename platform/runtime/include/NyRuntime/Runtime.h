@@ -53,6 +53,27 @@ Status ThreadStart(Thread* thread, ThreadFx fx, void* argument);
 // `exitStatus`, when given, receives the status the thread function returned (0 if never started).
 Status ThreadJoin(Thread* thread, std::uint64_t timeoutUs = NoTimeout, Status* exitStatus = nullptr);
 
+// Bounds, for the calling thread and as long as it lives, every wait the runtime would otherwise make
+// without end (LockEnter, SemaphoreWait and ThreadJoin with NoTimeout) to `limitUs`: such a wait then
+// returns TimedOut, and GaveUp() says so. For a thread that must not block on what other code holds (a
+// network thread answering a read gives up and hands the request to a thread that may wait). Waits
+// with a time-out of their own keep it. Scopes nest: the innermost limit holds until it ends, and an
+// inner scope that gave up tells the outer one too.
+class BoundedWaits {
+  public:
+    explicit BoundedWaits(std::uint64_t limitUs);
+    ~BoundedWaits();
+    BoundedWaits(const BoundedWaits&) = delete;
+    BoundedWaits& operator=(const BoundedWaits&) = delete;
+
+    // True once a wait of this scope (or of one nested in it) gave up.
+    bool GaveUp() const;
+
+  private:
+    std::uint64_t previousLimit;
+    bool previousGaveUp;
+};
+
 // A small, stable number for the calling thread (the kernel's thread id).
 std::uint32_t CurrentThreadId();
 void Sleep(std::uint64_t microseconds);
