@@ -336,20 +336,30 @@ TEST_F(HttpServerHooksTest, AReportThatThrowsCostsNothingButItsLine) {
     EXPECT_TRUE(log.WaitFor("Reporting a request failed: metrics broke", 2));
 }
 
-TEST_F(HttpServerHooksTest, AnAdoptedListeningSocketIsServedAndClosedAtTheStop) {
-    const int fd = LoopbackSocket(true);
-    const std::uint16_t port = LocalPort(fd);
+TEST_F(HttpServerHooksTest, AdoptedListeningSocketsAreEachServedToldAndClosedAtTheStop) {
+    const int firstFd = LoopbackSocket(true);
+    const int secondFd = LoopbackSocket(true);
+    const std::uint16_t first = LocalPort(firstFd);
+    const std::uint16_t second = LocalPort(secondFd);
     auto options = Options();
     options.address = "192.0.2.1";  // ignored: nothing is bound
-    options.listenFds = {fd};
+    options.listenFds = {firstFd, secondFd};
     StartServer(options);
-    EXPECT_EQ(server->Port(), port);
+    EXPECT_EQ(server->Port(), first);
     EXPECT_EQ(server->Address(), "127.0.0.1");
-    const auto reply = Exchange(port, Request("GET", "/adopted"));
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->body, R"({"path":"/adopted"})");
+    const auto& endpoints = server->Endpoints();
+    ASSERT_EQ(endpoints.size(), 2u);
+    EXPECT_EQ(endpoints[0].port, first);
+    EXPECT_EQ(endpoints[1].port, second);
+    EXPECT_EQ(endpoints[1].address, "127.0.0.1");
+    for (const std::uint16_t port : {first, second}) {
+        const auto reply = Exchange(port, Request("GET", "/adopted"));
+        ASSERT_TRUE(reply) << port;
+        EXPECT_EQ(reply->body, R"({"path":"/adopted"})");
+    }
     server->Stop();
-    EXPECT_FALSE(Client(port).Connected());
+    EXPECT_FALSE(Client(first).Connected());
+    EXPECT_FALSE(Client(second).Connected());
 }
 
 TEST_F(HttpServerHooksTest, ADescriptorThatIsNotAListeningTcpSocketIsRefusedAndClosed) {
