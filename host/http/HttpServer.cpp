@@ -688,6 +688,7 @@ struct HttpServer::Impl {
     std::atomic<bool> stopping{false};  // set once by Stop(), read on every thread (seq_cst)
     std::uint16_t boundPort = 0;        // written by Start() before any thread starts; read-only after
     std::string boundAddress;           // likewise
+    std::vector<BoundEndpoint> boundEndpoints;  // likewise: every listener's, the first being the above
     // Connections open now, event streams included; each holds one ticket (see Accept).
     std::atomic<std::size_t> openConnections{0};
     // Event streams dropped for being too slow; written on their strands, read by anyone (relaxed: a count).
@@ -1703,9 +1704,12 @@ void HttpServer::Impl::Listen() {
             }
         }
     }
-    const auto bound = listeners.front().acceptor.local_endpoint();
-    boundPort = bound.port();
-    boundAddress = bound.address().to_string();
+    for (const auto& listener : listeners) {
+        const auto bound = listener.acceptor.local_endpoint();
+        boundEndpoints.push_back({bound.address().to_string(), bound.port()});
+    }
+    boundPort = boundEndpoints.front().port;
+    boundAddress = boundEndpoints.front().address;
 }
 
 // A descriptor passed by whoever started us is checked rather than trusted: accepting on a datagram or
@@ -1984,6 +1988,10 @@ std::uint16_t HttpServer::Port() const {
 
 std::string HttpServer::Address() const {
     return impl->boundAddress;
+}
+
+const std::vector<BoundEndpoint>& HttpServer::Endpoints() const {
+    return impl->boundEndpoints;
 }
 
 void HttpServer::PublishEvent(const std::string& event, const std::string& data) {

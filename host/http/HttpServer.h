@@ -133,6 +133,12 @@ struct RequestOutcome {
     bool handled;
 };
 
+// An address and port the server accepts connections on.
+struct BoundEndpoint {
+    std::string address;  // as the socket tells it, e.g. "127.0.0.1" or "::1"
+    std::uint16_t port = 0;
+};
+
 struct HttpServerOptions {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080;  // 0 picks a free port; Port() tells which
@@ -187,7 +193,8 @@ struct HttpServerOptions {
     std::size_t eventReplayBytes = 256 * 1024;
     // Adopted listening sockets (socket activation): non-empty means bind nothing and accept on these
     // (already bound and listening, TCP, IPv4 or IPv6; `address` and `port` are ignored). The server owns
-    // them and closes them, even when Start() fails or is never called. Port()/Address() tell the first's.
+    // them and closes them, even when Start() fails or is never called. Port()/Address() tell the first's,
+    // Endpoints() every one.
     std::vector<int> listenFds;
     // Called on an I/O thread for every answered request (see RequestOutcome): must be quick; an
     // exception it throws is logged and dropped. Empty: nothing reported.
@@ -231,6 +238,9 @@ class HttpServer {
     // The bound port and address (the real port when 0 was asked). Valid after Start(); thread-safe.
     std::uint16_t Port() const;
     std::string Address() const;
+    // Every listening socket's address and port, in the order of `listenFds` (the one bound otherwise).
+    // Valid after Start(); thread-safe (fixed from then on).
+    const std::vector<BoundEndpoint>& Endpoints() const;
 
     // Numbers "id: <id>\nevent: <event>\ndata: <data>\n\n", keeps it for clients that reconnect, and
     // queues it for every stream client (a `data` of several lines becomes one "data: " line each).

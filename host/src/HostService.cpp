@@ -150,10 +150,11 @@ void HostService::Start(ServiceBinding binding) {
         }
     };
     // The transport answers "/health" (its default) itself, before the policy: see the class comment.
-    // The policy asks the server for the bound port; the server is set before it can take a request.
+    // The policy asks the server for every socket it listens on (a service manager may hand over
+    // several); the server is set before it can take a request.
     policy = std::make_unique<RequestPolicy>(
         RequestPolicy::Settings{options.address, options.allowHosts, options.allowOrigins, options.token},
-        [this] { return server->Port(); });
+        [this] { return server->Endpoints(); });
     server = std::make_unique<HttpServer>(
         serverOptions, [this](const HttpRequest& request) { return Handle(request); },
         [this](const HttpRequest& request) { return policy->Check(request); });

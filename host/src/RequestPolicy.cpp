@@ -32,6 +32,15 @@ bool HasPort(const std::string& name) {
                        [](unsigned char c) { return std::isdigit(c) != 0; });
 }
 
+// An address as it appears in a Host header: lower case, an IPv6 literal in brackets.
+std::string HostForm(std::string address) {
+    address = Lower(std::move(address));
+    if (address.find(':') != std::string::npos && address.front() != '[') {
+        address = "[" + address + "]";
+    }
+    return address;
+}
+
 RequestPolicy::Settings Normalized(RequestPolicy::Settings settings) {
     for (auto& host : settings.allowHosts) {
         host = Lower(host);
@@ -39,10 +48,7 @@ RequestPolicy::Settings Normalized(RequestPolicy::Settings settings) {
     for (auto& origin : settings.allowOrigins) {
         origin = Lower(origin);
     }
-    settings.address = Lower(settings.address);
-    if (settings.address.find(':') != std::string::npos && settings.address.front() != '[') {
-        settings.address = "[" + settings.address + "]";  // as it appears in a Host header
-    }
+    settings.address = HostForm(std::move(settings.address));
     return settings;
 }
 
@@ -69,8 +75,8 @@ std::string RequestPath(const HttpRequest& request) {
 
 }  // namespace
 
-RequestPolicy::RequestPolicy(Settings settingsIn, std::function<std::uint16_t()> portIn)
-    : settings(Normalized(std::move(settingsIn))), port(std::move(portIn)) {}
+RequestPolicy::RequestPolicy(Settings settingsIn, std::function<std::vector<BoundEndpoint>()> endpointsIn)
+    : settings(Normalized(std::move(settingsIn))), endpoints(std::move(endpointsIn)) {}
 
 bool RequestPolicy::ChangesState(const std::string& method) {
     return method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE";
@@ -150,20 +156,42 @@ std::optional<HttpResponse> RequestPolicy::Decide(const HttpRequest& request) {
 }
 
 bool RequestPolicy::HostAllowed(const std::string& host) const {
-    const std::string suffix = ":" + std::to_string(port());
+    // A name given with its port stands for itself alone, whichever socket the request came in on.
+    if (std::find(settings.allowHosts.begin(), settings.allowHosts.end(), host) !=
+        settings.allowHosts.end()) {
+        return true;
+    }
+    if (!HasPort(host)) {
+        return false;
+    }
+    // Every name of ours goes with every port we listen on: a client may reach any of the sockets by any
+    // of the names, and none of them is another server's.
+    const size_t colon = host.rfind(':');
+    const std::string_view name = std::string_view(host).substr(0, colon);
+    const std::string_view portText = std::string_view(host).substr(colon + 1);
+    const auto bound = endpoints();
+    const bool ourPort = std::any_of(bound.begin(), bound.end(), [&](const BoundEndpoint& endpoint) {
+        return portText == std::to_string(endpoint.port);
+    });
+    if (!ourPort) {
+        return false;
+    }
     for (const char* loopback : {"localhost", "127.0.0.1", "[::1]"}) {
-        if (host == loopback + suffix) {
+        if (name == loopback) {
             return true;
         }
     }
-    if (host == settings.address + suffix) {
+    if (name == settings.address) {
         return true;
     }
-    // A name given without a port stands for itself on our port and on the scheme's default port (the
+    if (std::any_of(bound.begin(), bound.end(),
+                    [&](const BoundEndpoint& endpoint) { return name == HostForm(endpoint.address); })) {
+        return true;
+    }
+    // A name given without a port stands for itself on our ports and on the scheme's default port (the
     // form a client uses through a forwarding proxy).
-    return std::any_of(settings.allowHosts.begin(), settings.allowHosts.end(), [&](const std::string& name) {
-        return host == name || (!HasPort(name) && host == name + suffix);
-    });
+    return std::any_of(settings.allowHosts.begin(), settings.allowHosts.end(),
+                       [&](const std::string& allowed) { return !HasPort(allowed) && name == allowed; });
 }
 
 bool RequestPolicy::ListedOrigin(const std::string& origin) const {

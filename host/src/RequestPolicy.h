@@ -3,8 +3,9 @@
 // What it guards against: a client that reaches the port but names another server in its Host (a web
 // page that rebinds a foreign name to this address), a web page of another origin in the operator's
 // browser, and a client without the token, guessing it. In order, a request must
-//   1. name this server in Host: the listen address, a loopback name ("localhost", "127.0.0.1",
-//      "[::1]") with the bound port, or a name given with --allow-host (421 otherwise);
+//   1. name this server in Host: the listen address, a bound socket's address, a loopback name
+//      ("localhost", "127.0.0.1", "[::1]") or a name given with --allow-host, with the port of any socket
+//      the server listens on (several when the service manager hands over more than one) (421 otherwise);
 //   2. come from no browser origin, the same origin (scheme + an allowed Host), or an origin given with
 //      --allow-origin (403 otherwise); a CORS preflight from an allowed origin is answered here (204)
 //      without a token, since browsers never send one with it;
@@ -17,7 +18,7 @@
 //
 // Threads: `Check` runs on the transport's I/O threads, `Decorate` and `Audit` on its workers, all at
 // once; the failure table has its own lock, taken briefly and never around a call out. Owned by the host
-// service; the port function must stay callable while the policy is used.
+// service; the endpoints function must stay callable while the policy is used.
 #pragma once
 
 #include <chrono>
@@ -51,8 +52,8 @@ class RequestPolicy {
     static constexpr std::size_t kMaxTrackedAddresses = 4096;
     static constexpr int kPreflightMaxAgeSeconds = 600;
 
-    // `port` tells the bound port (known only once the server listens).
-    RequestPolicy(Settings settings, std::function<std::uint16_t()> port);
+    // `endpoints` tells every bound address and port (known only once the server listens).
+    RequestPolicy(Settings settings, std::function<std::vector<BoundEndpoint>()> endpoints);
 
     // The refusal (or the preflight's answer) for this request, or nothing to let it on. Never throws.
     std::optional<HttpResponse> Check(const HttpRequest& request);
@@ -88,7 +89,7 @@ class RequestPolicy {
     void RecordFailure(const std::string& peer) NY_EXCLUDES(failuresMutex);
 
     const Settings settings;
-    const std::function<std::uint16_t()> port;
+    const std::function<std::vector<BoundEndpoint>()> endpoints;
 
     // Lines that clients without the token can cause: audit lines of refused requests and refusal
     // summaries. A client rotating its address would otherwise get a line per address.

@@ -1,15 +1,24 @@
 // The request policy in-process, where many peers are cheap: the table of refused addresses stays
 // bounded however many addresses an attacker has.
+#include <functional>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "RequestPolicy.h"
 
 namespace {
 
+using NyHost::BoundEndpoint;
 using NyHost::HttpRequest;
 using NyHost::RequestPolicy;
 
 constexpr std::uint16_t kPort = 8443;
+
+// What the server tells of its listening sockets.
+std::function<std::vector<BoundEndpoint>()> Bound(std::vector<BoundEndpoint> endpoints) {
+    return [endpoints] { return endpoints; };
+}
 
 HttpRequest Guess(const std::string& peer) {
     HttpRequest request;
@@ -26,7 +35,7 @@ int StatusOf(RequestPolicy& policy, const HttpRequest& request) {
 }
 
 TEST(RequestPolicy, ManyAddressesCannotGrowTheFailureTable) {
-    RequestPolicy policy({"127.0.0.1", {}, {}, "the-right-token-0123456789"}, [] { return kPort; });
+    RequestPolicy policy({"127.0.0.1", {}, {}, "the-right-token-0123456789"}, Bound({{"127.0.0.1", kPort}}));
     for (unsigned i = 0; i < RequestPolicy::kFailuresBeforeSlowdown; ++i) {
         EXPECT_EQ(StatusOf(policy, Guess("10.0.0.1")), 401);
     }
@@ -50,7 +59,7 @@ TEST(RequestPolicy, ManyAddressesCannotGrowTheFailureTable) {
 // guesses, or any page could lock the operator out.
 TEST(RequestPolicy, RequestsWithoutCredentialsCannotLockOutTheToken) {
     const std::string token = "the-right-token-0123456789";
-    RequestPolicy policy({"127.0.0.1", {}, {}, token}, [] { return kPort; });
+    RequestPolicy policy({"127.0.0.1", {}, {}, token}, Bound({{"127.0.0.1", kPort}}));
     HttpRequest bare = Guess("127.0.0.1");
     bare.headers = {{"Host", "127.0.0.1:8443"}, {"Accept", "image/*"}};
     for (unsigned i = 0; i < 3 * RequestPolicy::kFailuresBeforeSlowdown; ++i) {
@@ -66,22 +75,40 @@ TEST(RequestPolicy, RequestsWithoutCredentialsCannotLockOutTheToken) {
     EXPECT_EQ(StatusOf(policy, Guess("127.0.0.1")), 429);
 }
 
+int HostStatus(RequestPolicy& policy, const std::string& host) {
+    HttpRequest request;
+    request.method = "GET";
+    request.target = "/routines";
+    request.headers = {{"Host", host}};
+    return StatusOf(policy, request);
+}
+
 TEST(RequestPolicy, HostNamesWithAndWithoutPorts) {
     RequestPolicy policy({"::1", {"Device.Example", "proxy.example:443", "[fd00::5]"}, {}, ""},
-                         [] { return kPort; });
-    auto status = [&](const std::string& host) {
-        HttpRequest request;
-        request.method = "GET";
-        request.target = "/routines";
-        request.headers = {{"Host", host}};
-        return StatusOf(policy, request);
-    };
+                         Bound({{"::1", kPort}}));
+    auto status = [&](const std::string& host) { return HostStatus(policy, host); };
     for (const char* allowed : {"[::1]:8443", "device.example", "DEVICE.example:8443", "proxy.example:443",
                                 "[fd00::5]", "[fd00::5]:8443"}) {
         EXPECT_EQ(status(allowed), 200) << allowed;
     }
     for (const char* refused : {"::1", "[::1]", "device.example:80", "proxy.example", "proxy.example:8443",
                                 "device.example.evil:8443", "[fd00::5]:1", ""}) {
+        EXPECT_EQ(status(refused), 421) << refused;
+    }
+}
+
+// Sockets handed over by a service manager: every one's port goes with every name of ours, and each
+// socket's own address is a name of ours too, though the listen address names only the first.
+TEST(RequestPolicy, EveryBoundSocketNamesThisServer) {
+    RequestPolicy policy({"127.0.0.1", {"device.example"}, {}, ""},
+                         Bound({{"127.0.0.1", 8443}, {"::1", 9443}, {"192.0.2.7", 7443}}));
+    auto status = [&](const std::string& host) { return HostStatus(policy, host); };
+    for (const char* allowed : {"127.0.0.1:8443", "localhost:9443", "127.0.0.1:7443", "[::1]:9443",
+                                "[::1]:8443", "192.0.2.7:7443", "192.0.2.7:9443", "device.example:7443"}) {
+        EXPECT_EQ(status(allowed), 200) << allowed;
+    }
+    for (const char* refused : {"localhost:9444", "192.0.2.8:7443", "[::1]", "192.0.2.7", "device.example:80",
+                                "evil.example:9443"}) {
         EXPECT_EQ(status(refused), 421) << refused;
     }
 }

@@ -1,5 +1,5 @@
 // The real routine-host under a service manager, played by this test: the notification socket it
-// reports to (readiness, watchdog, stopping) and the listening socket it is handed. Every wait is a
+// reports to (readiness, watchdog, stopping) and the listening sockets it is handed. Every wait is a
 // poll with a generous bound.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -209,12 +209,12 @@ TEST(ServiceManager, ReadyOnceListeningWatchdogWhileWorkersAnswerStoppingOnTerm)
     EXPECT_TRUE(notify.WaitFor("STOPPING=1", 5s, &pings));
 }
 
-// The host started as a service manager starts it for a socket unit: the listening socket on fd 3,
-// LISTEN_FDS=1 and LISTEN_PID naming the host itself.
+// The host started as a service manager starts it for a socket unit: the listening sockets on fd 3
+// onwards, LISTEN_FDS=<their count> and LISTEN_PID naming the host itself.
 class ActivatedHost {
   public:
-    // `listening`: bound and listening; handed to the host as fd 3 and closed here.
-    ActivatedHost(int listening, std::vector<std::string> extraArguments) {
+    // `listening`: bound and listening; handed to the host as fd 3, 4, ... in this order and closed here.
+    ActivatedHost(std::vector<int> listening, std::vector<std::string> extraArguments) {
         int output[2];
         if (::pipe2(output, O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe failed");
@@ -232,7 +232,7 @@ class ActivatedHost {
                 variables.emplace_back(*entry);
             }
         }
-        variables.emplace_back("LISTEN_FDS=1");
+        variables.emplace_back("LISTEN_FDS=" + std::to_string(listening.size()));
         // Filled in the child, which alone knows its pid: only async-signal-safe work after fork.
         variables.emplace_back("LISTEN_PID=" + std::string(20, '\0'));
         std::vector<char*> argv;
@@ -262,18 +262,22 @@ class ActivatedHost {
             pidText[count] = '\0';
             ::dup2(output[1], STDOUT_FILENO);
             ::dup2(log, STDERR_FILENO);
-            // dup2 onto itself keeps close-on-exec; the socket must survive the exec as fd 3.
-            if (listening == 3) {
-                ::fcntl(3, F_SETFD, 0);
-            } else {
-                ::dup2(listening, 3);
+            // Moved out of the way first, so that placing one cannot overwrite another that sits on its
+            // target; the copies close on exec, and dup2's targets do not.
+            for (int& fd : listening) {
+                fd = ::fcntl(fd, F_DUPFD_CLOEXEC, kSpareFdBase);
+            }
+            for (std::size_t i = 0; i < listening.size(); ++i) {
+                ::dup2(listening[i], 3 + static_cast<int>(i));
             }
             ::execve(NYR_HOST, argv.data(), envp.data());
             ::_exit(127);
         }
         ::close(output[1]);
         ::close(log);
-        ::close(listening);
+        for (const int fd : listening) {
+            ::close(fd);
+        }
         // "listening on ..." once serving; nothing (end of file) when it refused to start.
         std::string line;
         pollfd ready{output[0], POLLIN, 0};
@@ -320,6 +324,7 @@ class ActivatedHost {
     std::string firstLine;
 
   private:
+    static constexpr int kSpareFdBase = 100;  // above anything the handed-over sockets are moved to
     pid_t pid = -1;
     std::string logFile;
 };
@@ -345,7 +350,7 @@ TEST(ServiceManager, ServesTheSocketItIsHandedAndHoldsAWildcardOneToTheExposureR
         int port = 0;
         const int fd = ListeningSocket("127.0.0.1", port);
         ASSERT_GE(fd, 0);
-        ActivatedHost host(fd, {"--log-level", "info"});
+        ActivatedHost host({fd}, {"--log-level", "info"});
         ASSERT_EQ(host.firstLine, "listening on http://127.0.0.1:" + std::to_string(port) + "\n")
             << host.Log();
         HttpConnection connection(port);
@@ -359,12 +364,39 @@ TEST(ServiceManager, ServesTheSocketItIsHandedAndHoldsAWildcardOneToTheExposureR
         EXPECT_EQ(host.Terminate(), 0);
     }
     {
+        // Two sockets (two ListenStream= lines): each is served, and a request naming either port, by
+        // any of the host's names, is this host's.
+        int firstPort = 0;
+        int secondPort = 0;
+        const int firstFd = ListeningSocket("127.0.0.1", firstPort);
+        const int secondFd = ListeningSocket("127.0.0.1", secondPort);
+        ASSERT_GE(firstFd, 0);
+        ASSERT_GE(secondFd, 0);
+        ActivatedHost host({firstFd, secondFd}, {});
+        ASSERT_EQ(host.firstLine, "listening on http://127.0.0.1:" + std::to_string(firstPort) + "\n")
+            << host.Log();
+        for (const int port : {firstPort, secondPort}) {
+            for (const std::string name : {"127.0.0.1", "localhost"}) {
+                HttpConnection connection(port);
+                ASSERT_TRUE(connection.SendRaw("GET /routineTypes HTTP/1.1\r\nHost: " + name + ":" +
+                                               std::to_string(port) + "\r\n\r\n"));
+                const auto reply = connection.ReadReply();
+                EXPECT_EQ(reply.status, 200) << name << ":" << port;
+            }
+        }
+        // A port that is none of ours (a free one is never 1) still names another server.
+        HttpConnection connection(secondPort);
+        ASSERT_TRUE(connection.SendRaw("GET /routineTypes HTTP/1.1\r\nHost: 127.0.0.1:1\r\n\r\n"));
+        EXPECT_EQ(connection.ReadReply().status, 421);
+        EXPECT_EQ(host.Terminate(), 0);
+    }
+    {
         // Every address: reachable from other machines, so refused without TLS and a token, although the
         // options name loopback. The host never serves on it.
         int port = 0;
         const int fd = ListeningSocket("0.0.0.0", port);
         ASSERT_GE(fd, 0);
-        ActivatedHost host(fd, {"--token", "0123456789abcdef0123"});
+        ActivatedHost host({fd}, {"--token", "0123456789abcdef0123"});
         EXPECT_EQ(host.firstLine, "");
         // A refused setting: the unit does not restart it on every connection the socket takes.
         EXPECT_EQ(host.ExitStatus(30s), 2);
@@ -380,7 +412,7 @@ TEST(ServiceManager, ServesTheSocketItIsHandedAndHoldsAWildcardOneToTheExposureR
         bound.sin_family = AF_INET;
         bound.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound), 0);
-        ActivatedHost host(fd, {});
+        ActivatedHost host({fd}, {});
         EXPECT_EQ(host.firstLine, "");
         EXPECT_EQ(host.ExitStatus(30s), 2);
         EXPECT_NE(host.Log().find("not a listening TCP socket"), std::string::npos) << host.Log();
