@@ -3,22 +3,20 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "NyApi/Exception.h"
+#include "Sha256.h"
 
 namespace NyPlugin::Internal {
 
@@ -48,10 +46,6 @@ class FileDescriptor {
     int fd;
 };
 
-struct DigestFree {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
 [[noreturn]] void ThrowCannotRead(const fs::path& from, int error) {
     if (error == ENOENT) {
         throw NY_EXCEPTION(Ny::Status::NotFound, "Plug-in %s does not exist.", from.string().c_str());
@@ -75,10 +69,7 @@ std::string HashCopying(const fs::path& from, int out, const fs::path& to) {
         throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %s is not a regular file.",
                            from.string().c_str());
     }
-    const std::unique_ptr<EVP_MD_CTX, DigestFree> context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        throw NY_EXCEPTION(Ny::Status::InvalidValue, "Plug-in %s cannot be hashed.", from.string().c_str());
-    }
+    Sha256 digest;
     std::vector<unsigned char> chunk(kChunkBytes);
     for (;;) {
         const ssize_t got = ::read(in.Get(), chunk.data(), chunk.size());
@@ -91,7 +82,7 @@ std::string HashCopying(const fs::path& from, int out, const fs::path& to) {
         if (got == 0) {
             break;
         }
-        EVP_DigestUpdate(context.get(), chunk.data(), static_cast<size_t>(got));
+        digest.Update(chunk.data(), static_cast<size_t>(got));
         for (ssize_t written = 0; out >= 0 && written < got;) {
             const ssize_t put = ::write(out, chunk.data() + written, static_cast<size_t>(got - written));
             if (put < 0 && errno == EINTR) {
@@ -104,17 +95,7 @@ std::string HashCopying(const fs::path& from, int out, const fs::path& to) {
             written += put;
         }
     }
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(context.get(), digest.data(), &length);
-    static constexpr char kHexDigits[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(2 * length);
-    for (unsigned int i = 0; i < length; ++i) {
-        hex.push_back(kHexDigits[digest[i] >> 4]);
-        hex.push_back(kHexDigits[digest[i] & 0xF]);
-    }
-    return hex;
+    return digest.FinishHex();
 }
 
 // The layout this process's loader expects: its own word size and byte order.
