@@ -1,12 +1,28 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "LogCapture.h"
 #include "NyApi/Locker.h"
+#include "NyApi/Logging.h"
 #include "NyApi/Object.h"
+#include "NyApi/Properties/Structure.h"
 #include "NyRuntime/Runtime.h"
+
+// Call sites for the log context test, outside the anonymous namespace so that their names are plain.
+namespace LogSites {
+template <typename T>
+void Measured(T value) {
+    NY_LOG(Ny::Logging::Level::Progress, "measured %d", static_cast<int>(value));
+}
+struct Step {
+    void Report() { NY_LOG(Ny::Logging::Level::Notice, "%s", "step"); }
+};
+}  // namespace LogSites
 
 namespace {
 
@@ -174,6 +190,84 @@ TEST(RuntimeLog, LinesReachTheSinkFormatted) {
     NyRt::Log("RoutinesResource::SetRoutineParams: %s", "not updating parameters");
     EXPECT_EQ(log.RuntimeLines(),
               std::vector<std::string>{"RoutinesResource::SetRoutineParams: not updating parameters"});
+}
+
+// Each call site names its own function, for every instantiation of a template, whether its first line
+// was logged with a sink or without one; the name is the enclosing function's, not the macro's helper.
+TEST(RuntimeLog, ContextIsTheQualifiedNameOfEachCallSite) {
+    LogSites::Measured(1.5);  // no sink yet: the first use of this call site's context
+    NyTest::LogCapture log;
+    LogSites::Measured(1.5);
+    LogSites::Measured(2);
+    LogSites::Step().Report();
+    LogSites::Measured(3);
+    std::vector<std::string> contexts;
+    for (const auto& record : log.Records()) {
+        contexts.push_back(record.context);
+    }
+    EXPECT_EQ(contexts, (std::vector<std::string>{"LogSites::Measured", "LogSites::Measured",
+                                                  "LogSites::Step::Report", "LogSites::Measured"}));
+}
+
+// Schema entries are kept in place for the first and in a vector from the second on; both forms of
+// RegisterSchema must behave the same on either side of that switch and of the vector's first growth.
+TEST(SchemaRegistration, EntriesAreReplacedOrKeptByKeyInOrderAtAnyCount) {
+    constexpr int EntryCount = 12;  // past the in-place entry and the vector's first capacity
+    Ny::Properties::Structure node;
+    std::vector<std::unique_ptr<Ny::Properties::Structure>> children;
+    for (int i = 0; i <= EntryCount; ++i) {
+        children.push_back(std::make_unique<Ny::Properties::Structure>(false));
+    }
+    Ny::Properties::Structure& spare = *children.back();
+
+    // An empty key is a key like any other.
+    EXPECT_EQ(&node.RegisterSchema("", spare), &spare);
+    EXPECT_EQ(&node.RegisterSchema("", spare, false), &spare);
+    ASSERT_EQ(node.SchemaEntries().size(), 1u);
+    for (int i = 1; i < EntryCount; ++i) {
+        // Keys of one length and first letter, told apart only by the rest.
+        EXPECT_EQ(&node.RegisterSchema("key" + std::to_string(i % 10) + std::to_string(i), *children[i]),
+                  children[i].get());
+    }
+    ASSERT_EQ(node.SchemaEntries().size(), static_cast<size_t>(EntryCount));
+    EXPECT_EQ(node.Schema()->Find("key55"), children[5].get());
+
+    // Kept: the entry turned on before stays and is what the call returns.
+    EXPECT_EQ(&node.RegisterSchema("key33", spare, false), children[3].get());
+    EXPECT_EQ(&node.RegisterSchema("", *children[0], false), &spare);
+    // Replaced in its place, and the schema view follows.
+    EXPECT_EQ(&node.RegisterSchema("key55", spare), &spare);
+    EXPECT_EQ(&node.RegisterSchema("", *children[0]), children[0].get());
+    ASSERT_EQ(node.SchemaEntries().size(), static_cast<size_t>(EntryCount));
+    EXPECT_EQ(node.SchemaEntries()[0].child, children[0].get());
+    EXPECT_EQ(node.SchemaEntries()[3].key, "key33");
+    EXPECT_EQ(node.SchemaEntries()[3].child, children[3].get());
+    EXPECT_EQ(node.SchemaEntries()[5].child, &spare);
+    EXPECT_EQ(node.Schema()->Find("key55"), &spare);
+    EXPECT_EQ(node.Schema()->Children().size(), static_cast<size_t>(EntryCount));
+}
+
+TEST(SchemaRegistration, StructureReplacesChildrenInPlaceWithOrWithoutReserving) {
+    constexpr int ChildCount = 10;  // past the first and second growth of the children
+    for (const bool reserve : {false, true}) {
+        Ny::Properties::Structure node;
+        if (reserve) {
+            node.Reserve(ChildCount);
+        }
+        Ny::Properties::Structure children[ChildCount];
+        Ny::Properties::Structure replacement;
+        for (int i = 0; i < ChildCount; ++i) {
+            node.Register("c" + std::to_string(i), children[i]);
+        }
+        EXPECT_EQ(&node.Register("c7", replacement), &replacement);
+        ASSERT_EQ(node.Children().size(), static_cast<size_t>(ChildCount));
+        for (int i = 0; i < ChildCount; ++i) {
+            EXPECT_EQ(node.Children()[i].key, "c" + std::to_string(i));
+            EXPECT_EQ(node.Find("c" + std::to_string(i)), i == 7 ? &replacement : &children[i]);
+        }
+        EXPECT_EQ(node.Find("c"), nullptr);
+        EXPECT_EQ(node.Find("c10"), nullptr);
+    }
 }
 
 }  // namespace

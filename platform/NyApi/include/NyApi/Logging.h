@@ -3,8 +3,9 @@
 // Every line carries the source line and file, a 64-bit level word, a context (usually the qualified
 // function name) and a printf-style text; positional placeholders ("%1$s") are supported. Lines go to
 // one sink for the whole process. Without a sink lines are dropped before they are formatted, so
-// logging on hot paths costs one atomic load. Thread-safe: any thread may log while another replaces
-// the sink; a line already being delivered finishes with the sink it started with.
+// logging on hot paths costs one atomic load (and NY_LOG's once-per-call-site context check). Thread-safe:
+// any thread may log while another replaces the sink; a line already being delivered finishes with the sink
+// it started with.
 #pragma once
 
 #include <cstdint>
@@ -67,9 +68,18 @@ LogSink SetSink(LogSink sink);
 
 }  // namespace Ny::Logging
 
-#define NY_LOG(levelWord, ...)                                   \
-    ::Ny::Logging::Ny_Debug_Log(__LINE__, __FILE__, (levelWord), \
-                                ::Ny::QualifiedName(__PRETTY_FUNCTION__).c_str(), __VA_ARGS__)
+// The context is the enclosing function's qualified name, worked out once per call site (and per
+// instantiation of a template) on its first use and kept in a static of the lambda: lines on hot paths
+// pay no string work when there is no sink, nor for the name when there is one. The name is taken
+// outside the lambda, where __PRETTY_FUNCTION__ still names the enclosing function.
+#define NY_LOG(levelWord, ...)                                                            \
+    ::Ny::Logging::Ny_Debug_Log(                                                          \
+        __LINE__, __FILE__, (levelWord),                                                  \
+        [](const char* nyPrettyFunction_) -> const char* {                                \
+            static const std::string nyContext_ = ::Ny::QualifiedName(nyPrettyFunction_); \
+            return nyContext_.c_str();                                                    \
+        }(__PRETTY_FUNCTION__),                                                           \
+        __VA_ARGS__)
 
 namespace Ny {
 // "void Ny::Foo<T>::Bar(int) [with T = int]" -> "Ny::Foo<T>::Bar": the qualified function name.

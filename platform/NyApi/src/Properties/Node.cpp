@@ -1,5 +1,7 @@
 #include "NyApi/Properties/Node.h"
 
+#include <algorithm>
+
 #include "NyApi/Exception.h"
 #include "NyApi/Properties/ArrayBase.h"
 #include "NyApi/Properties/Structure.h"
@@ -7,9 +9,25 @@
 
 namespace Ny::Properties {
 
-Node::Node() = default;
+namespace {
+// The schema entries of a parameter with everything a field commonly shows: type, title, sortOrder,
+// readOnly, and minimum and maximum or enum and enumText, with room for one more. Taken in one
+// allocation when a node has a second entry, so that no parameter reallocates while it is built.
+constexpr size_t SpilledCapacity = 8;
+// A structure's first allocation of children: an item schema's one "type" fits, and a parameter group
+// of a dozen fields grows twice instead of five times when it does not reserve its size.
+constexpr size_t FirstChildrenCapacity = 4;
 
-Node::~Node() = default;
+// Schema keys are short and mostly differ in length or first letter: those are told apart without a
+// call into the library's compare.
+bool SameKey(const std::string& a, const std::string& b) {
+    return a.size() == b.size() && (a.empty() || (a[0] == b[0] && a.compare(b) == 0));
+}
+}  // namespace
+
+void Node::SchemaViewDeleter::operator()(Structure* view) const noexcept {
+    delete view;
+}
 
 void Node::SetWriteOnly(bool writeOnlyIn) {
     writeOnly = writeOnlyIn;
@@ -20,18 +38,31 @@ void Node::AddChangeHandler(ChangeHandler handler) {
 }
 
 Node& Node::RegisterSchema(const std::string& key, Node& child) {
+    return EnterSchema(key, child, true);
+}
+
+Node& Node::RegisterSchema(const std::string& key, Node& child, bool unique) {
+    return EnterSchema(key, child, unique);
+}
+
+Node& Node::EnterSchema(const std::string& key, Node& child, bool replace) {
+    // One pass over the entries for both forms: every parameter enters several keys while it is built.
     for (auto& entry : MutableSchemaEntries()) {
-        if (entry.key == key) {
+        if (SameKey(entry.key, key)) {
+            if (!replace) {
+                return *entry.child;
+            }
             entry.child = &child;
             schemaView.reset();
             return child;
         }
     }
     if (schemaCount == 0) {
-        singleEntry = {key, &child};
+        singleEntry.key = key;
+        singleEntry.child = &child;
     } else {
         if (schemaCount == 1) {
-            schemaEntries.reserve(4);  // type, title, sortOrder and one more in one allocation
+            schemaEntries.reserve(SpilledCapacity);
             schemaEntries.push_back(std::move(singleEntry));
         }
         schemaEntries.push_back({key, &child});
@@ -41,20 +72,10 @@ Node& Node::RegisterSchema(const std::string& key, Node& child) {
     return child;
 }
 
-Node& Node::RegisterSchema(const std::string& key, Node& child, bool unique) {
-    if (!unique) {
-        for (const auto& entry : SchemaEntries()) {
-            if (entry.key == key) {
-                return *entry.child;
-            }
-        }
-    }
-    return RegisterSchema(key, child);
-}
-
 Structure* Node::Schema() const {
     if (!schemaView) {
-        schemaView = std::make_unique<Structure>(false);
+        schemaView.reset(new Structure(false));
+        schemaView->Reserve(SchemaEntries().size());
         for (const auto& entry : SchemaEntries()) {
             schemaView->Register(entry.key, *entry.child);
         }
@@ -78,10 +99,6 @@ void Node::NotifyChange() {
     }
 }
 
-Structure::Structure(bool closedIn) : closed(closedIn) {}
-
-Structure::~Structure() = default;
-
 void Structure::CopyValues(const Node& other) {
     const auto& source = dynamic_cast<const Structure&>(other);
     for (const auto& child : children) {
@@ -102,10 +119,13 @@ void Structure::Accept(INodeVisitor& visitor) {
 
 Node& Structure::Register(const std::string& key, Node& child) {
     for (auto& existing : children) {
-        if (existing.key == key) {
+        if (SameKey(existing.key, key)) {
             existing.node = &child;
             return child;
         }
+    }
+    if (children.size() == children.capacity()) {
+        children.reserve(std::max(FirstChildrenCapacity, 2 * children.size()));
     }
     children.push_back({key, &child});
     return child;
@@ -113,7 +133,7 @@ Node& Structure::Register(const std::string& key, Node& child) {
 
 Node* Structure::Find(const std::string& key) const {
     for (const auto& child : children) {
-        if (child.key == key) {
+        if (SameKey(child.key, key)) {
             return child.node;
         }
     }
@@ -122,10 +142,6 @@ Node* Structure::Find(const std::string& key) const {
 
 namespace Internal {
 
-ValueBase::ValueBase() = default;
-
-ValueBase::~ValueBase() = default;
-
 void ValueBase::Accept(INodeVisitorConst& visitor) const {
     visitor.Visit(*this);
 }
@@ -133,10 +149,6 @@ void ValueBase::Accept(INodeVisitorConst& visitor) const {
 void ValueBase::Accept(INodeVisitor& visitor) {
     visitor.Visit(*this);
 }
-
-ArrayBase::ArrayBase() = default;
-
-ArrayBase::~ArrayBase() = default;
 
 void ArrayBase::Accept(INodeVisitorConst& visitor) const {
     visitor.Visit(*this);
@@ -154,10 +166,6 @@ Structure& ArrayBase::ElementAt(size_t index) const {
 }
 
 }  // namespace Internal
-
-ReferenceArray::ReferenceArray() = default;
-
-ReferenceArray::~ReferenceArray() = default;
 
 void ReferenceArray::CopyValues(const Node& other) {
     items = dynamic_cast<const ReferenceArray&>(other).items;

@@ -15,8 +15,8 @@ namespace Internal {
 
 class ArrayBase : public Node {
   public:
-    ArrayBase();
-    ~ArrayBase() override;
+    ArrayBase() = default;
+    ~ArrayBase() override = default;
     void Accept(INodeVisitorConst& visitor) const override;
     void Accept(INodeVisitor& visitor) override;
 
@@ -40,8 +40,8 @@ class ArrayBase : public Node {
 
 class ReferenceArray : public Node {
   public:
-    ReferenceArray();
-    ~ReferenceArray() override;
+    ReferenceArray() = default;
+    ~ReferenceArray() override = default;
     void CopyValues(const Node& other) override;
     void Accept(INodeVisitorConst& visitor) const override;
     void Accept(INodeVisitor& visitor) override;

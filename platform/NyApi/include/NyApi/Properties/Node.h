@@ -52,11 +52,13 @@ class Node {
         Node* child;
     };
 
-    Node();
+    // Inline: a document builds and drops hundreds of nodes per read, and most have nothing to free
+    // but their entries.
+    Node() = default;
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
 
-    virtual ~Node();
+    virtual ~Node() = default;
     // Copies the values of `other` (a node of the same kind) into this node. Throws std::bad_cast for a
     // node of another kind.
     virtual void CopyValues(const Node& other) = 0;
@@ -88,6 +90,15 @@ class Node {
     void NotifyChange();
 
   private:
+    // RegisterSchema's two forms: `replace` false keeps an entry already under `key`.
+    Node& EnterSchema(const std::string& key, Node& child, bool replace);
+
+    // Frees a schema view out of line, where Structure is complete, so that the destructor above can
+    // stay inline and only pays a null check for the nodes whose view was never asked for.
+    struct SchemaViewDeleter {
+        void operator()(Structure* view) const noexcept;
+    };
+
     std::vector<ChangeHandler> handlers;
     std::span<SchemaEntry> MutableSchemaEntries() {
         return schemaCount == 1 ? std::span<SchemaEntry>(&singleEntry, 1)
@@ -96,11 +107,11 @@ class Node {
 
     // Most nodes have one schema entry (a value's "type"): it is kept in place, so that building a
     // document of hundreds of nodes does not allocate per node. From the second entry on, all entries
-    // are in the vector.
+    // are in the vector, which takes room for SpilledCapacity at once.
     SchemaEntry singleEntry{{}, nullptr};
     std::vector<SchemaEntry> schemaEntries;
     size_t schemaCount = 0;
-    mutable std::unique_ptr<Structure> schemaView;  // mirror of the entries for Schema()
+    mutable std::unique_ptr<Structure, SchemaViewDeleter> schemaView;  // mirror of the entries for Schema()
     bool writeOnly = false;
 };
 

@@ -5,6 +5,7 @@
 // its own schema children. Not thread-safe (see Node).
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,8 @@ class Structure : public Node {
 
     // `closed`: true for structures that are documents of their own (parameter groups, documents);
     // false for helper structures such as an array value's item schema. Serialization is the same.
-    explicit Structure(bool closed = true);
-    ~Structure() override;
+    explicit Structure(bool closedIn = true) : closed(closedIn) {}
+    ~Structure() override = default;
 
     // Copies each child's values from the child of the same key in `other` (a Structure; else
     // std::bad_cast). Children missing on either side are left alone.
@@ -32,6 +33,9 @@ class Structure : public Node {
 
     // Adds `child` under `key` after the existing children. A key registered before is replaced in place.
     Node& Register(const std::string& key, Node& child);
+    // Makes room for `count` children in all, so that a structure that knows its size registers them
+    // without reallocating. Changes nothing else.
+    void Reserve(size_t count) { children.reserve(count); }
     Node* Find(const std::string& key) const;
     const std::vector<Child>& Children() const { return children; }
     bool Closed() const { return closed; }

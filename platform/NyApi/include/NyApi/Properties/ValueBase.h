@@ -55,8 +55,8 @@ namespace Internal {
 
 class ValueBase : public Node, public IValueIo {
   public:
-    ValueBase();
-    ~ValueBase() override;
+    ValueBase() = default;
+    ~ValueBase() override = default;
     void Accept(INodeVisitorConst& visitor) const override;
     void Accept(INodeVisitor& visitor) override;
 };
