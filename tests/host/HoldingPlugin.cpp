@@ -1,8 +1,11 @@
-// A test plug-in with one routine type, "HoldsAbort", whose completion callback blocks until a file
-// exists: an abort runs that callback on the thread of the request that asked for it, so a test can hold
-// that thread as long as it likes and let it go by creating the file. The file is named by the host's
-// environment variable NYR_TEST_GATE; without it, or after 60 s, the callback returns at once. Once the
-// routine's code has put the callback in place it creates "<gate>.running".
+// A test plug-in whose routine types hold a request's thread until a file exists, so that a test can hold
+// it as long as it likes and let it go by creating the file:
+// - "HoldsAbort": its completion callback blocks; an abort runs that callback on the thread of the request
+//   that asked for it. Once the routine's code has put the callback in place it creates "<gate>.running".
+// - "HoldsChange": its parameters' change callback blocks; a write of its parameters runs it with the
+//   routine's lock held, so reads of that routine wait too. It creates "<gate>.changing" when it starts.
+// The file is named by the host's environment variable NYR_TEST_GATE; without it, or after 60 s, the
+// callbacks return at once.
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -16,6 +19,7 @@
 #include "NyRoutine/IRoutine.h"
 #include "NyRoutine/IRoutineFactory.h"
 #include "NyRoutine/IRoutineHost.h"
+#include "NyRoutine/Routine.h"
 #include "NyRoutine/RoutinePlugin.h"
 
 namespace {
@@ -53,6 +57,33 @@ class HoldsAbort : public NyRoutine::IRoutine {
     void FreeResults(const Ny::Properties::Structure*) override {}
 };
 
+struct ChangeParams : Ny::Params::Group {
+    ChangeParams() {
+        AddParameter("samples", samples, "Samples");
+        samples = 10;
+    }
+    Ny::Params::Value<unsigned int> samples;
+};
+
+class HoldsChange : public NyRoutine::RoutineBase<> {
+  public:
+    void Run(IRoutineHost& host) override {
+        host.SetTotalSteps(1);
+        const bool given = host.GetParams(params, [](Ny::Properties::Structure&) {
+            if (const char* gate = std::getenv("NYR_TEST_GATE"); gate != nullptr) {
+                std::ofstream(std::string(gate) + ".changing") << "changing\n";
+            }
+            WaitForGate();
+        });
+        if (given) {
+            host.WaitForContinue([](IRoutineHost&) {});
+        }
+    }
+
+  private:
+    ChangeParams params;
+};
+
 class HoldsAbortFactory : public NyRoutine::IRoutineFactory {
   public:
     std::shared_ptr<NyRoutine::IRoutine> CreateRoutine() override { return std::make_shared<HoldsAbort>(); }
@@ -65,5 +96,6 @@ NY_PLUGIN_ENTRY(sink) {
     auto factory = std::make_shared<HoldsAbortFactory>();
     plugin->AddRoutineInfo(NyRoutine::RoutineInfo("HoldsAbort", *factory, true));
     plugin->AddOwnedObject(factory);
+    plugin->AddRoutineType<HoldsChange>(NyRoutine::RoutineInfo("HoldsChange", true));
     sink.Add(plugin);
 }

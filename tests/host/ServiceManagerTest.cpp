@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -155,6 +156,7 @@ class Gate {
     ~Gate() {
         ::unlink(path.c_str());
         ::unlink((path + ".running").c_str());
+        ::unlink((path + ".changing").c_str());
         ::rmdir(dir.c_str());
     }
     Gate(const Gate&) = delete;
@@ -163,6 +165,8 @@ class Gate {
     void Open() const { std::ofstream(path) << "open\n"; }
     // The routine's code runs and its abort will hold (see HoldingPlugin.cpp).
     bool Running() const { return ::access((path + ".running").c_str(), F_OK) == 0; }
+    // A "HoldsChange" routine's change callback waits at the gate (see HoldingPlugin.cpp).
+    bool Changing() const { return ::access((path + ".changing").c_str(), F_OK) == 0; }
 
   private:
     std::string dir;
@@ -211,6 +215,56 @@ TEST(ServiceManager, ReadyOnceListeningWatchdogWhileWorkersAnswerStoppingOnTerm)
 
 // The host started as a service manager starts it for a socket unit: the listening sockets on fd 3
 // onwards, LISTEN_FDS=<their count> and LISTEN_PID naming the host itself.
+// Plug-in code holding a routine's lock (a slow change callback) must hold neither the network threads,
+// where reads run, nor the watchdog: reads of that routine wait on a worker, everything else goes on.
+TEST(ServiceManager, ReadsWaitingForPluginCodeHoldNeitherTheNetworkNorTheWatchdog) {
+    NotifySocket notify;
+    ASSERT_TRUE(notify.Bound());
+    Gate gate;
+    HostProcess host({"--plugins", NYR_HOLDING_PLUGIN_DIR, "--log-level", "info"},
+                     {notify.Variable(), "WATCHDOG_USEC=" + std::to_string(kWatchdogUsec), gate.Variable()});
+    ASSERT_TRUE(notify.WaitFor("READY=1")) << host.Log();
+    ASSERT_EQ(
+        host.Request("POST", "/routines", json{{"type", "HoldsChange"}}.dump(), {"Prefer: respond-async"})
+            .status,
+        202)
+        << host.Log();
+    const std::string routine = "/routines/HoldsChange-0";
+    ASSERT_TRUE(NyTest::Eventually([&] { return host.Request("GET", routine).status == 200; }, 20s));
+    HttpConnection change(host.Port(), 60s);
+    ASSERT_TRUE(change.SendRaw("PATCH " + routine + " HTTP/1.1\r\n" + host.HostHeader() +
+                               "\r\nContent-Type: application/json\r\nContent-Length: 28\r\n\r\n"
+                               "{\"parameters\":{\"samples\":5}}"));
+    ASSERT_TRUE(NyTest::Eventually([&] { return gate.Changing(); }, 20s)) << host.Log();
+
+    // More reads of the held routine than there are network threads: each would have held one.
+    std::vector<std::unique_ptr<HttpConnection>> readers;
+    for (int i = 0; i < 4; ++i) {
+        readers.push_back(std::make_unique<HttpConnection>(host.Port(), 60s));
+        ASSERT_TRUE(
+            readers.back()->SendRaw("GET " + routine + " HTTP/1.1\r\n" + host.HostHeader() + "\r\n\r\n"));
+    }
+    // While the gate is closed: other reads, health and the watchdog all answer.
+    HttpConnection other(host.Port(), 10s);
+    ASSERT_TRUE(other.SendRaw("GET /health HTTP/1.1\r\n" + host.HostHeader() + "\r\n\r\n"));
+    EXPECT_EQ(other.ReadReply().status, 200) << host.Log();
+    ASSERT_TRUE(other.SendRaw("GET /routineTypes HTTP/1.1\r\n" + host.HostHeader() + "\r\n\r\n"));
+    EXPECT_EQ(other.ReadReply().status, 200) << host.Log();
+    EXPECT_TRUE(notify.WaitFor("WATCHDOG=1")) << host.Log();
+
+    gate.Open();
+    EXPECT_EQ(change.ReadReply().status, 204) << host.Log();
+    for (auto& reader : readers) {
+        const auto reply = reader->ReadReply();
+        EXPECT_EQ(reply.status, 200) << host.Log();
+        EXPECT_EQ(json::parse(reply.body, nullptr, false)
+                      .value("parameters", json::object())
+                      .value("samples", json()),
+                  json(5))
+            << reply.body;
+    }
+}
+
 class ActivatedHost {
   public:
     // `listening`: bound and listening; handed to the host as fd 3, 4, ... in this order and closed here.
