@@ -268,8 +268,12 @@ TEST(HostMetrics, CreationsTheTransportTurnsAwayAreCountedAsRefused) {
         },
         std::chrono::seconds(30)))
         << host.Log();
-    const auto samples = Samples(host.Request("GET", "/metrics").body);
-    EXPECT_EQ(samples.at(R"(routine_host_routine_creations_refused_total{cause="busy"})"), transportRefusals);
+    // A request is counted once its reply is written, so its client may read the reply first.
+    EXPECT_TRUE(Eventually([&] {
+        const auto samples = Samples(host.Request("GET", "/metrics").body);
+        return samples.at(R"(routine_host_routine_creations_refused_total{cause="busy"})") ==
+               transportRefusals;
+    })) << host.Request("GET", "/metrics").body;
 
     gate.Open();
     // Every restore is answered: those that found every thread taken are turned away (503), which counts
