@@ -78,7 +78,9 @@ TEST(RuntimeBoundedWaits, AThreadThatMustNotBlockGivesUpOnEveryEndlessWaitAndSay
             EXPECT_TRUE(inner.GaveUp());
         }
         EXPECT_TRUE(bounded.GaveUp());
+        EXPECT_TRUE(NyRt::WaitsGaveUp());
     }
+    EXPECT_FALSE(NyRt::WaitsGaveUp());  // outside every scope nothing has given up
     {
         // A wait with its own time-out keeps it, and a scope whose waits succeed did not give up.
         const NyRt::BoundedWaits bounded(1000);

@@ -9,6 +9,7 @@
 #include "NyApi/Logging.h"
 #include "NyRest/Path.h"
 #include "NyRest/ResourceBase.h"
+#include "NyRuntime/Runtime.h"
 
 namespace NyRest {
 
@@ -457,7 +458,8 @@ Response ResourceRouter::Dispatch(const std::string& method, const std::string& 
         response.status = HttpStatusFor(e);
         response.headers.clear();
         response.body = ErrorBody(e);
-        if (response.status >= 500) {
+        // A wait its thread gave up on is no failure: the request runs again where it may wait.
+        if (response.status >= 500 && !NyRt::WaitsGaveUp()) {
             NY_LOG(Ny::Logging::Level::CaughtFailure, "%s %s failed: %s", method.c_str(), target.c_str(),
                    e.what());
         }

@@ -25,6 +25,7 @@ std::chrono::microseconds ToDuration(std::uint64_t us) {
 // The calling thread's bound on waits without a time-out (see BoundedWaits), and whether one gave up.
 thread_local std::uint64_t waitLimitUs = NoTimeout;
 thread_local bool waitGaveUp = false;
+thread_local unsigned boundedScopes = 0;  // BoundedWaits alive on this thread
 
 // A wait asked without a time-out: for ever, unless the thread bounds such waits. False when it gave up.
 template <class Predicate>
@@ -46,14 +47,21 @@ bool WaitWithoutTimeout(std::condition_variable& condition, std::unique_lock<std
 BoundedWaits::BoundedWaits(std::uint64_t limitUs) : previousLimit(waitLimitUs), previousGaveUp(waitGaveUp) {
     waitLimitUs = limitUs;
     waitGaveUp = false;
+    ++boundedScopes;
 }
 
 BoundedWaits::~BoundedWaits() {
     waitLimitUs = previousLimit;
-    waitGaveUp = previousGaveUp || waitGaveUp;
+    --boundedScopes;
+    // Told to the enclosing scope, if any; outside every scope nothing has given up.
+    waitGaveUp = boundedScopes > 0 && (previousGaveUp || waitGaveUp);
 }
 
 bool BoundedWaits::GaveUp() const {
+    return waitGaveUp;
+}
+
+bool WaitsGaveUp() {
     return waitGaveUp;
 }
 

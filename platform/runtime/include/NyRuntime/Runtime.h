@@ -74,6 +74,11 @@ class BoundedWaits {
     bool previousGaveUp;
 };
 
+// True when a wait of the calling thread's innermost BoundedWaits scope (or one nested in it) gave up;
+// false outside any scope. Lets code far from the scope tell a wait given up from a failure (and not
+// report it as one).
+bool WaitsGaveUp();
+
 // A small, stable number for the calling thread (the kernel's thread id).
 std::uint32_t CurrentThreadId();
 void Sleep(std::uint64_t microseconds);
