@@ -1858,38 +1858,37 @@ std::shared_ptr<EventClient> HttpServer::Impl::AddEventClientLocked(
     return events;
 }
 
-bool HttpServer::Impl::CallRunsInline(const HttpRequest& request) const {
-    if (!options.runsInline) {
+namespace {
+
+// Asks one of the owner's classifying predicates about a request; one that is missing, throws or cannot
+// decide gives `safer`, logged.
+bool Classify(const std::function<bool(const HttpRequest&)>& predicate, const HttpRequest& request,
+              bool safer) {
+    if (!predicate) {
         return false;
     }
     try {
-        return options.runsInline(request);
+        return predicate(request);
     } catch (const std::exception& e) {
-        // The safer answer: a worker never holds up the connections of an I/O thread.
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed: %3$s",
                request.method.c_str(), request.target.c_str(), e.what());
     } catch (...) {
         NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed with an unknown error.",
                request.method.c_str(), request.target.c_str());
     }
-    return false;
+    return safer;
+}
+
+}  // namespace
+
+bool HttpServer::Impl::CallRunsInline(const HttpRequest& request) const {
+    // The safer answer: a worker never holds up the connections of an I/O thread.
+    return Classify(options.runsInline, request, false);
 }
 
 bool HttpServer::Impl::CallMayWait(const HttpRequest& request) const {
-    if (!options.mayWait) {
-        return false;
-    }
-    try {
-        return options.mayWait(request);
-    } catch (const std::exception& e) {
-        // A predicate that cannot decide gives the safer answer: a thread of its own never starves others.
-        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed: %3$s",
-               request.method.c_str(), request.target.c_str(), e.what());
-    } catch (...) {
-        NY_LOG(Ny::Logging::Level::CaughtFailure, "Classifying %1$s %2$s failed with an unknown error.",
-               request.method.c_str(), request.target.c_str());
-    }
-    return true;
+    // The safer answer: a thread of its own never starves others.
+    return Classify(options.mayWait, request, true);
 }
 
 HttpResponse HttpServer::Impl::CallHandler(const HttpRequest& request) const {
